@@ -1,0 +1,51 @@
+# What `cmake --install` puts where, in three components: runtime (the shared library), development (headers, archive,
+# CMake package, pkg-config file) and tools (the programs and the models that they ship with, installed by tools/).
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(zevrant_cmake_folder "${CMAKE_INSTALL_LIBDIR}/cmake/zevrant")
+
+install(TARGETS zevrant EXPORT zevrantTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(TARGETS zevrant_static EXPORT zevrantStaticTargets
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(FILES engine/interface/zevrant.h engine/interface/zevrant.hpp
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+
+if(ZEVRANT_OBJC)
+  install(TARGETS zevrant_objc ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
+  install(FILES engine/interface/EngineAdapterObjC.h
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+endif()
+
+install(EXPORT zevrantTargets NAMESPACE zevrant::
+  DESTINATION "${zevrant_cmake_folder}" COMPONENT development)
+install(EXPORT zevrantStaticTargets NAMESPACE zevrant::
+  DESTINATION "${zevrant_cmake_folder}" COMPONENT development)
+configure_package_config_file(cmake/zevrantConfig.cmake.in "${PROJECT_BINARY_DIR}/zevrantConfig.cmake"
+  INSTALL_DESTINATION "${zevrant_cmake_folder}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/zevrantConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/zevrantConfig.cmake" "${PROJECT_BINARY_DIR}/zevrantConfigVersion.cmake"
+  DESTINATION "${zevrant_cmake_folder}" COMPONENT development)
+
+# The pkg-config file finds its prefix from its own place, so that an installed tree may be moved.
+file(RELATIVE_PATH zevrant_prefix_from_pc "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+string(REGEX REPLACE "/$" "" zevrant_prefix_from_pc "${zevrant_prefix_from_pc}")
+configure_file(cmake/zevrant.pc.in "${PROJECT_BINARY_DIR}/zevrant.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/zevrant.pc"
+  DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+
+# The notices go with every package that holds code of others.
+set(notices_runtime "libzevrant${PROJECT_VERSION_MAJOR}")
+set(notices_development libzevrant-dev)
+set(notices_tools zevrant-tools)
+foreach(component runtime development)
+  install(FILES THIRD_PARTY_NOTICES.md
+    DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_${component}}" COMPONENT ${component})
+endforeach()
+if(ZEVRANT_TOOLS)
+  install(FILES THIRD_PARTY_NOTICES.md
+    DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_tools}" COMPONENT tools)
+endif()
