@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <new>
+#include <utility>
+
+namespace zevrant {
+
+// Memory for the blocks that the audio path takes and gives back in every frame.
+//
+// A freed block goes to a free list of its size class on the thread that freed it, and the next
+// request of that class on this thread takes it from there. So a stream that has been running for
+// a few frames asks the system for nothing, takes no lock, and finds its blocks warm in the cache.
+//
+// Sizes    Four classes per power of two, so a block is at most a quarter larger than asked for.
+// Align    Every block starts 64-byte aligned.
+// Bound    A thread keeps at most 64 MiB of free blocks; blocks over 16 MiB are never kept.
+// Threads  Any thread may free any block. A thread's free blocks go back to the system when it ends.
+// Errors   std::bad_alloc.
+//
+// Builds under AddressSanitizer hand every request to the system, so that it sees each lifetime.
+void* allocateRecycled(std::size_t numOfBytes);
+void freeRecycled(void* block, std::size_t numOfBytes) noexcept;
+
+// The pool as a standard allocator, for the control blocks of shared pointers and for small tables.
+template <class T>
+struct RecyclingAllocator {
+    using value_type = T;
+
+    RecyclingAllocator() = default;
+    template <class U>
+    RecyclingAllocator(const RecyclingAllocator<U>&) noexcept {}
+
+    T* allocate(std::size_t count) { return static_cast<T*>(allocateRecycled(count * sizeof(T))); }
+    void deallocate(T* block, std::size_t count) noexcept { freeRecycled(block, count * sizeof(T)); }
+
+    friend bool operator==(const RecyclingAllocator&, const RecyclingAllocator&) { return true; }
+};
+
+// Keeps the nodes of a list that shrinks for the same list when it grows again, so that a queue
+// in steady motion allocates no nodes. A value that offers dropContent() is asked to let go of what
+// it shares and may keep its own small tables; any other value is replaced by a new one.
+// Threads: those of the lists it serves; no locks.
+template <class T>
+class ListNodeReserve {
+  public:
+    template <class Value>
+    void append(std::list<T>& list, Value&& value) {
+        if (nodes.empty()) {
+            list.push_back(std::forward<Value>(value));
+            return;
+        }
+        nodes.front() = std::forward<Value>(value);
+        list.splice(list.end(), nodes, nodes.begin());
+    }
+
+    void removeFront(std::list<T>& list) {
+        drop(list.front());
+        nodes.splice(nodes.begin(), list, list.begin());
+    }
+
+    void clear(std::list<T>& list) {
+        while (!list.empty()) removeFront(list);
+    }
+
+    // Nodes that are kept now. A list that also gets nodes from elsewhere would let the reserve grow
+    // without end, so whoever empties one asks first.
+    std::size_t numOfNodes() const { return nodes.size(); }
+
+  private:
+    static void drop(T& value) {
+        if constexpr (requires { value.dropContent(); })
+            value.dropContent();
+        else
+            value = T();
+    }
+
+    std::list<T> nodes;
+};
+
+}  // namespace zevrant

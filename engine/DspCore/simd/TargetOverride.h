@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zevrant::simd {
+
+// One instruction set that the vector code was compiled for.
+struct Target {
+    std::int64_t id;   // the backend's bit for it
+    std::string name;  // the backend's name for it, as "AVX2"
+};
+
+// What this processor can run of what was compiled, the fastest first. The vector code takes the first.
+std::vector<Target> getUsableTargets();
+
+// For its life all vector code of the process runs on one instruction set, so that tests can compare
+// them. One at a time, and only while no other thread runs vector code that should not change.
+class ScopedTarget {
+  public:
+    explicit ScopedTarget(const Target& target);
+    ~ScopedTarget();
+
+    ScopedTarget(const ScopedTarget&) = delete;
+    ScopedTarget& operator=(const ScopedTarget&) = delete;
+};
+
+}  // namespace zevrant::simd

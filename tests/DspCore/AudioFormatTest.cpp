@@ -1,0 +1,135 @@
+#include "DspCore/AudioFormat.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <climits>
+#include <stdexcept>
+#include <string>
+
+namespace zevrant {
+namespace {
+
+using namespace SpeakerIdEnum;
+
+constexpr const char* layouts[] = {"",
+                                   "M",
+                                   "L R",
+                                   "L R C",
+                                   "L R LS RS",
+                                   "L R C LS RS",
+                                   "L R C LFE LS RS",
+                                   "L R C LS RS SL SR",
+                                   "L R C LFE LS RS SL SR",
+                                   "L R C LS RS SL SR TSL TSR",
+                                   "L R C LFE LS RS SL SR TSL TSR",
+                                   "N/A N/A N/A N/A N/A N/A N/A N/A N/A N/A N/A"};
+
+std::string getLayout(const AudioFormat& format) {
+    std::string layout;
+    for (const auto& description : format.speakerDescriptions)
+        layout += (layout.empty() ? "" : " ") + description->shortName;
+    return layout;
+}
+
+TEST(AudioFormat, defaultMappingsAreTheStandardLayouts) {
+    for (int numOfChannels = 0; numOfChannels <= 11; ++numOfChannels) {
+        AudioFormat format;
+        format.createDefaultChannelMapping(numOfChannels);
+        EXPECT_EQ(getLayout(format), layouts[numOfChannels]);
+        ASSERT_EQ(format.channelMapping.size(), static_cast<std::size_t>(numOfChannels));
+        ASSERT_EQ(format.speakerDescriptions.size(), format.channelMapping.size());
+        for (int c = 0; c < numOfChannels; ++c)
+            EXPECT_EQ(format.speakerDescriptions[c]->id, format.channelMapping[c]);
+    }
+}
+
+TEST(AudioFormat, anyLayoutFollowsAnyOther) {
+    for (int before = 0; before <= 10; ++before)
+        for (int after = 0; after <= 10; ++after) {
+            AudioFormat format;
+            format.createDefaultChannelMapping(before);
+            format.createDefaultChannelMapping(after);
+            EXPECT_EQ(getLayout(format), layouts[after]) << before << " channels before";
+        }
+}
+
+TEST(AudioFormat, countsWithoutLayoutKeepWhatSurvives) {
+    AudioFormat format;
+    format.createDefaultChannelMapping(3);
+    format.createDefaultChannelMapping(12);
+    EXPECT_EQ(getLayout(format), "L R C N/A N/A N/A N/A N/A N/A N/A N/A N/A");
+    format.createDefaultChannelMapping(11);
+    EXPECT_EQ(getLayout(format), "L R C N/A N/A N/A N/A N/A N/A N/A N/A");
+    for (const int negative : {-1, INT_MIN})
+        EXPECT_THROW(format.createDefaultChannelMapping(negative), std::length_error);
+}
+
+TEST(AudioFormat, descriptionsAreSharedByCopiesAndMadeAnewByUpdates) {
+    AudioFormat format;
+    EXPECT_EQ(format.sampleRate, 0.0);
+    format.createDefaultChannelMapping(2);
+    const AudioFormat copy = format;
+    EXPECT_EQ(copy.speakerDescriptions, format.speakerDescriptions);
+    copy.updateSpeakerDescriptions();
+    for (int c = 0; c < 2; ++c) EXPECT_NE(copy.speakerDescriptions[c], format.speakerDescriptions[c]);
+    EXPECT_EQ(getLayout(copy), getLayout(format));
+    format.channelMapping = {static_cast<SpeakerId>(22)};
+    format.updateSpeakerDescriptions();
+    EXPECT_EQ(getLayout(format), "N/A");
+    EXPECT_EQ(getLayout(copy), "L R");
+}
+
+bool contains(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The names say where a speaker stands; the top rear left one stands at the right on purpose.
+TEST(SpeakerDescription, positionsFollowFromTheNames) {
+    for (int id = M; id <= TSR; ++id) {
+        const SpeakerDescription speaker{static_cast<SpeakerId>(id)};
+        SCOPED_TRACE(speaker.name);
+        EXPECT_EQ(speaker.id, id);
+        const std::string& name = speaker.name;
+        const bool left = contains(name, "Left") || contains(name, "left");
+        const bool right = contains(name, "Right") || contains(name, "right");
+        const float side = id == TRL ? 1.0f : left ? -1.0f : right ? 1.0f : 0.0f;
+        EXPECT_EQ(speaker.x, contains(name, "of center") ? side / 2 : side);
+        const bool rear = contains(name, "rear") || contains(name, "urround") || id == LFE;
+        const bool between = contains(name, "ide ") || contains(name, "middle");
+        EXPECT_EQ(speaker.y, rear ? -1.0f : between ? 0.0f : 1.0f);
+        EXPECT_EQ(speaker.z, contains(name, "Top") ? 1.0f : 0.0f);
+        EXPECT_EQ(speaker.lowPassFrequency, id == LFE ? 120.0f : -1.0f);
+    }
+}
+
+// A short name is made of the initials of the name's words, apart from three speakers.
+TEST(SpeakerDescription, shortNamesAbbreviateNames) {
+    for (int id = M; id <= TSR; ++id) {
+        const SpeakerDescription speaker{static_cast<SpeakerId>(id)};
+        std::string initials;
+        for (std::size_t i = 0; i < speaker.name.size(); ++i)
+            if (i == 0 || speaker.name[i - 1] == ' ')
+                initials += static_cast<char>(std::toupper(speaker.name[i]));
+        const std::string expected = id == LC ? "LC" : id == RC ? "RC" : initials;
+        EXPECT_EQ(speaker.shortName, expected);
+    }
+    EXPECT_EQ(SpeakerDescription(LFE).name, "Low frequency effects");
+    EXPECT_EQ(SpeakerDescription(M).name, "Mono");
+    EXPECT_EQ(SpeakerDescription(S).name, "Surround");
+    EXPECT_EQ(SpeakerDescription(22).id, 22);
+}
+
+TEST(SpeakerDescription, idsWithoutSpeakerAreUndefinedAndKept) {
+    for (const int id : {0, 22, 23, 1000, INT_MAX, -1, INT_MIN}) {
+        const SpeakerDescription speaker{static_cast<SpeakerId>(id)};
+        EXPECT_EQ(speaker.id, id);
+        EXPECT_EQ(speaker.shortName, "N/A");
+        EXPECT_EQ(speaker.name, "Undefined");
+        EXPECT_EQ(speaker.lowPassFrequency, -1.0f);
+        EXPECT_TRUE(speaker.x == 0.0f && speaker.y == 0.0f && speaker.z == 0.0f);
+    }
+}
+
+}  // namespace
+}  // namespace zevrant

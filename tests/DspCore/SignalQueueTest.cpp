@@ -1,0 +1,159 @@
+#include "DspCore/SignalQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <random>
+#include <stdexcept>
+
+namespace zevrant {
+namespace {
+
+// A signal whose samples count on from first, with the channel in the thousands.
+Signal32 makeCounting(int numOfChannels, int numOfSamples, int first) {
+    Signal32 signal(numOfChannels, numOfSamples);
+    for (int c = 0; c < numOfChannels; ++c)
+        for (int i = 0; i < numOfSamples; ++i)
+            signal.getWriteChannelPtr(c)[i] = static_cast<float>(100000 * c + first + i);
+    return signal;
+}
+
+void expectCounting(const Signal32& signal, int first) {
+    for (int c = 0; c < signal.numOfChannels; ++c)
+        for (int i = 0; i < signal.numOfSamples; ++i)
+            ASSERT_EQ(signal.getReadChannelPtr(c)[i], static_cast<float>(100000 * c + first + i))
+                << "channel " << c << ", sample " << i;
+}
+
+// Random adds, gets, peeks and skips beside a model of the queue: two counters.
+TEST(SignalQueue, deliversWhatWasAddedInAnyBlocks) {
+    std::mt19937 generator(7);
+    const auto draw = [&](int low, int high) { return std::uniform_int_distribution(low, high)(generator); };
+    SignalQueue<Signal32> queue;
+    int numOfAdded = 0, numOfTaken = 0;
+    for (int step = 0; step < 5000; ++step) {
+        const int pending = numOfAdded - numOfTaken;
+        switch (draw(0, 4)) {
+            case 0:
+            case 1: {
+                const int count = draw(0, 40);
+                queue.add(makeCounting(2, count, numOfAdded));
+                numOfAdded += count;
+                break;
+            }
+            case 2: {
+                if (queue.numOfChannels < 1) break;
+                const int count = draw(0, pending);
+                const Signal32 out = queue.get(count);
+                ASSERT_EQ(out.numOfSamples, count);
+                expectCounting(out, numOfTaken);
+                numOfTaken += count;
+                break;
+            }
+            case 3: {
+                if (queue.numOfChannels < 1) break;
+                const int count = draw(0, pending);
+                expectCounting(queue.peek(count), numOfTaken);
+                break;
+            }
+            default: {
+                const int count = draw(0, 30);
+                queue.skip(count);
+                numOfTaken += std::min(count, pending);
+            }
+        }
+        ASSERT_EQ(queue.numOfSamples, numOfAdded - numOfTaken);
+        std::int64_t held = -queue.readOffset;
+        for (const Signal32& signal : queue.signals) held += signal.numOfSamples;
+        ASSERT_EQ(queue.numOfSamples, held);
+        ASSERT_TRUE(queue.signals.empty() || queue.readOffset < queue.signals.front().numOfSamples);
+    }
+}
+
+TEST(SignalQueue, keepsHandlesAndLetsGoOfUsedUpSignalsAtOnce) {
+    SignalQueue<Signal32> queue;
+    Signal32 first = makeCounting(1, 10, 0);
+    queue.add(first);
+    EXPECT_EQ(queue.signals.front().data, first.data);
+    first.getWriteChannelPtr(0)[0] = -1.0f;  // the writer parts from the queue
+    expectCounting(queue.get(4), 0);
+    EXPECT_EQ(queue.readOffset, 4);
+    const std::weak_ptr<SignalData<float>> block = queue.signals.front().data;
+    expectCounting(queue.get(6), 4);
+    EXPECT_TRUE(block.expired());
+    EXPECT_EQ(queue.readOffset, 0);
+    EXPECT_TRUE(queue.signals.empty());
+    EXPECT_EQ(queue.numOfChannels, 1);
+}
+
+TEST(SignalQueue, ignoresSignalsWithoutSamples) {
+    SignalQueue<Signal32> queue;
+    queue.add(Signal32());
+    queue.add(Signal32(2, 0));
+    EXPECT_EQ(queue.numOfChannels, -1);
+    queue.add(Signal32(2, -3));  // sets the channel count, and holds nothing to queue
+    EXPECT_EQ(queue.numOfChannels, 2);
+    EXPECT_TRUE(queue.signals.empty());
+    EXPECT_EQ(queue.numOfSamples, 0);
+}
+
+TEST(SignalQueue, aChannelChangeDropsTheOldAndUnsetsTheCountUntilTheNextSignal) {
+    SignalQueue<Signal32> queue;
+    queue.add(makeCounting(1, 8, 0));
+    queue.skip(3);
+    queue.add(makeCounting(2, 5, 0));
+    EXPECT_EQ(queue.numOfSamples, 5);
+    EXPECT_EQ(queue.readOffset, 0);
+    EXPECT_EQ(queue.numOfChannels, -1);
+    EXPECT_EQ(queue.peek(2).data, nullptr);
+    EXPECT_EQ(queue.get(2).data, nullptr);
+    EXPECT_EQ(queue.numOfSamples, 5);
+    queue.add(makeCounting(2, 5, 5));
+    EXPECT_EQ(queue.numOfChannels, 2);
+    expectCounting(queue.get(10), 0);
+}
+
+TEST(SignalQueue, peekKeepsWhatTheQueueCannotFill) {
+    SignalQueue<Signal32> queue;
+    Signal32 out(1, 6, 9.0f);
+    const Signal32 sharer = out;
+    queue.peek(out);
+    EXPECT_EQ(out.data, sharer.data);  // an empty queue touches nothing
+    queue.add(makeCounting(1, 4, 0));
+    queue.peek(out);
+    EXPECT_EQ(sharer.getReadChannelPtr(0)[0], 9.0f);
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(out.getReadChannelPtr(0)[i], i < 4 ? static_cast<float>(i) : 9.0f);
+    EXPECT_EQ(queue.numOfSamples, 4);
+}
+
+TEST(SignalQueue, skipsAcrossSignalsAndKeepsItsChannelsWhenEmptied) {
+    SignalQueue<Signal32> queue;
+    for (int block = 0; block < 3; ++block) queue.add(makeCounting(2, 10, 10 * block));
+    queue.skip(0);
+    EXPECT_EQ(queue.numOfSamples, 30);
+    queue.skip(10);
+    EXPECT_EQ(queue.signals.size(), 2u);
+    queue.skip(13);
+    EXPECT_EQ(queue.readOffset, 3);
+    expectCounting(queue.peek(7), 23);
+    queue.skip(1000);
+    EXPECT_EQ(queue.numOfSamples, 0);
+    EXPECT_EQ(queue.readOffset, 0);
+    EXPECT_EQ(queue.numOfChannels, 2);
+}
+
+TEST(SignalQueue, refusesToReadPastWhatItHolds) {
+    SignalQueue<Signal32> queue;
+    queue.add(makeCounting(1, 4, 0));
+    Signal32 tooLong(1, 5), tooWide(2, 2);
+    EXPECT_THROW(queue.get(tooLong), std::out_of_range);
+    EXPECT_THROW(queue.get(tooWide), std::out_of_range);
+    EXPECT_THROW(queue.peek(tooWide), std::out_of_range);
+    EXPECT_EQ(queue.numOfSamples, 4);
+    queue.reset();
+    EXPECT_EQ(queue.numOfChannels, -1);
+    EXPECT_TRUE(queue.signals.empty());
+}
+
+}  // namespace
+}  // namespace zevrant

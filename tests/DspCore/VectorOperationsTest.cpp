@@ -1,0 +1,587 @@
+#include "DspCore/VectorOperations.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <numbers>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "DspCore/simd/FloatingPointState.h"
+#include "DspCore/simd/TargetOverride.h"
+
+namespace zevrant {
+namespace {
+
+using Complex = std::complex<float>;
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kTiniest = std::numeric_limits<float>::denorm_min();
+
+// Both sides of every vector width and of four of them together, and a usual length.
+const std::vector<int> kCounts = [] {
+    std::vector<int> counts(36);
+    for (int n = 0; n < 36; ++n) counts[static_cast<std::size_t>(n)] = n;
+    for (int n : {47, 48, 49, 63, 64, 65, 127, 128, 129, 1000}) counts.push_back(n);
+    return counts;
+}();
+
+std::vector<float> noise(int n, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::uniform_real_distribution<float> values(-2.0f, 2.0f);
+    std::vector<float> row(static_cast<std::size_t>(n));
+    for (float& x : row) x = values(generator);
+    return row;
+}
+
+template <class Check>
+void onEveryTarget(Check check) {
+    for (const simd::Target& target : simd::getUsableTargets()) {
+        SCOPED_TRACE(target.name);
+        const simd::ScopedTarget scope(target);
+        check();
+    }
+}
+
+// Equal to the bit, any NaN being as good as another.
+bool same(float a, float b) {
+    return std::isnan(a) ? std::isnan(b) : std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
+}
+
+bool same(Complex a, Complex b) {
+    return same(a.real(), b.real()) && same(a.imag(), b.imag());
+}
+
+template <class T>
+std::vector<T> elements(int n, unsigned seed);
+
+template <>
+std::vector<float> elements(int n, unsigned seed) {
+    return noise(n, seed);
+}
+
+template <>
+std::vector<Complex> elements(int n, unsigned seed) {
+    const auto values = noise(2 * n, seed);
+    std::vector<Complex> row(static_cast<std::size_t>(n));
+    for (std::size_t i = 0; i < row.size(); ++i) row[i] = {values[2 * i], values[2 * i + 1]};
+    return row;
+}
+
+// An operation and the definition of one of its elements, given both inputs and what stood in the output.
+template <class T>
+struct RowOperation {
+    std::string name;
+    std::function<void(const T* a, const T* b, T* out, int n)> run;
+    std::function<T(T a, T b, T before)> define;
+};
+
+// Every count, odd addresses, the output apart from the inputs and the same as each of them, and the
+// values before and behind the row unchanged.
+template <class T>
+void checkRows(const RowOperation<T>& operation) {
+    SCOPED_TRACE(operation.name);
+    enum Placement { Apart, OnA, OnB };
+    for (const int n : kCounts)
+        for (const int offset : {0, 1, 3})
+            for (const Placement placement : {Apart, OnA, OnB}) {
+                const int size = offset + n + 1;
+                auto a = elements<T>(size, 1), b = elements<T>(size, 2), c = elements<T>(size, 3);
+                const auto a0 = a, b0 = b;
+                auto& out = placement == Apart ? c : placement == OnA ? a : b;
+                const auto before = out;
+                operation.run(a.data() + offset, b.data() + offset, out.data() + offset, n);
+                for (int i = 0; i < size; ++i) {
+                    const auto k = static_cast<std::size_t>(i);
+                    const bool inRow = i >= offset && i < offset + n;
+                    const T expected = inRow ? operation.define(a0[k], b0[k], before[k]) : before[k];
+                    ASSERT_TRUE(same(out[k], expected))
+                        << "n " << n << ", offset " << offset << ", placement " << placement << ", element "
+                        << i - offset << ": " << out[k] << " for " << expected;
+                }
+            }
+}
+
+TEST(VectorOperations, exactOperationsMatchTheirDefinitionToTheBit) {
+    const float c = 0.7f;
+    const std::vector<RowOperation<float>> operations = {
+        {"setToValue", [=](auto, auto, auto o, int n) { vo::setToValue(c, o, n); },
+         [=](float, float, float) { return c; }},
+        {"setToZero", [](auto, auto, auto o, int n) { vo::setToZero(o, n); },
+         [](float, float, float) { return 0.0f; }},
+        {"copy", [](auto a, auto, auto o, int n) { vo::copy(a, o, n); },
+         [](float a, float, float) { return a; }},
+        {"add", [](auto a, auto b, auto o, int n) { vo::add(a, b, o, n); },
+         [](float a, float b, float) { return a + b; }},
+        {"subtract", [](auto a, auto b, auto o, int n) { vo::subtract(a, b, o, n); },
+         [](float a, float b, float) { return b - a; }},
+        {"multiply", [](auto a, auto b, auto o, int n) { vo::multiply(a, b, o, n); },
+         [](float a, float b, float) { return a * b; }},
+        {"divide", [](auto a, auto b, auto o, int n) { vo::divide(a, b, o, n); },
+         [](float a, float b, float) { return b / a; }},
+        {"constantAdd", [=](auto a, auto, auto o, int n) { vo::constantAdd(a, c, o, n); },
+         [=](float a, float, float) { return a + c; }},
+        {"constantSubtract", [=](auto a, auto, auto o, int n) { vo::constantSubtract(a, c, o, n); },
+         [=](float a, float, float) { return a - c; }},
+        {"constantMultiply", [=](auto a, auto, auto o, int n) { vo::constantMultiply(a, c, o, n); },
+         [=](float a, float, float) { return a * c; }},
+        {"lowerBound", [=](auto a, auto, auto o, int n) { vo::lowerBound(a, o, -c, n); },
+         [=](float a, float, float) { return std::max(a, -c); }},
+        {"upperBound", [=](auto a, auto, auto o, int n) { vo::upperBound(a, o, c, n); },
+         [=](float a, float, float) { return std::min(a, c); }},
+        {"bound", [=](auto a, auto, auto o, int n) { vo::bound(a, o, -c, 0.5f, n); },
+         [=](float a, float, float) { return std::clamp(a, -c, 0.5f); }},
+    };
+    onEveryTarget([&] {
+        for (const auto& operation : operations) checkRows(operation);
+    });
+}
+
+TEST(VectorOperations, exactComplexOperationsMatchTheirDefinitionToTheBit) {
+    const Complex c(0.7f, -1.3f);
+    const auto product = [](Complex x, Complex y) {
+        return Complex(x.real() * y.real() - x.imag() * y.imag(), x.imag() * y.real() + x.real() * y.imag());
+    };
+    const std::vector<RowOperation<Complex>> operations = {
+        {"setToValue", [=](auto, auto, auto o, int n) { vo::setToValue(c, o, n); },
+         [=](Complex, Complex, Complex) { return c; }},
+        {"copy", [](auto a, auto, auto o, int n) { vo::copy(a, o, n); },
+         [](Complex a, Complex, Complex) { return a; }},
+        {"add", [](auto a, auto b, auto o, int n) { vo::add(a, b, o, n); },
+         [](Complex a, Complex b, Complex) { return a + b; }},
+        {"subtract", [](auto a, auto b, auto o, int n) { vo::subtract(a, b, o, n); },
+         [](Complex a, Complex b, Complex) { return b - a; }},
+        {"multiply", [](auto a, auto b, auto o, int n) { vo::multiply(a, b, o, n); },
+         [=](Complex a, Complex b, Complex) { return product(a, b); }},
+        {"constantMultiply", [=](auto a, auto, auto o, int n) { vo::constantMultiply(a, c, o, n); },
+         [=](Complex a, Complex, Complex) { return product(a, c); }},
+    };
+    onEveryTarget([&] {
+        for (const auto& operation : operations) checkRows(operation);
+    });
+}
+
+// Fused on the processors that can, and then in the tail of a row as well as in its vectors.
+TEST(VectorOperations, multiplyAddsAreFusedThroughoutOrNowhere) {
+    onEveryTarget([] {
+        // The square of 1 + 2^-12 has one bit more than float.
+        const float root = 1.0f + 0x1p-12f;
+        float probe = -1.0f;
+        vo::constantMultiplyAndAdd(&root, root, &probe, 1);
+        const bool fused = probe == 0x1p-11f + 0x1p-24f;
+        ASSERT_TRUE(fused || probe == 0x1p-11f);
+        const auto define = [=](float a, float b, float sum) {
+            return fused ? std::fma(a, b, sum) : a * b + sum;
+        };
+        const float c = 0.7f;
+        checkRows<float>({"multiplyAndAdd",
+                          [](auto a, auto b, auto o, int n) { vo::multiplyAndAdd(a, b, o, n); }, define});
+        checkRows<float>({"constantMultiplyAndAdd",
+                          [=](auto a, auto, auto o, int n) { vo::constantMultiplyAndAdd(a, c, o, n); },
+                          [=](float a, float, float sum) { return define(a, c, sum); }});
+    });
+}
+
+TEST(VectorOperations, boundsCompareAndNothingElse) {
+    const std::vector<float> in = {kNaN, kInfinity, -kInfinity, 0.0f, -0.0f, 1.0f, -1.0f, FLT_MAX, kTiniest};
+    const int n = static_cast<int>(in.size());
+    onEveryTarget([&] {
+        for (const float low : {-1.5f, 0.0f, -0.0f, 0.5f, -kInfinity, kNaN})
+            for (const float high : {1.5f, 0.0f, -0.5f, kInfinity, kNaN}) {
+                std::vector<float> raised(in.size()), lowered(in.size()), both(in.size());
+                vo::lowerBound(in.data(), raised.data(), low, n);
+                vo::upperBound(in.data(), lowered.data(), high, n);
+                vo::bound(in.data(), both.data(), low, high, n);
+                for (std::size_t i = 0; i < in.size(); ++i) {
+                    const float x = in[i];
+                    EXPECT_TRUE(same(raised[i], x < low ? low : x)) << x << " above " << low;
+                    EXPECT_TRUE(same(lowered[i], x > high ? high : x)) << x << " below " << high;
+                    EXPECT_TRUE(same(both[i], x < low    ? low
+                                              : x > high ? high
+                                                         : x))
+                        << x << " in " << low << " to " << high;
+                }
+            }
+    });
+}
+
+TEST(VectorOperations, copyMovesOverlappingRanges) {
+    for (const int n : kCounts)
+        for (const int shift : {-5, -1, 0, 1, 7}) {
+            auto row = elements<Complex>(n + 16, 4);
+            const auto before = row;
+            vo::copy(row.data() + 8, row.data() + 8 + shift, n);
+            for (int i = 0; i < n + 16; ++i) {
+                const int from = i - shift;
+                const bool moved = from >= 8 && from < 8 + n;
+                ASSERT_EQ(row[static_cast<std::size_t>(i)],
+                          before[static_cast<std::size_t>(moved ? from : i)]);
+            }
+        }
+}
+
+TEST(VectorOperations, widthConversionsRoundToNearest) {
+    onEveryTarget([] {
+        for (const int n : kCounts) {
+            const auto in = noise(n + 1, 5);
+            std::vector<double> wide(in.size() + 1, -9.0);
+            vo::convert32To64(in.data() + 1, wide.data() + 1, n);
+            for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i)
+                ASSERT_EQ(wide[i + 1], double{in[i + 1]});
+            ASSERT_EQ(wide.back(), -9.0);
+
+            for (double& x : wide) x *= 1.0 + 0x1p-25 / 3.0;
+            std::vector<float> narrow(wide.size() + 1, -9.0f);
+            vo::convert64To32(wide.data() + 1, narrow.data() + 1, n);
+            for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i)
+                ASSERT_EQ(narrow[i + 1], static_cast<float>(wide[i + 1]));
+            ASSERT_EQ(narrow[static_cast<std::size_t>(n) + 1], -9.0f);
+        }
+        // Ties go to even, what is too large to infinity, NaN stays.
+        const double edges[] = {1.0 + 0x1p-24, 1.0 + 0x3p-24, 1e300, -1e300,
+                                std::nan(""),  -0.0,          1e-46, 0x1p-149};
+        const float expected[] = {1.0f, 1.0f + 0x1p-22f, kInfinity, -kInfinity, kNaN, -0.0f, 0.0f, kTiniest};
+        float narrow[8];
+        vo::convert64To32(edges, narrow, 8);
+        for (int i = 0; i < 8; ++i) EXPECT_TRUE(same(narrow[i], expected[i])) << edges[i];
+    });
+}
+
+TEST(VectorOperations, decimateTakesEveryIndexBelowTheLength) {
+    const auto in = noise(200, 6);
+    for (const int length : {0, 1, 2, 31, 32, 33, 65, 200})
+        for (const int factor : {1, 2, 3, 4, 7, 250, INT32_MAX})
+            for (const int phase : {0, 1, 2, 6, 199, 200}) {
+                std::vector<float> expected;
+                for (std::int64_t i = phase; i < length; i += factor)
+                    expected.push_back(in[static_cast<std::size_t>(i)]);
+                expected.push_back(-9.0f);
+                std::vector<float> out(expected.size(), -9.0f);
+                vo::decimate(in.data(), length, out.data(), factor, phase);
+                ASSERT_EQ(out, expected) << length << " by " << factor << " from " << phase;
+            }
+    float untouched = -9.0f;
+    vo::decimate(in.data(), 200, &untouched, 0, 0);
+    vo::decimate(in.data(), 200, &untouched, 2, -1);
+    EXPECT_EQ(untouched, -9.0f);
+}
+
+TEST(VectorOperations, reductionsMatchTheirDefinition) {
+    onEveryTarget([] {
+        for (const int n : kCounts)
+            for (const int offset : {0, 1, 3}) {
+                const auto a = noise(n + 3, 7), b = noise(n + 3, 8);
+                const std::vector<double> wideA(a.begin(), a.end()), wideB(b.begin(), b.end());
+                double sum = 0.0, squares = 0.0, size = 0.0;
+                for (std::size_t i = static_cast<std::size_t>(offset);
+                     i < static_cast<std::size_t>(offset + n); ++i) {
+                    sum += wideA[i] * wideB[i];
+                    size += std::fabs(wideA[i] * wideB[i]);
+                    squares += wideA[i] * wideA[i];
+                }
+                // n + 1 roundings of a sum that never exceeds size.
+                EXPECT_NEAR(vo::dotProduct(a.data() + offset, b.data() + offset, n), sum,
+                            (n + 1) * size * double{FLT_EPSILON} / 2);
+                EXPECT_NEAR(vo::dotProduct(wideA.data() + offset, wideB.data() + offset, n), sum,
+                            (n + 1) * size * DBL_EPSILON);
+                const double rms = n > 0 ? std::sqrt(squares / n) : 0.0;
+                EXPECT_NEAR(vo::calcRms(a.data() + offset, n), rms, rms * double{FLT_EPSILON});
+            }
+        const float huge[] = {3e38f, -3e38f, 3e38f}, tiny[] = {1e-30f, 1e-30f};
+        EXPECT_FLOAT_EQ(vo::calcRms(huge, 3), 3e38f);
+        EXPECT_FLOAT_EQ(vo::calcRms(tiny, 2), 1e-30f);
+    });
+}
+
+TEST(VectorOperations, negativeCountsTouchNothing) {
+    EXPECT_EQ(vo::calcRms(nullptr, -1), 0.0f);
+    EXPECT_EQ(vo::dotProduct(static_cast<const float*>(nullptr), nullptr, -5), 0.0f);
+    EXPECT_EQ(vo::dotProduct(static_cast<const double*>(nullptr), nullptr, 0), 0.0);
+    for (const int n : {0, -1, INT32_MIN}) {
+        vo::add(static_cast<const float*>(nullptr), nullptr, nullptr, n);
+        vo::multiply(static_cast<const Complex*>(nullptr), nullptr, nullptr, n);
+        vo::copy(static_cast<const double*>(nullptr), static_cast<double*>(nullptr), n);
+        vo::setToZero(nullptr, n);
+        vo::exp(nullptr, nullptr, n);
+        vo::pow(nullptr, 0.0f, nullptr, n);
+        vo::calcPhases(nullptr, nullptr, n);
+        vo::convertPolarToCartesian(nullptr, nullptr, nullptr, n);
+        vo::convert64To32(nullptr, nullptr, n);
+    }
+}
+
+// Distance in units of the last place of the float that expected rounds to. Infinity counts as the
+// number that would follow the largest one.
+double ulps(float result, long double expected) {
+    if (std::isnan(result) || std::isnan(expected))
+        return std::isnan(result) && std::isnan(expected) ? 0.0 : HUGE_VAL;
+    const auto finite = [](long double x) { return std::clamp(x, -0x1p128L, 0x1p128L); };
+    const long double target = finite(expected);
+    const int exponent = std::max(target == 0.0L ? -126 : std::ilogb(target), -126);
+    return static_cast<double>(std::fabs(finite(result) - target) / std::ldexp(1.0L, exponent - 23));
+}
+
+const std::vector<float> kSpecials = {0.0f,     -0.0f,     1.0f,    -1.0f,    kInfinity, -kInfinity, kNaN,
+                                      kTiniest, -kTiniest, FLT_MIN, -FLT_MIN, FLT_MAX,   -FLT_MAX,   0.5f,
+                                      2.0f,     -2.0f,     3.0f,    -3.0f,    1e-12f,    65536.0f,   1e10f};
+
+// Floats of every exponent and both signs, NaN and the denormals among them, and those above. The count
+// is odd, so the last of them stand in a tail.
+std::vector<float> wholeRange(std::uint64_t step = 40009) {
+    std::vector<float> row = kSpecials;
+    for (std::uint64_t bits = 0; bits < (std::uint64_t{1} << 32); bits += step)
+        row.push_back(std::bit_cast<float>(static_cast<std::uint32_t>(bits)));
+    return row;
+}
+
+std::vector<float> between(float low, float high, int n) {
+    std::mt19937 generator(11);
+    std::uniform_real_distribution<float> values(low, high);
+    std::vector<float> row(static_cast<std::size_t>(n));
+    for (float& x : row) x = values(generator);
+    return row;
+}
+
+// The floats closest to whole numbers of quarter turns, where cosine or sine all but vanish.
+std::vector<float> quarterTurns() {
+    std::vector<float> angles;
+    for (int k = -50000; k <= 50000; k += 3)
+        angles.push_back(static_cast<float>(k * (std::numbers::pi_v<long double> / 2)));
+    return angles;
+}
+
+using Function = std::function<void(const float* in, float* out, int n)>;
+using Oracle = std::function<long double(float x)>;
+
+// The greatest error of the function over the values, on every target and with denormals flushed too.
+// Under flushing a denormal, as argument or as result, may also count as 0.
+void checkAccuracy(const std::string& name, const std::vector<float>& in, const Function& function,
+                   const Oracle& oracle, double bound) {
+    SCOPED_TRACE(name);
+    std::vector<long double> expected(in.size());
+    std::transform(in.begin(), in.end(), expected.begin(), oracle);
+    const int n = static_cast<int>(in.size());
+    onEveryTarget([&] {
+        std::vector<float> out(in.size()), flushed(in.size());
+        function(in.data(), out.data(), n);
+        {
+            const ScopedFlushDenormals scope;
+            function(in.data(), flushed.data(), n);
+        }
+        double worst = 0.0;
+        float worstAt = 0.0f;
+        for (std::size_t i = 0; i < in.size(); ++i) {
+            const double error = ulps(out[i], expected[i]);
+            if (!(error <= worst)) worst = error, worstAt = in[i];
+            if (same(out[i], flushed[i])) continue;
+            const bool fromZero = std::fpclassify(in[i]) == FP_SUBNORMAL &&
+                                  ulps(flushed[i], oracle(std::copysign(0.0f, in[i]))) <= bound;
+            const bool toZero = std::fpclassify(out[i]) == FP_SUBNORMAL && flushed[i] == 0.0f;
+            ASSERT_TRUE(fromZero || toZero || ulps(flushed[i], expected[i]) <= bound)
+                << "flushing: " << flushed[i] << " at " << in[i];
+        }
+        EXPECT_LE(worst, bound) << "at " << worstAt;
+    });
+}
+
+TEST(VectorMath, expIsGoodToFloat) {
+    const Oracle oracle = [](float x) { return std::exp(static_cast<long double>(x)); };
+    checkAccuracy("exp", wholeRange(), vo::exp, oracle, 2.0);
+    checkAccuracy("exp, usual", between(-104.0f, 89.0f, 50001), vo::exp, oracle, 2.0);
+}
+
+TEST(VectorMath, lnIsGoodToFloat) {
+    const Oracle oracle = [](float x) { return std::log(static_cast<long double>(x)); };
+    checkAccuracy("ln", wholeRange(), vo::ln, oracle, 2.0);
+    checkAccuracy("ln, around 1", between(0.5f, 2.0f, 50001), vo::ln, oracle, 2.0);
+}
+
+TEST(VectorMath, cosIsGoodToFloat) {
+    const Oracle oracle = [](float x) { return std::cos(static_cast<long double>(x)); };
+    checkAccuracy("cos", wholeRange(), vo::cos, oracle, 2.0);
+    checkAccuracy("cos, quarter turns", quarterTurns(), vo::cos, oracle, 2.0);
+    checkAccuracy("cos, usual", between(-70000.0f, 70000.0f, 50001), vo::cos, oracle, 2.0);
+}
+
+TEST(VectorMath, powIsGoodToFloat) {
+    for (const float y : {0.0f, -0.0f, 1.0f, -1.0f, 2.0f, 3.0f, -3.0f, 0.5f, 1.117f, -0.528f, 1e-3f, 31.5f,
+                          -77.7f, 1e20f, -1e20f, kInfinity, -kInfinity, kNaN}) {
+        const Function function = [=](const float* in, float* out, int n) { vo::pow(in, y, out, n); };
+        const Oracle oracle = [=](float x) {
+            return std::pow(static_cast<long double>(x), static_cast<long double>(y));
+        };
+        checkAccuracy("pow " + std::to_string(y), wholeRange(300007), function, oracle, 1.0);
+        checkAccuracy("pow around 1 " + std::to_string(y), between(0.9f, 1.1f, 3001), function, oracle, 1.0);
+    }
+}
+
+// Both parts of a polar number of modulus 1 are a cosine and a sine.
+TEST(VectorMath, polarAnglesAreGoodToFloat) {
+    const auto part = [](int index) -> Function {
+        return [=](const float* in, float* out, int n) {
+            std::vector<Complex> polar(static_cast<std::size_t>(n));
+            const std::vector<float> ones(polar.size(), 1.0f);
+            vo::convertPolarToCartesian(ones.data(), in, polar.data(), n);
+            for (std::size_t i = 0; i < polar.size(); ++i) out[i] = index ? polar[i].imag() : polar[i].real();
+        };
+    };
+    for (const auto& angles : {wholeRange(), quarterTurns(), between(-7.0f, 7.0f, 50001)}) {
+        checkAccuracy(
+            "real", angles, part(0), [](float x) { return std::cos(static_cast<long double>(x)); }, 2.0);
+        checkAccuracy(
+            "imag", angles, part(1), [](float x) { return std::sin(static_cast<long double>(x)); }, 2.0);
+    }
+}
+
+// Pairs whose parts are of every size, of like size, and special.
+std::vector<Complex> complexRange() {
+    std::vector<Complex> pairs;
+    for (const float re : kSpecials)
+        for (const float im : kSpecials) pairs.emplace_back(re, im);
+    std::mt19937 generator(12);
+    std::uniform_int_distribution<std::uint32_t> bits;
+    for (int i = 0; i < 60000; ++i)
+        pairs.emplace_back(std::bit_cast<float>(bits(generator)), std::bit_cast<float>(bits(generator)));
+    std::uniform_real_distribution<float> parts(-1.0f, 1.0f);
+    std::uniform_int_distribution<int> exponents(-149, 127);
+    for (int i = 0; i < 60001; ++i) {
+        const int exponent = exponents(generator);
+        pairs.emplace_back(std::ldexp(parts(generator), exponent), std::ldexp(parts(generator), exponent));
+    }
+    return pairs;
+}
+
+void checkComplexAccuracy(void (*function)(const Complex*, float*, int) noexcept,
+                          long double (*oracle)(long double re, long double im), double bound) {
+    const auto in = complexRange();
+    onEveryTarget([&] {
+        std::vector<float> out(in.size()), flushed(in.size());
+        function(in.data(), out.data(), static_cast<int>(in.size()));
+        {
+            const ScopedFlushDenormals scope;
+            function(in.data(), flushed.data(), static_cast<int>(in.size()));
+        }
+        double worst = 0.0;
+        Complex worstAt;
+        for (std::size_t i = 0; i < in.size(); ++i) {
+            const double error = ulps(out[i], oracle(in[i].real(), in[i].imag()));
+            if (!(error <= worst)) worst = error, worstAt = in[i];
+            const bool normal = std::isnormal(in[i].real()) && std::isnormal(in[i].imag());
+            if (!normal || !std::isnormal(out[i])) continue;
+            ASSERT_LE(ulps(flushed[i], oracle(in[i].real(), in[i].imag())), bound);
+            ASSERT_EQ(std::isnan(flushed[i]), std::isnan(out[i]));
+        }
+        EXPECT_LE(worst, bound) << "at " << worstAt;
+    });
+}
+
+TEST(VectorMath, calcMagnitudesIsGoodToFloat) {
+    checkComplexAccuracy(
+        vo::calcMagnitudes, [](long double re, long double im) { return std::hypot(re, im); }, 1.5);
+}
+
+TEST(VectorMath, calcPhasesIsGoodToFloat) {
+    checkComplexAccuracy(
+        vo::calcPhases, [](long double re, long double im) { return std::atan2(im, re); }, 2.5);
+}
+
+// Zeros and infinities with the sign of the C library's, NaN for NaN.
+TEST(VectorMath, specialValuesFollowTheCLibrary) {
+    const int n = static_cast<int>(kSpecials.size());
+    const auto agree = [](float result, float expected) {
+        return std::isfinite(expected) && expected != 0.0f ? std::isfinite(result) : same(result, expected);
+    };
+    onEveryTarget([&] {
+        std::vector<float> out(kSpecials.size());
+        vo::exp(kSpecials.data(), out.data(), n);
+        for (std::size_t i = 0; i < out.size(); ++i)
+            EXPECT_TRUE(agree(out[i], std::exp(kSpecials[i]))) << "exp " << kSpecials[i];
+        vo::ln(kSpecials.data(), out.data(), n);
+        for (std::size_t i = 0; i < out.size(); ++i)
+            EXPECT_TRUE(agree(out[i], std::log(kSpecials[i]))) << "ln " << kSpecials[i];
+        for (const float y : kSpecials) {
+            vo::pow(kSpecials.data(), y, out.data(), n);
+            for (std::size_t i = 0; i < out.size(); ++i)
+                EXPECT_TRUE(agree(out[i], std::pow(kSpecials[i], y)))
+                    << kSpecials[i] << " to the power " << y << ": " << out[i];
+            for (const float x : kSpecials) {
+                const Complex in(x, y);
+                float result;
+                vo::calcPhases(&in, &result, 1);
+                EXPECT_TRUE(agree(result, std::atan2(y, x))) << "phase of " << in << ": " << result;
+                vo::calcMagnitudes(&in, &result, 1);
+                EXPECT_TRUE(agree(result, std::hypot(x, y))) << "modulus of " << in << ": " << result;
+                Complex polar;
+                vo::convertPolarToCartesian(&y, &x, &polar, 1);
+                EXPECT_TRUE(agree(polar.real(), y * std::cos(x))) << y << " at " << x;
+                EXPECT_TRUE(agree(polar.imag(), y * std::sin(x))) << y << " at " << x;
+            }
+        }
+    });
+}
+
+// The vectors and the tail of a row compute alike, in place as well.
+TEST(VectorMath, aValueComesOutAlikeWhereverItStands) {
+    const auto in = between(-3.0f, 3.0f, 100);
+    const auto base = between(0.0f, 2.0f, 100);
+    onEveryTarget([&] {
+        const auto check = [](const std::vector<float>& row, const Function& function) {
+            for (const int n : kCounts) {
+                if (n > 99) continue;
+                auto inPlace = row;
+                std::vector<float> apart(row.size(), -9.0f);
+                function(inPlace.data() + 1, inPlace.data() + 1, n);
+                function(row.data() + 1, apart.data() + 1, n);
+                for (std::size_t i = 0; i < row.size(); ++i) {
+                    const bool inRow = i >= 1 && i < static_cast<std::size_t>(n) + 1;
+                    float alone = -9.0f;
+                    if (inRow) function(&row[i], &alone, 1);
+                    ASSERT_TRUE(same(apart[i], alone));
+                    ASSERT_TRUE(same(inPlace[i], inRow ? alone : row[i]));
+                }
+            }
+        };
+        check(in, vo::exp);
+        check(base, vo::ln);
+        check(in, vo::cos);
+        check(base, [](const float* x, float* out, int n) { vo::pow(x, 1.3f, out, n); });
+        const auto spectrum = elements<Complex>(100, 13);
+        for (const int n : kCounts) {
+            if (n > 99) continue;
+            const auto count = static_cast<std::size_t>(n);
+            std::vector<float> magnitudes(100, -9.0f), phases(100, -9.0f);
+            std::vector<Complex> back(100, -9.0f);
+            vo::calcMagnitudes(spectrum.data() + 1, magnitudes.data(), n);
+            vo::calcPhases(spectrum.data() + 1, phases.data(), n);
+            vo::convertPolarToCartesian(magnitudes.data(), phases.data(), back.data(), n);
+            for (std::size_t i = 0; i < count; ++i) {
+                float magnitude, phase;
+                Complex alone;
+                vo::calcMagnitudes(&spectrum[i + 1], &magnitude, 1);
+                vo::calcPhases(&spectrum[i + 1], &phase, 1);
+                vo::convertPolarToCartesian(&magnitude, &phase, &alone, 1);
+                ASSERT_TRUE(same(magnitudes[i], magnitude) && same(phases[i], phase) && same(back[i], alone));
+                // Rounding of both steps and of the angle, whose units are those of pi.
+                ASSERT_LE(std::abs(back[i] - spectrum[i + 1]), 8 * FLT_EPSILON * magnitude);
+            }
+            ASSERT_EQ(magnitudes[count], -9.0f);
+            ASSERT_EQ(phases[count], -9.0f);
+            ASSERT_EQ(back[count], Complex(-9.0f));
+        }
+    });
+}
+
+TEST(VectorOperations, backendTellsItsTrueName) {
+    EXPECT_STREQ(vo::getBackendName(), "Google Highway");
+}
+
+}  // namespace
+}  // namespace zevrant

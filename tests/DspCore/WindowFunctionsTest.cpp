@@ -1,0 +1,195 @@
+#include "DspCore/WindowFunctions.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <vector>
+
+namespace zevrant {
+namespace {
+
+constexpr long double pi = std::numbers::pi_v<long double>;
+constexpr int sizes[] = {1, 2, 3, 4, 5, 8, 15, 16, 17, 64, 255, 512, 1000, 2048};
+
+struct PeriodicWindow {
+    const char* name;
+    Signal32 (*generate)(int numOfChannels, int size);
+    long double (*calculate)(long double t);  // t in periods
+};
+
+long double cosine(long double turns) {
+    return std::cos(2.0L * pi * turns);
+}
+
+long double sineSquared(long double t) {
+    return std::sin(pi * t) * std::sin(pi * t);
+}
+
+const PeriodicWindow periodicWindows[] = {
+    {"Hamming", WindowFunctions::generateHammingWindow,
+     [](long double t) { return 0.54L - 0.46L * cosine(t); }},
+    {"Hann", WindowFunctions::generateHannWindow, sineSquared},
+    {"square-root Hann", WindowFunctions::generateSqrtHannWindow,
+     [](long double t) { return std::sin(pi * t); }},
+    {"Vorbis", WindowFunctions::generateVorbisWindow,
+     [](long double t) { return std::sin(pi / 2.0L * sineSquared(t)); }},
+    {"Blackman", WindowFunctions::generateBlackmanWindow,
+     [](long double t) {
+         return 0.3635819L - 0.4891775L * cosine(t) + 0.1365995L * cosine(2.0L * t) -
+                0.0106411L * cosine(3.0L * t);
+     }},
+    {"flat top", WindowFunctions::generateFlatTopWindow,
+     [](long double t) {
+         return 0.21557895L - 0.41663158L * cosine(t) + 0.277263158L * cosine(2.0L * t) -
+                0.083578947L * cosine(3.0L * t) + 0.006947368L * cosine(4.0L * t);
+     }},
+};
+
+TEST(WindowFunctions, periodicWindowsMatchTheirFormulas) {
+    for (const PeriodicWindow& window : periodicWindows)
+        for (const int size : sizes) {
+            SCOPED_TRACE(testing::Message() << window.name << ", size " << size);
+            const Signal32 signal = window.generate(1, size);
+            ASSERT_EQ(signal.numOfChannels, 1);
+            ASSERT_EQ(signal.numOfSamples, size);
+            for (int i = 0; i < size; ++i) {
+                const auto expected = static_cast<double>(window.calculate((i + 0.5L) / size));
+                // Half a last place of the result; the terms up to 1 cancel to within 1e-15, of which the
+                // square root near 0 makes 1e-15 / (2 * root) at most.
+                const double root = std::max(std::abs(expected), 1e-4);
+                EXPECT_NEAR(signal.getReadChannelPtr(0)[i], expected,
+                            std::abs(expected) * FLT_EPSILON / 2 * 1.0001 + 2e-15 / root)
+                    << "sample " << i;
+            }
+        }
+}
+
+// Half a window on: Hann adds up to 1 (overlap-add of analysis alone), the squares of the square-root
+// Hann and Vorbis windows do so too (analysis and synthesis).
+TEST(WindowFunctions, overlappingHalvesAddUpToOne) {
+    for (const int size : {2, 4, 16, 100, 512, 2048}) {
+        const Signal32 hann = WindowFunctions::generateHannWindow(1, size);
+        const Signal32 root = WindowFunctions::generateSqrtHannWindow(1, size);
+        const Signal32 vorbis = WindowFunctions::generateVorbisWindow(1, size);
+        const auto at = [](const Signal32& signal, int i) { return double{signal.getReadChannelPtr(0)[i]}; };
+        for (int i = 0, j = size / 2; i < size / 2; ++i, ++j) {
+            EXPECT_NEAR(at(hann, i) + at(hann, j), 1.0, FLT_EPSILON);
+            EXPECT_NEAR(std::norm(at(root, i)) + std::norm(at(root, j)), 1.0, 2 * FLT_EPSILON);
+            EXPECT_NEAR(std::norm(at(vorbis, i)) + std::norm(at(vorbis, j)), 1.0, 2 * FLT_EPSILON);
+        }
+    }
+}
+
+TEST(WindowFunctions, gaussianPeaksAtHalfItsSize) {
+    for (const float sigma : {0.1f, 0.5f, 2.0f})
+        for (const int size : sizes) {
+            SCOPED_TRACE(testing::Message() << "sigma " << sigma << ", size " << size);
+            const Signal32 signal = WindowFunctions::generateGaussianWindow(1, size, sigma);
+            const float* window = signal.getReadChannelPtr(0);
+            const long double centre = size / 2.0L;
+            for (int i = 0; i < size; ++i) {
+                const long double u = (i - centre) / (sigma * centre);
+                const auto expected = static_cast<double>(std::exp(-0.5L * u * u));
+                EXPECT_NEAR(window[i], expected, expected * FLT_EPSILON + FLT_MIN) << "sample " << i;
+            }
+            if (size % 2 == 0) {
+                EXPECT_EQ(window[size / 2], 1.0f);
+                EXPECT_LT(window[size / 2 - 1], 1.0f);
+                EXPECT_LT(window[0], window[size - 1]) << "not symmetric";
+            }
+        }
+}
+
+// By its three-term recurrence, which shares nothing with the trigonometric form.
+long double calcChebyshevPolynomial(int degree, long double t) {
+    long double before = 1.0L, value = t;
+    for (int n = 1; n < degree; ++n) before = std::exchange(value, 2.0L * t * value - before);
+    return degree == 0 ? before : value;
+}
+
+TEST(WindowFunctions, dolphChebyshevMatchesItsSum) {
+    for (const float ripple : {1.0f, 10.0f, 100.0f, 1e4f})
+        for (const int size : {1, 2, 3, 4, 5, 6, 7, 8, 16, 31, 64, 101}) {
+            SCOPED_TRACE(testing::Message() << "ripple " << ripple << ", size " << size);
+            const Signal32 signal = WindowFunctions::generateDolphChebyshevWindow(1, size, ripple);
+            std::vector<long double> expected(size, ripple);
+            const int degree = size - 1, half = degree / 2;
+            const long double x0 = std::cosh(static_cast<long double>(std::acosh(ripple)) / degree);
+            long double scale = ripple;
+            for (int i = 0; size >= 3 && i <= size / 2; ++i) {
+                long double sum = 0.0L;
+                scale = ripple;
+                for (int k = 1; k <= std::max(half, 1); ++k) {
+                    const long double bin = calcChebyshevPolynomial(degree, x0 * std::cos(pi * k / size));
+                    sum += bin * std::cos(2.0L * pi * (i - half) * k / size);
+                    scale += 2.0L * std::abs(bin);
+                }
+                expected[i] = expected[size - 1 - i] = ripple + 2.0L * sum;
+            }
+            for (int i = 0; i < size; ++i) {
+                const auto value = static_cast<double>(expected[i]);
+                EXPECT_NEAR(signal.getReadChannelPtr(0)[i], value,
+                            std::abs(value) * FLT_EPSILON + static_cast<double>(scale) * size * 1e-14)
+                    << "sample " << i;
+            }
+        }
+}
+
+// What the window is made for: all side lobes of an odd size are as high as the ripple says.
+TEST(WindowFunctions, dolphChebyshevSideLobesAreEqual) {
+    const int size = 65;
+    for (const float ripple : {10.0f, 100.0f, 1000.0f}) {
+        const Signal32 signal = WindowFunctions::generateDolphChebyshevWindow(1, size, ripple);
+        const auto calcLevel = [&](double turns) {
+            std::complex<double> sum;
+            for (int i = 0; i < size; ++i)
+                sum +=
+                    std::polar<double>(signal.getReadChannelPtr(0)[i], -2.0 * std::numbers::pi * turns * i);
+            return std::abs(sum);
+        };
+        const double x0 = std::cosh(std::acosh(double{ripple}) / (size - 1));
+        const double edge = std::acos(1.0 / x0) / std::numbers::pi;  // of the main lobe, in turns per sample
+        double highest = 0.0;
+        for (double turns = edge; turns <= 0.5; turns += 1e-4) highest = std::max(highest, calcLevel(turns));
+        EXPECT_NEAR(calcLevel(0.0) / highest, ripple, ripple * 1e-3);
+    }
+}
+
+TEST(WindowFunctions, everyChannelHoldsTheSameRow) {
+    for (const int size : {-1, 0, 1, 17, 64})
+        for (const int numOfChannels : {0, 1, 3}) {
+            std::vector<Signal32> windows;
+            for (const PeriodicWindow& window : periodicWindows)
+                windows.push_back(window.generate(numOfChannels, size));
+            windows.push_back(WindowFunctions::generateGaussianWindow(numOfChannels, size, 0.5f));
+            windows.push_back(WindowFunctions::generateDolphChebyshevWindow(numOfChannels, size, 100.0f));
+            for (const Signal32& window : windows) {
+                EXPECT_EQ(window.numOfChannels, numOfChannels);
+                ASSERT_EQ(window.numOfSamples, std::max(size, 0));
+                for (int c = 1; c < numOfChannels; ++c)
+                    EXPECT_TRUE(std::equal(window.getReadChannelPtr(0),
+                                           window.getReadChannelPtr(0) + window.numOfSamples,
+                                           window.getReadChannelPtr(c)));
+            }
+        }
+}
+
+TEST(WindowFunctions, oddArgumentsGiveOddNumbersAndNothingElse) {
+    for (const int size : {3, 8}) {
+        const Signal32 below = WindowFunctions::generateDolphChebyshevWindow(1, size, 0.5f);
+        const Signal32 flat = WindowFunctions::generateGaussianWindow(1, size, INFINITY);
+        for (int i = 0; i < size; ++i) {
+            EXPECT_TRUE(std::isnan(below.getReadChannelPtr(0)[i]));
+            EXPECT_EQ(flat.getReadChannelPtr(0)[i], 1.0f);
+        }
+    }
+    EXPECT_ANY_THROW(WindowFunctions::generateHannWindow(2, INT_MAX));
+}
+
+}  // namespace
+}  // namespace zevrant
