@@ -1,0 +1,257 @@
+#include "neural/BaseLayer.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include "DspCore/VectorOperations.h"
+
+namespace zevrant {
+
+namespace {
+
+constexpr int mostLayersOnAPath = 4096;
+constexpr std::int64_t mostPaths = std::int64_t{1} << 28;
+
+// The text is part of the interface and must not depend on the standard library.
+const LayerMap::mapped_type& findLayer(const LayerMap& layers, const std::string& name) {
+    const auto entry = layers.find(name);
+    if (entry == layers.end()) throw std::out_of_range("map::at:  key not found");
+    return entry->second;
+}
+
+}  // namespace
+
+void require(bool isPossible, const char* text) {
+    if (!isPossible) throw std::invalid_argument(text);
+}
+
+template <class T>
+SliceAxes getSliceAxes(const Tensor<T>& tensor) {
+    if (tensor.shape.empty()) return {0, 0, 0};
+    return {tensor.shape[0], tensor.shape.at(1), tensor.shape.at(2)};
+}
+
+template <class T>
+SliceAxes requireSlices(const Tensor<T>& tensor) {
+    const SliceAxes axes = getSliceAxes(tensor);
+    if (axes.times <= 0) return axes;
+    require(axes.frequencies >= 0 && axes.channels >= 0, "layer: a slice has a negative dimension");
+    const std::int64_t sliceLength = std::int64_t{axes.frequencies} * axes.channels;
+    requireElements(tensor, sliceLength, "layer: the input's buffer is shorter than a slice");
+    // A slice that fits into a buffer has less than 2^31 elements, so this product cannot overflow.
+    requireElements(tensor, sliceLength * axes.times, "layer: the input's buffer is shorter than its shape");
+    return axes;
+}
+
+template <class T>
+void requireRing(const Tensor<T>& ring, int length, const SliceAxes& slices) {
+    const bool matches = ring.shape.size() == 3 && ring.shape[0] == length &&
+                         ring.shape[1] == slices.frequencies && ring.shape[2] == slices.channels;
+    require(matches, "layer: a slice unlike those that the history was made for");
+    requireElements(ring, ring.getNumOfElements(), "layer: the history is shorter than its shape");
+}
+
+int countSlice(int numOfSlices, int ringLength) {
+    if (numOfSlices < std::numeric_limits<int>::max()) return numOfSlices + 1;
+    const std::int64_t next = std::int64_t{numOfSlices} + 1;
+    return static_cast<int>(next % ringLength) + ringLength;
+}
+
+template <class T>
+BaseLayer<T>::BaseLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, LayerType layerType)
+    : type(layerType) {
+    attachToSource(layers, *stream);
+}
+
+template <class T>
+BaseLayer<T>::~BaseLayer() {
+    for (BaseLayer<T>* source : attachedSources) {
+        source->consumers.remove(this);
+        std::erase(source->attachedConsumers, this);
+    }
+    for (BaseLayer<T>* consumer : attachedConsumers) std::erase(consumer->attachedSources, this);
+}
+
+template <class T>
+BaseLayer<T>* BaseLayer<T>::attachToSource(const LayerMap& layers, InputStream& stream) {
+    const auto& entry = findLayer(layers, stream.readString());
+    BaseLayer<T>* source = std::get<std::shared_ptr<BaseLayer<T>>>(entry).get();
+    require(source != nullptr, "layer graph: the source is null");
+
+    numOfPaths = (depth == 0 ? 0 : numOfPaths) + source->numOfPaths;
+    depth = std::max(depth, source->depth + 1);
+    if (depth > mostLayersOnAPath) throw std::length_error("layer graph: too deep");
+    if (numOfPaths > mostPaths) throw std::length_error("layer graph: too many paths");
+    attachedSources.push_back(source);
+    source->attachedConsumers.push_back(this);
+    source->consumers.push_back(this);
+    return source;
+}
+
+template <class T>
+bool BaseLayer<T>::push(const Tensor<T>&, BaseLayer<T>*) {
+    return false;
+}
+
+template <class T>
+void BaseLayer<T>::reset() {}
+
+template <class T>
+int BaseLayer<T>::measureLatency(int timeScale) {
+    return measureConsumers(timeScale);
+}
+
+template <class T>
+void BaseLayer<T>::triggerForward() {
+    for (BaseLayer<T>* consumer : consumers) consumer->triggerForward();
+}
+
+template <class T>
+bool BaseLayer<T>::forward(const Tensor<T>& output) {
+    bool reachedOutput = false;
+    for (BaseLayer<T>* consumer : consumers) reachedOutput |= consumer->push(output, this);
+    return reachedOutput;
+}
+
+template <class T>
+int BaseLayer<T>::measureConsumers(int timeScale) {
+    int latency = 0;
+    for (BaseLayer<T>* consumer : consumers) latency = std::max(latency, consumer->measureLatency(timeScale));
+    return latency;
+}
+
+template <class T>
+bool InputLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
+    return this->forward(tensor);
+}
+
+template <class T>
+OutputLayer<T>::OutputLayer() : BaseLayer<T>(LayerTypeEnum::Output) {}
+
+template <class T>
+OutputLayer<T>::OutputLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream)
+    : BaseLayer<T>(layers, std::move(stream), LayerTypeEnum::Output) {}
+
+template <class T>
+bool OutputLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
+    reserve.append(results, tensor);
+    return true;
+}
+
+template <class T>
+void OutputLayer<T>::reset() {
+    reserve.clear(results);
+}
+
+template <class T>
+Tensor<T> OutputLayer<T>::getResults() {
+    Tensor<T> joined;
+    joinResults(joined);
+    return joined;
+}
+
+template <class T>
+void OutputLayer<T>::takeResults(Tensor<T>& joined) {
+    const bool isSingleResult = results.size() == 1 && results.front().shape.size() == 3;
+    if (!isSingleResult) return joinResults(joined);
+    std::swap(joined, results.front());
+    reserve.clear(results);
+}
+
+template <class T>
+void OutputLayer<T>::joinResults(Tensor<T>& joined) {
+    if (results.empty()) return joined.dropContent();
+    std::int64_t times = 0;
+    std::int64_t numOfElements = 0;
+    for (const Tensor<T>& result : results) {
+        const int count = std::max(0, result.getNumOfElements());
+        requireElements(result, count, "output layer: a result's buffer is shorter than its shape");
+        times += result.shape.empty() ? 0 : result.shape[0];
+        numOfElements += count;
+    }
+    const SliceAxes first = getSliceAxes(results.front());
+    if (times != static_cast<int>(times)) throw std::length_error("output layer: too many time slices");
+    joined.ensureShape({static_cast<int>(times), first.frequencies, first.channels});
+    joined.ensureUniqueForOverwrite();
+    if (numOfElements > std::max(0, joined.getNumOfElements()))
+        throw std::length_error("output layer: the results do not fit into the first one's shape");
+
+    T* destination = joined.getWritePointer();
+    for (const Tensor<T>& result : results) {
+        const int count = std::max(0, result.getNumOfElements());
+        vo::copy(result.getReadPointer(), destination, count);
+        destination += count;
+    }
+    reserve.clear(results);
+}
+
+template <class T>
+BaseQueuedLayer<T>::BaseQueuedLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int,
+                                    LayerType) {
+    const int numOfInputs = readNumber<std::int16_t>(*stream);
+    for (int i = 0; i < numOfInputs; ++i) {
+        BaseLayer<T>* source = this->attachToSource(layers, *stream);
+        queues.push_back({{}, source});
+        inputLayers.push_back(source);
+    }
+    inputSet.resize(inputLayers.size());
+}
+
+template <class T>
+bool BaseQueuedLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>* sender) {
+    const auto queue = std::find_if(queues.begin(), queues.end(), [sender](const InputQueue& candidate) {
+        return candidate.layer == sender;
+    });
+    require(queue != queues.end(), "queued layer: the sender is not one of its sources");
+
+    const SliceAxes axes = getSliceAxes(tensor);
+    slice.ensureShape({1, axes.frequencies, axes.channels});
+    const int sliceLength = std::max(0, slice.getNumOfElements());
+    requireElements(tensor, std::int64_t{axes.times} * sliceLength,
+                    "queued layer: a tensor's buffer is shorter than its shape");
+    for (int t = 0; t < axes.times; ++t) {
+        slice.ensureUniqueForOverwrite();
+        if (sliceLength > 0)
+            vo::copy(tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength, slice.getWritePointer(),
+                     sliceLength);
+        reserve.append(queue->tensors, slice);
+    }
+    return forwardFromQueue();
+}
+
+template <class T>
+bool BaseQueuedLayer<T>::forwardFromQueue() {
+    require(!queues.empty(), "queued layer: without sources there is nothing to forward");
+    std::size_t numOfSets = std::numeric_limits<std::size_t>::max();
+    for (const InputQueue& queue : queues) numOfSets = std::min(numOfSets, queue.tensors.size());
+
+    bool reachedOutput = false;
+    for (std::size_t i = 0; i < numOfSets; ++i) {
+        auto input = inputSet.begin();
+        for (InputQueue& queue : queues) {
+            std::swap(*input++, queue.tensors.front());
+            reserve.removeFront(queue.tensors);
+        }
+        reachedOutput |= merge(inputSet);
+        for (Tensor<T>& merged : inputSet) merged.dropContent();
+    }
+    return reachedOutput;
+}
+
+template <class T>
+void BaseQueuedLayer<T>::reset() {
+    for (InputQueue& queue : queues) reserve.clear(queue.tensors);
+}
+
+template SliceAxes getSliceAxes(const Tensor<float>& tensor);
+template SliceAxes requireSlices(const Tensor<float>& tensor);
+template void requireRing(const Tensor<float>& ring, int length, const SliceAxes& slices);
+template class BaseLayer<float>;
+template class BaseLayer<std::complex<float>>;
+template class InputLayer<float>;
+template class OutputLayer<float>;
+template class BaseQueuedLayer<float>;
+
+}  // namespace zevrant

@@ -1,0 +1,118 @@
+#include "neural/SelfAttentionLayer.h"
+
+#include <utility>
+
+#include "DspCore/VectorKernels.h"
+#include "DspCore/VectorOperations.h"
+
+namespace zevrant {
+
+template <class T>
+SelfAttentionLayer<T>::SelfAttentionLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
+                                          int version)
+    : BaseLayer<T>(layers, stream, LayerTypeEnum::SelfAttention),
+      channelMatrix(stream, version),
+      positionBias(stream, version) {
+    const std::vector<int>& shape = channelMatrix.shape;
+    if (shape.size() == 2 && shape[0] == shape[1] && channelMatrix.data) packMatrix(shape[0]);
+    if (version < 0x1007) return;
+    startDelay = readNumber<std::int8_t>(*stream);
+    timeWeights = Tensor<T>(stream, version);
+}
+
+template <class T>
+bool SelfAttentionLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
+    const SliceAxes axes = requireSlices(tensor);
+    const int historyLength = timeWeights.hasElements() ? timeWeights.shape[0] : 0;
+    if (axes.times > 0) requireWeights(axes, historyLength);
+    const int sliceLength = axes.times > 0 ? axes.frequencies * axes.channels : 0;
+    if (sliceLength > 0 && packedMatrix.numOfOutputs != axes.channels) packMatrix(axes.channels);
+
+    if (startDelay >= 1)
+        output.ensureShape({1, axes.frequencies, axes.channels});
+    else
+        output.ensureShape(tensor.shape);
+    if (timeWeights.hasElements()) prepareHistory(axes, historyLength);
+    output.ensureUniqueForOverwrite();
+
+    bool reachedOutput = false;
+    for (int t = 0; t < axes.times; ++t) {
+        const T* in = tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength;
+        T* out = output.getWritePointer() + std::ptrdiff_t{t} * sliceLength;
+        if (sliceLength > 0)
+            mixChannels(historyLength > 0 ? filterTime(in, axes, historyLength) : in, axes, out);
+        if (startDelay > 0 && timeIndex >= startDelay) reachedOutput |= this->forward(output);
+        ++timeIndex;
+    }
+    return startDelay == 0 ? this->forward(output) : reachedOutput;
+}
+
+template <class T>
+void SelfAttentionLayer<T>::requireWeights(const SliceAxes& axes, int historyLength) const {
+    const std::int64_t F = axes.frequencies, C = axes.channels;
+    require(startDelay < 1 || axes.times <= 1,
+            "self-attention layer: a delayed start takes one slice at a time");
+    requireElements(channelMatrix, C * C, "self-attention layer: channelMatrix is smaller than C * C");
+    if (positionBias.hasElements())
+        requireElements(positionBias, F * C, "self-attention layer: positionBias is smaller than F * C");
+    if (!timeWeights.hasElements()) return;
+    require(historyLength >= 1, "self-attention layer: a history without a length");
+    requireElements(timeWeights, historyLength * C,
+                    "self-attention layer: timeWeights is smaller than H * C");
+}
+
+template <class T>
+void SelfAttentionLayer<T>::prepareHistory(const SliceAxes& axes, int historyLength) {
+    if (!history.hasElements()) {
+        history.ensureShape({historyLength, axes.frequencies, axes.channels});
+        history.setToZero();
+    }
+    if (axes.times > 0) requireRing(history, historyLength, axes);
+    history.ensureUnique();
+    filtered.ensureShape({axes.frequencies, axes.channels});
+    filtered.ensureUniqueForOverwrite();
+}
+
+// Stores the slice and returns the sum over the ring, from its oldest slice to the one just stored. That is a
+// convolution along time, channel by channel.
+template <class T>
+const T* SelfAttentionLayer<T>::filterTime(const T* in, const SliceAxes& axes, int historyLength) {
+    const int F = axes.frequencies, C = axes.channels, sliceLength = F * C;
+    const auto slot = [&](std::int64_t t) {
+        return history.getWritePointer() + static_cast<std::ptrdiff_t>(t % historyLength) * sliceLength;
+    };
+    vo::copy(in, slot(timeIndex), sliceLength);
+    rows.resize(static_cast<std::size_t>(historyLength));
+    for (int u = 0; u < historyLength; ++u) rows[static_cast<std::size_t>(u)] = slot(timeIndex + u + 1);
+    const kernels::Convolution alongTime = {historyLength, 1, C, C, F, F, 1, 0};
+    kernels::convolveChannels(alongTime, rows.data(), timeWeights.getReadPointer(), nullptr, 0,
+                              filtered.getWritePointer());
+    return filtered.getReadPointer();
+}
+
+template <class T>
+void SelfAttentionLayer<T>::mixChannels(const T* in, const SliceAxes& axes, T* out) {
+    const T* first = positionBias.hasElements() ? positionBias.getReadPointer() : nullptr;
+    kernels::multiplyMatrix(in, axes.frequencies, packedMatrix, first, axes.channels, out);
+}
+
+template <class T>
+void SelfAttentionLayer<T>::packMatrix(int channels) {
+    packedMatrix =
+        kernels::packWeights(channelMatrix.getReadPointer(), 1, channels, channels, {0, channels, 1});
+}
+
+template <class T>
+void SelfAttentionLayer<T>::reset() {
+    history.setToZero();
+    timeIndex = 0;
+}
+
+template <class T>
+int SelfAttentionLayer<T>::measureLatency(int timeScale) {
+    return startDelay + this->measureConsumers(timeScale);
+}
+
+template class SelfAttentionLayer<float>;
+
+}  // namespace zevrant

@@ -1,0 +1,247 @@
+#include "neural/TransposedConvLayer.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include "DspCore/VectorOperations.h"
+#include "neural/StreamNumbers.h"
+
+namespace zevrant {
+
+namespace {
+
+template <class T>
+int getAxis(const Tensor<T>& tensor, std::size_t axis) {
+    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
+}
+
+// Taps whose output stays in the band, for a tap 0 at output frequency p.
+struct Taps {
+    Taps(std::ptrdiff_t p, std::ptrdiff_t numOfTaps, std::ptrdiff_t numOfFrequencies)
+        : first(std::max<std::ptrdiff_t>(-p, 0)),
+          count(std::max<std::ptrdiff_t>(std::min(numOfFrequencies - p, numOfTaps) - first, 0)) {}
+    std::ptrdiff_t first, count;
+};
+
+}  // namespace
+
+template <class T>
+TransposedConvLayer<T>::TransposedConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
+                                            int version)
+    : BaseLayer<T>(layers, stream, LayerTypeEnum::TransposedConv),
+      weights(stream, version),
+      bias(stream, version) {
+    kernelTime = getAxis(weights, 0);
+    kernelFrequency = getAxis(weights, 1);
+    kernelOutputs = getAxis(weights, 2);
+    inputChannels = getAxis(weights, 3);
+    outputChannels = version >= 0x1008 ? readNumber<std::int16_t>(*stream) : kernelOutputs;
+    timeStride = readNumber<std::int8_t>(*stream);
+    frequencyStride = readNumber<std::int8_t>(*stream);
+    timeDilation = readNumber<std::int8_t>(*stream);
+    reservedParameter = readNumber<std::int8_t>(*stream);
+    timeOffset = readNumber<std::int8_t>(*stream);
+    if (!hasTerms() || !weights.data) return;
+    slots.resize(static_cast<std::size_t>(kernelTime));
+    if (kernelOutputs == outputChannels)
+        packedWeights = kernels::packTransposed(
+            weights.getReadPointer(),
+            {kernelTime, kernelFrequency, inputChannels, kernelOutputs, 0, 0, frequencyStride, 0});
+}
+
+// Whether the kernel's axes tell of anything to add.
+template <class T>
+bool TransposedConvLayer<T>::hasTerms() const {
+    return kernelTime > 0 && kernelFrequency > 0 && inputChannels > 0 && kernelOutputs > 0;
+}
+
+template <class T>
+int TransposedConvLayer<T>::getRingLength() const {
+    return std::max(timeStride, kernelTime);
+}
+
+template <class T>
+T* TransposedConvLayer<T>::getSlot(std::int64_t time) {
+    const std::ptrdiff_t slotSize = std::ptrdiff_t{accumulator.shape[1]} * accumulator.shape[2];
+    return accumulator.getWritePointer() + time % getRingLength() * slotSize;
+}
+
+template <class T>
+bool TransposedConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
+    const int times = tensor.shape.empty() ? 0 : tensor.shape[0];
+    const int frequencies = tensor.shape.empty() ? 0 : tensor.shape.at(1);
+    inputSlice.ensureShape({1, frequencies, inputChannels});
+    inputSlice.ensureUniqueForOverwrite();
+    if (times < 1) return false;
+
+    require(frequencies >= 0 && inputChannels >= 0, "transposed convolution: a slice of negative size");
+    const int numOfValues = frequencies * inputChannels;
+    requireElements(tensor, std::int64_t{times} * numOfValues,
+                    "transposed convolution: the tensor is shorter than its slices");
+    bool hasReachedOutput = false;
+    for (int time = 0; time < times; ++time) {
+        vo::copy(tensor.getReadPointer() + std::ptrdiff_t{time} * numOfValues, inputSlice.getWritePointer(),
+                 numOfValues);
+        hasReachedOutput |= pushTimeSlice(inputSlice);
+    }
+    return hasReachedOutput;
+}
+
+template <class T>
+void TransposedConvLayer<T>::requirePossible(const Tensor<T>& slice) const {
+    const int frequencies = getAxis(slice, 1);
+    require(timeStride > 0 && frequencyStride > 0, "transposed convolution: a stride has to be positive");
+    require(frequencies >= 0 && outputChannels >= 0, "transposed convolution: a slice of negative size");
+    const std::int64_t outputFrequencies = std::int64_t{frequencyStride} * frequencies;
+    require(outputFrequencies <= std::numeric_limits<int>::max(),
+            "transposed convolution: the output is too wide");
+    const std::array ring = {getRingLength(), static_cast<int>(outputFrequencies), outputChannels};
+    Tensor<T>::countElements(ring);
+    require(!accumulator.hasElements() || std::equal(ring.begin(), ring.end(), accumulator.shape.begin()),
+            "transposed convolution: the slice differs from those in the ring");
+    if (frequencies == 0) return;
+    if (bias.hasElements())
+        requireElements(bias, outputChannels, "transposed convolution: the bias is too short");
+    if (kernelTime < 1) return;
+    require(weights.shape.size() >= 4, "transposed convolution: the kernel has less than four axes");
+    if (!hasTerms()) return;
+    requireElements(weights, std::int64_t{kernelTime} * kernelFrequency * kernelOutputs * inputChannels,
+                    "transposed convolution: the kernel is shorter than its shape");
+    requireElements(slice, std::int64_t{frequencies} * inputChannels,
+                    "transposed convolution: the tensor is shorter than its slices");
+}
+
+template <class T>
+bool TransposedConvLayer<T>::pushTimeSlice(const Tensor<T>& slice) {
+    requirePossible(slice);
+    if (!accumulator.hasElements()) {
+        accumulator.ensureShape({getRingLength(), frequencyStride * getAxis(slice, 1), outputChannels});
+        accumulator.setToZero();
+    }
+    accumulator.ensureUnique();
+    if (hasTerms() && getAxis(slice, 1) > 0) addSlice(slice);
+    finishSlices();
+    clearFinishedSlots();
+    timeIndex += timeStride;
+    return forwardFromQueue();
+}
+
+template <class T>
+void TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
+    const kernels::TransposedConvolution shape = {
+        kernelTime,      kernelFrequency,
+        inputChannels,   outputChannels,
+        slice.shape[1],  accumulator.shape[1],
+        frequencyStride, -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
+    for (int r = 0; r < kernelTime; ++r) slots[static_cast<std::size_t>(r)] = getSlot(timeIndex + r);
+
+    const T* in = slice.getReadPointer();
+    const T* kernel = weights.getReadPointer();
+    const bool isChannelWise = kernelOutputs == 1 && outputChannels != 1;
+    if (isChannelWise && inputChannels == outputChannels)
+        return kernels::convolveTransposedChannels(shape, in, kernel, slots.data());
+    if (kernelOutputs != outputChannels) return addAcrossRows(slice, shape.start);
+    if (!kernels::isSuited(packedWeights)) packedWeights = kernels::packTransposed(kernel, shape);
+    kernels::convolveTransposed(shape, in, packedWeights, slots.data());
+}
+
+// The rows of the kernel and of the ring do not line up: from the place of its first tap on, an input
+// frequency writes one value after the other, over the ends of rows and into the slots behind.
+template <class T>
+void TransposedConvLayer<T>::addAcrossRows(const Tensor<T>& slice, std::ptrdiff_t start) {
+    const std::ptrdiff_t frequencies = slice.shape[1], outputFrequencies = accumulator.shape[1];
+    const bool isChannelWise = kernelOutputs == 1 && outputChannels != 1;
+    const std::ptrdiff_t valuesPerTap = isChannelWise ? inputChannels : kernelOutputs;
+    const T* const end = accumulator.getReadPointer() + accumulator.getNumOfElements();
+
+    const auto forEachRun = [&](const auto& visit) {
+        for (int r = 0; r < kernelTime; ++r)
+            for (std::ptrdiff_t i = 0; i < frequencies; ++i) {
+                const std::ptrdiff_t p = start + i * frequencyStride;
+                const Taps taps(p, kernelFrequency, outputFrequencies);
+                if (taps.count > 0)
+                    visit(
+                        i, (std::ptrdiff_t{r} * kernelFrequency + taps.first) * kernelOutputs * inputChannels,
+                        getSlot(timeIndex + r), (p + taps.first) * outputChannels, taps.count * valuesPerTap);
+            }
+    };
+    forEachRun([&](auto, auto, const T* slot, std::ptrdiff_t position, std::ptrdiff_t count) {
+        require(position + count <= end - slot, "transposed convolution: the kernel writes behind the ring");
+    });
+    forEachRun(
+        [&](std::ptrdiff_t i, std::ptrdiff_t first, T* slot, std::ptrdiff_t position, std::ptrdiff_t count) {
+            const T* in = slice.getReadPointer() + i * inputChannels;
+            const T* w = weights.getReadPointer() + first;
+            for (T* out = slot + position; count > 0; --count, ++out) {
+                if (isChannelWise) {
+                    *out = std::fma(in[(out - slot - position) % inputChannels], *w++, *out);
+                    continue;
+                }
+                T sum = 0;
+                for (int c = 0; c < inputChannels; ++c) sum = std::fma(in[c], *w++, sum);
+                *out += sum;
+            }
+        });
+}
+
+// The oldest slices of the ring are whole; those before timeOffset are not sent.
+template <class T>
+void TransposedConvLayer<T>::finishSlices() {
+    const std::int64_t ready = std::min<std::int64_t>(timeStride, timeIndex + timeStride - timeOffset);
+    const int outputFrequencies = accumulator.shape[1];
+    for (std::int64_t time = timeIndex + timeStride - ready; time < timeIndex + timeStride; ++time) {
+        outputSlice.ensureShape({1, outputFrequencies, outputChannels});
+        outputSlice.ensureUniqueForOverwrite();
+        const T* slot = getSlot(time);
+        T* out = outputSlice.getWritePointer();
+        if (bias.hasElements())
+            kernels::addToRows(slot, bias.getReadPointer(), outputFrequencies, outputChannels, out);
+        else
+            vo::copy(slot, out, outputFrequencies * outputChannels);
+        reserve.append(outputQueue, outputSlice);
+    }
+}
+
+template <class T>
+void TransposedConvLayer<T>::clearFinishedSlots() {
+    if (timeStride >= kernelTime) return accumulator.setToZero();
+    for (int i = 0; i < timeStride; ++i)
+        vo::setToZero(getSlot(timeIndex + i), accumulator.shape[1] * accumulator.shape[2]);
+}
+
+template <class T>
+bool TransposedConvLayer<T>::forwardFromQueue() {
+    while (!outputQueue.empty()) {
+        const bool hasReachedOutput = this->forward(outputQueue.front());
+        reserve.removeFront(outputQueue);
+        if (hasReachedOutput) return true;
+    }
+    return false;
+}
+
+template <class T>
+void TransposedConvLayer<T>::triggerForward() {
+    forwardFromQueue();
+    BaseLayer<T>::triggerForward();
+}
+
+template <class T>
+void TransposedConvLayer<T>::reset() {
+    accumulator.setToZero();
+    reserve.clear(outputQueue);
+    timeIndex = 0;
+}
+
+template <class T>
+int TransposedConvLayer<T>::measureLatency(int timeScale) {
+    require(timeStride != 0, "transposed convolution: a stride has to be positive");
+    const std::int64_t scale = timeScale;
+    return static_cast<int>(scale * timeOffset +
+                            this->measureConsumers(static_cast<int>(scale / timeStride)));
+}
+
+template class TransposedConvLayer<float>;
+
+}  // namespace zevrant

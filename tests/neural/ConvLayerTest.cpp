@@ -1,0 +1,290 @@
+#include "neural/ConvLayer.h"
+
+#include <array>
+#include <cmath>
+#include <tuple>
+
+#include "neural/LayerTesting.h"
+
+namespace zevrant::test {
+namespace {
+
+struct ConvRecord {
+    Weights weights;
+    Weights bias = {};
+    ConvolutionSettings settings = {};
+
+    Record build(int version = newestVersion) const {
+        return Record(version)
+            .string("input")
+            .tensor(weights)
+            .tensor(bias)
+            .int8(settings.timeStride)
+            .int8(settings.frequencyStride)
+            .int8(settings.timeDilation)
+            .int8(-7)
+            .int8(settings.timeOffset);
+    }
+};
+
+struct Conv : LayerUnderTest<ConvLayer<float>> {
+    explicit Conv(const ConvRecord& record, int version = newestVersion)
+        : LayerUnderTest(record.build(version)) {}
+};
+
+void expectDefinition(const ConvRecord& record, int slices, int frequencies, int channels,
+                      const std::vector<std::vector<int>>& patterns = {{1}, {3, 1, 2}, {1000}}) {
+    SCOPED_TRACE(testing::Message() << "kernel " << testing::PrintToString(record.weights.shape) << " on "
+                                    << frequencies << " x " << channels << ", time stride "
+                                    << record.settings.timeStride << ", dilation "
+                                    << record.settings.timeDilation << ", offset "
+                                    << record.settings.timeOffset << ", frequency stride "
+                                    << record.settings.frequencyStride);
+    const Sequence input = noiseSequence(slices, frequencies, channels, 3);
+    expectStreamsAs<ConvLayer<float>>(
+        record.build(), input, convolve(input, record.weights, record.bias, record.settings), patterns);
+}
+
+TEST(ConvLayer, followsTheDefinition) {
+    int turn = 0;
+    for (int kernelTime = 1; kernelTime <= 7; ++kernelTime)
+        for (int kernelFrequency = 1; kernelFrequency <= 7; ++kernelFrequency)
+            for (int frequencyStride : {1, 2, 3, 8}) {
+                ++turn;
+                const int inputs = std::array{2, 1, 3, 5, 17}[turn % 5];
+                const int outputs = std::array{1, 3, 16, 2, 33, 20, 70}[turn % 7];
+                const ConvRecord record = {noiseWeights({kernelTime, kernelFrequency, inputs, outputs}, 1),
+                                           turn % 2 ? noiseWeights({outputs}, 2) : Weights{},
+                                           {1 + turn % 3, frequencyStride, turn % 4, turn % 6 - 2}};
+                const int frequencies = std::array{1, 2, 9, 23}[turn / 7 % 4];
+                ASSERT_NO_FATAL_FAILURE(expectDefinition(record, 9, frequencies, inputs));
+            }
+}
+
+// One kernel input over several channels; with fewer channels than outputs each stands for several.
+TEST(ConvLayer, channelWiseFollowsTheDefinition) {
+    int turn = 0;
+    for (int kernelTime : {1, 2, 3, 5})
+        for (int kernelFrequency : {1, 2, 3, 6, 7})
+            for (int frequencyStride : {1, 2, 4})
+                for (int repeat : {1, 4}) {
+                    ++turn;
+                    const int channels = std::array{2, 5, 16, 33}[turn % 4];
+                    const ConvRecord record = {
+                        noiseWeights({kernelTime, kernelFrequency, 1, channels * repeat}, 1),
+                        turn % 2 ? noiseWeights({channels * repeat}, 2) : Weights{},
+                        {1 + turn % 2, frequencyStride, 1 + turn % 3, turn % 4 - 1}};
+                    const int frequencies = std::array{1, 3, 21}[turn % 3];
+                    std::vector<std::vector<int>> patterns = {{1}};
+                    if (repeat == 1) patterns.push_back({2, 3});
+                    ASSERT_NO_FATAL_FAILURE(expectDefinition(record, 8, frequencies, channels, patterns));
+                }
+}
+
+// Terms by kernel row, tap and input channel, each fused: bit for bit on all that can fuse.
+TEST(ConvLayer, accumulatesInTheStatedOrder) {
+    for (const simd::Target& target : getFusingTargets()) {
+        const simd::ScopedTarget scope(target);
+        for (const auto& [inputs, channels, outputs] :
+             {std::array{3, 3, 40}, std::array{16, 16, 7}, std::array{3, 5, 16}, std::array{1, 9, 9}}) {
+            SCOPED_TRACE(testing::Message()
+                         << inputs << " of " << channels << " to " << outputs << ", " << target.name);
+            constexpr int kernelTime = 3, kernelFrequency = 4, F = 11, frequencyStride = 2, reach = 1;
+            const ConvRecord record = {noiseWeights({kernelTime, kernelFrequency, inputs, outputs}, 1),
+                                       noiseWeights({outputs}, 2),
+                                       {1, frequencyStride, 1, 2}};
+            const auto in = noise(static_cast<std::size_t>(kernelTime * F * channels), 3);
+            Conv test(record);
+            test.push(tensorOf({kernelTime, F, channels}, in));
+            std::vector<float> expected;
+            for (int f = 0; f < F / frequencyStride; ++f)
+                for (int o = 0; o < outputs; ++o) {
+                    float sum = record.bias.values[static_cast<std::size_t>(o)];
+                    for (int r = 0; r < kernelTime; ++r)
+                        for (int k = 0; k < kernelFrequency; ++k) {
+                            const int row = f * frequencyStride + k - reach;
+                            if (row < 0 || row >= F) continue;
+                            for (int c = 0; c < inputs; ++c) {
+                                const int channel = inputs == 1 ? o : c;
+                                const int at = (r * kernelFrequency + k) * inputs + c;
+                                sum = std::fma(
+                                    in[static_cast<std::size_t>((r * F + row) * channels + channel)],
+                                    record.weights.values[static_cast<std::size_t>(at * outputs + o)], sum);
+                            }
+                        }
+                    expected.push_back(sum);
+                }
+            ASSERT_EQ(test.sink.values, expected);
+        }
+    }
+}
+
+TEST(ConvLayer, theGateTriggersConsumersInBetween) {
+    const Sequence input = noiseSequence(7, 1, 1, 1);
+    for (const auto& [timeStride, timeOffset, when] :
+         {std::tuple{2, 1, std::vector{1, 3, 5}}, std::tuple{3, -1, std::vector{2, 5}},
+          std::tuple{3, -3, std::vector{0, 3, 6}}, std::tuple{1, 5, std::vector{5, 6}}}) {
+        const ConvRecord record = {{{1, 1, 1, 1}, {2.0f}}, {}, {timeStride, 1, 1, timeOffset}};
+        Conv test(record);
+        for (int t = 0; t < input.numOfSlices; ++t) {
+            const bool isDue = std::find(when.begin(), when.end(), t) != when.end();
+            const int triggers = test.sink.numOfTriggers;
+            EXPECT_EQ(test.push(slicesOf(input, t, 1)), isDue) << "slice " << t;
+            EXPECT_EQ(test.sink.numOfTriggers - triggers, isDue ? 0 : 1) << "slice " << t;
+        }
+        EXPECT_EQ(test.sink.countSlices(), static_cast<int>(when.size()));
+    }
+}
+
+TEST(ConvLayer, theRingHoldsTheLatestSlices) {
+    const ConvRecord record = {noiseWeights({3, 1, 2, 4}, 1), {}, {1, 1, 2, 0}};
+    Conv test(record);
+    EXPECT_EQ(test.layer->historyLength, 5);
+    EXPECT_TRUE(test.layer->history.shape.empty());
+    EXPECT_FALSE(test.push(Tensor<float>({0, 3, 2})));
+    EXPECT_EQ(test.layer->history.shape, (std::vector{5, 3, 2}));
+    const Sequence input = noiseSequence(7, 3, 2, 2);
+    test.pushAll(input, {4, 3});
+    for (int t = 2; t < 7; ++t)
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(test.layer->history.getReadPointer()[t % 5 * 6 + i],
+                      float(input.at(t, i / 2, i % 2).value));
+    test.layer->reset();
+    EXPECT_EQ(test.layer->timeIndex, 0);
+    EXPECT_EQ(test.layer->history.shape, (std::vector{5, 3, 2}));
+    for (int i = 0; i < 30; ++i) EXPECT_EQ(test.layer->history.getReadPointer()[i], 0.0f);
+}
+
+// The repeating path takes the values of a tensor's first slice for each of its slices.
+TEST(ConvLayer, repeatedChannelsComeFromTheFirstSlice) {
+    const ConvRecord record = {{{1, 1, 1, 4}, {1, 1, 1, 1}}};
+    Conv test(record);
+    test.push(tensorOf({2, 1, 2}, {1, 2, 3, 4}));
+    EXPECT_EQ(test.sink.values, (std::vector<float>{1, 1, 2, 2, 1, 1, 2, 2}));
+}
+
+// Fewer channels than outputs that do not divide: with one for each, slices are taken from the tensor's
+// buffer as if they had the outputs' channels; with more, the values stand at the start of the slot.
+TEST(ConvLayer, channelsThatDoNotDivideTheOutputs) {
+    const ConvRecord four = {{{1, 1, 1, 4}, {1, 1, 1, 1}}};
+    Tensor<float> tensor = tensorOf({2, 2, 4}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+    tensor.ensureShape({2, 2, 3});
+    Conv fromBuffer(four);
+    fromBuffer.push(tensor);
+    EXPECT_EQ(fromBuffer.sink.values,
+              (std::vector<float>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}));
+    Conv tooShort(four);
+    EXPECT_THROW(tooShort.push(Tensor<float>({1, 2, 3})), std::invalid_argument);
+
+    const ConvRecord five = {{{1, 1, 1, 5}, {1, 1, 1, 1, 1}}};
+    Conv repeated(five);
+    repeated.push(tensorOf({1, 2, 2}, {1, 2, 3, 4}));
+    EXPECT_EQ(repeated.sink.values, (std::vector<float>{1, 1, 2, 2, 3, 3, 4, 4, 0, 0}));
+}
+
+TEST(ConvLayer, oddBandsAndBiases) {
+    const ConvRecord truncated = {noiseWeights({1, 3, 1, 1}, 1), {}, {1, 2, 1, 0}};
+    Conv wide(truncated);
+    wide.push(tensorOf({1, 257, 1}, noise(257, 2)));
+    EXPECT_EQ(wide.sink.shapes.back(), (std::vector{1, 128, 1}));
+
+    // A band without a whole step, and one without frequencies, are still handed on.
+    Conv narrow(truncated), empty(truncated);
+    EXPECT_TRUE(narrow.push(tensorOf({1, 1, 1}, {1})));
+    EXPECT_EQ(narrow.sink.shapes.back(), (std::vector{1, 0, 1}));
+    EXPECT_TRUE(empty.push(Tensor<float>({1, 0, 1})));
+    EXPECT_EQ(empty.sink.shapes.back(), (std::vector{1, 0, 1}));
+
+    const ConvRecord zeroAxis = {{{1, 1, 1, 2}, {3, 4}}, {{2, 0}, {}}};
+    Conv unbiased(zeroAxis);
+    unbiased.push(tensorOf({1, 1, 1}, {2}));
+    EXPECT_EQ(unbiased.sink.values, (std::vector<float>{6, 8}));
+
+    // A kernel without rows or taps leaves the bias, as long as the ring has room for a slice.
+    const ConvRecord noRows = {{{0, 3, 1, 2}, {}}, {{2}, {5, 6}}, {1, 1, 0, 0}};
+    const ConvRecord noTaps = {{{1, 0, 1, 2}, {}}, {{2}, {5, 6}}};
+    for (const ConvRecord& record : {noRows, noTaps}) {
+        Conv bare(record);
+        bare.push(tensorOf({1, 2, 1}, {1, 2}));
+        EXPECT_EQ(bare.sink.values, (std::vector<float>{5, 6, 5, 6}));
+    }
+}
+
+// What the numbers of a file make impossible loads, and stops the push that would need it.
+TEST(ConvLayer, impossibleNumbersThrowInThePush) {
+    const Weights kernel = noiseWeights({2, 3, 2, 3}, 1);
+    const Tensor<float> slice = tensorOf({1, 4, 2}, noise(8, 2));
+    const ConvRecord impossible[] = {
+        {kernel, {}, {0, 1, 1, 0}},                      // no time stride
+        {kernel, {}, {-1, 1, 1, 0}},                     //
+        {kernel, {}, {1, 0, 1, 0}},                      // no frequency stride
+        {kernel, {}, {1, -2, 1, 0}},                     //
+        {kernel, {}, {1, 1, -1, 0}},                     // a ring without slices
+        {{{}, {}}, {}, {1, 1, 1, 0}},                    // no kernel
+        {kernel, {{2}, {1, 2}}, {1, 1, 1, 0}},           // a short bias
+        {noiseWeights({2, 3}, 1), {}, {1, 1, 1, 0}},     // a kernel of two axes
+        {noiseWeights({2, 3, 3, 3}, 1), {}, {}},         // more inputs than channels
+        {{{2, 3, 2, 3, 0}, {}}, {}, {}},                 // a kernel without values
+        {{{1 << 24, 0, 2, 3}, {}}, {}, {1, 1, 127, 0}},  // a ring beyond all memory
+    };
+    for (const ConvRecord& record : impossible) {
+        Conv test(record);
+        EXPECT_ANY_THROW(test.push(slice)) << testing::PrintToString(record.weights.shape);
+        EXPECT_NO_THROW(test.layer->reset());
+        EXPECT_NO_THROW(test.layer->measureLatency(1));
+    }
+    // Only what is reached has to be possible.
+    Conv early({kernel, {}, {0, 0, 1, 2}});
+    EXPECT_FALSE(early.push(slice));
+    EXPECT_FALSE(early.push(slice));
+    EXPECT_THROW(early.push(slice), std::invalid_argument);
+
+    Conv test({kernel});
+    EXPECT_TRUE(test.push(slice));
+    EXPECT_THROW(test.push(tensorOf({1, 5, 2}, noise(10, 1))), std::invalid_argument);
+    EXPECT_THROW(test.push(tensorOf({1, 4, 3}, noise(12, 1))), std::invalid_argument);
+    EXPECT_THROW(test.push(Tensor<float>({1, 4, 0})), std::invalid_argument);
+    Tensor<float> shortened = slice;
+    shortened.shape[0] = 2;
+    EXPECT_THROW(test.push(shortened), std::invalid_argument);
+    EXPECT_FALSE(test.push(Tensor<float>())) << "an empty tensor has no slices";
+    EXPECT_TRUE(test.push(slice)) << "a refused slice leaves the layer as it was";
+}
+
+TEST(ConvLayer, oldRecordsHaveTheLastAxesSwapped) {
+    const Weights kernel = noiseWeights({2, 2, 3, 5}, 1);
+    Weights swapped = {{2, 2, 5, 3}, {}};
+    for (int i = 0; i < 4; ++i)
+        for (int o = 0; o < 5; ++o)
+            for (int c = 0; c < 3; ++c) swapped.values.push_back(float(kernel.at(0, i, c, o)));
+    Conv old({swapped}, 0x1000), current({kernel}, 0x1001);
+    EXPECT_EQ(old.layer->inputChannels, 3);
+    EXPECT_EQ(old.layer->outputChannels, 5);
+    EXPECT_EQ(old.layer->weights.shape, kernel.shape);
+    for (Conv* test : {&old, &current}) test->pushAll(noiseSequence(3, 4, 3, 2));
+    EXPECT_EQ(old.sink.values, current.sink.values);
+}
+
+TEST(ConvLayer, latencyIsScaledByWhatStandsBefore) {
+    Conv test({noiseWeights({1, 1, 1, 1}, 1), {}, {2, 1, 1, 3}});
+    EXPECT_EQ(test.layer->measureLatency(5), 15);
+    Conv behind({noiseWeights({1, 1, 1, 1}, 1), {}, {1, 1, 1, 1}});
+    test.layer->consumers.push_back(behind.layer.get());
+    EXPECT_EQ(test.layer->measureLatency(1), 1 * 3 + 2 * 1);
+    test.layer->consumers.pop_back();
+}
+
+// Consumers that keep the output keep its values, and a slice is read from a shared ring no more.
+TEST(ConvLayer, keptResultsStayAsTheyWere) {
+    OutputLayer<float> keeper;
+    const ConvRecord record = {noiseWeights({2, 3, 2, 3}, 1)};
+    Conv test(record);
+    test.layer->consumers.push_back(&keeper);
+    test.pushAll(noiseSequence(4, 5, 2, 2));
+    const Tensor<float> kept = keeper.getResults();
+    ASSERT_EQ(kept.getNumOfElements(), static_cast<int>(test.sink.values.size()));
+    EXPECT_TRUE(std::equal(test.sink.values.begin(), test.sink.values.end(), kept.getReadPointer()));
+}
+
+}  // namespace
+}  // namespace zevrant::test

@@ -1,0 +1,200 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "DspCore/simd/TargetOverride.h"
+#include "neural/BaseLayer.h"
+#include "neural/MemoryStream.h"
+#include "neural/WholeSequence.h"
+
+// A layer by itself: its record written by hand, a source to hang it on, and a sink that keeps what it
+// forwards.
+namespace zevrant::test {
+
+constexpr int newestVersion = 0x100a;
+
+// The bytes of a layer record of one file version, item by item.
+class Record {
+  public:
+    explicit Record(int fileVersion = newestVersion) : version(fileVersion) {}
+
+    template <class Number>
+    Record& number(Number value) {
+        const auto* first = reinterpret_cast<const std::uint8_t*>(&value);
+        bytes.insert(bytes.end(), first, first + sizeof value);
+        return *this;
+    }
+    Record& int8(int value) { return number(static_cast<std::int8_t>(value)); }
+    Record& int16(int value) { return number(static_cast<std::int16_t>(value)); }
+    Record& string(const std::string& text) {
+        number(static_cast<std::int32_t>(text.size()));
+        bytes.insert(bytes.end(), text.begin(), text.end());
+        return *this;
+    }
+    Record& tensor(const Weights& weights) {
+        if (version >= 0x1009) int8(1);
+        int8(static_cast<int>(weights.shape.size()));
+        for (int dimension : weights.shape) number(std::int32_t{dimension});
+        for (float value : weights.values) number(value);
+        return *this;
+    }
+    // The start of a layer with several inputs.
+    Record& sources(const std::vector<std::string>& names) {
+        int16(static_cast<int>(names.size()));
+        for (const std::string& name : names) string(name);
+        return *this;
+    }
+
+    int version;
+    std::vector<std::uint8_t> bytes;
+};
+
+inline std::vector<float> noise(std::size_t count, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::uniform_real_distribution<float> distribution(-1.0f, 1.0f);
+    std::vector<float> values(count);
+    for (float& value : values) value = distribution(generator);
+    return values;
+}
+
+inline Weights noiseWeights(std::vector<int> shape, unsigned seed) {
+    const auto count = static_cast<std::size_t>(std::max(0, Tensor<float>::countElements(shape)));
+    return {std::move(shape), noise(count, seed)};
+}
+
+inline Tensor<float> tensorOf(const std::vector<int>& shape, const std::vector<float>& values) {
+    Tensor<float> tensor(shape);
+    EXPECT_EQ(tensor.getNumOfElements(), static_cast<int>(values.size()));
+    std::copy(values.begin(), values.end(), tensor.getWritePointer());
+    return tensor;
+}
+
+inline Sequence noiseSequence(int slices, int frequencies, int channels, unsigned seed) {
+    Sequence sequence(slices, frequencies, channels);
+    const std::vector<float> values = noise(sequence.values.size(), seed);
+    std::copy(values.begin(), values.end(), sequence.values.begin());
+    return sequence;
+}
+
+// Slices first to first + count - 1 as one tensor.
+inline Tensor<float> slicesOf(const Sequence& sequence, int first, int count) {
+    Tensor<float> tensor({count, sequence.numOfFrequencies, sequence.numOfChannels});
+    const auto length = static_cast<std::size_t>(sequence.numOfFrequencies) * sequence.numOfChannels;
+    const auto begin = sequence.values.begin() + static_cast<std::ptrdiff_t>(length * first);
+    std::transform(begin, begin + static_cast<std::ptrdiff_t>(length * count), tensor.getWritePointer(),
+                   [](const Bounded& value) { return static_cast<float>(value.value); });
+    return tensor;
+}
+
+// Keeps a copy of every tensor that arrives.
+class Sink : public BaseLayer<float> {
+  public:
+    bool push(const Tensor<float>& tensor, BaseLayer<float>*) override {
+        shapes.push_back(tensor.shape);
+        const float* begin = tensor.getReadPointer();
+        const int count = std::max(0, tensor.getNumOfElements());
+        if (count > 0) values.insert(values.end(), begin, begin + count);
+        return answer;
+    }
+    void triggerForward() override { ++numOfTriggers; }
+
+    // Slices that arrived, over all pushes.
+    int countSlices() const {
+        int slices = 0;
+        for (const auto& shape : shapes) slices += shape.empty() ? 0 : shape[0];
+        return slices;
+    }
+    void clear() {
+        shapes.clear();
+        values.clear();
+    }
+
+    std::vector<std::vector<int>> shapes;
+    std::vector<float> values;
+    int numOfTriggers = 0;
+    bool answer = true;
+};
+
+// A layer built from a record behind sources named "input", "input1", ..., with a sink behind it.
+template <class Layer>
+struct LayerUnderTest {
+    explicit LayerUnderTest(const Record& record, int numOfSources = 1) {
+        for (int i = 0; i < numOfSources; ++i) {
+            sources.push_back(std::make_shared<InputLayer<float>>());
+            const std::string name = i == 0 ? "input" : "input" + std::to_string(i);
+            layers[name] = std::shared_ptr<BaseLayer<float>>(sources.back());
+        }
+        stream = streamOver(record.bytes);
+        layer = std::make_unique<Layer>(layers, stream, record.version);
+        layer->consumers.push_back(&sink);
+    }
+
+    // Whether the constructor has taken all bytes of the record.
+    bool readsAll() const { return stream->getPosition() == stream->getLength(); }
+
+    bool push(const Tensor<float>& tensor, int source = 0) {
+        return sources[static_cast<std::size_t>(source)]->push(tensor, nullptr);
+    }
+
+    // All slices, as many per push as the pattern says in turn.
+    void pushAll(const Sequence& sequence, const std::vector<int>& pattern = {1}) {
+        std::size_t turn = 0;
+        for (int t = 0; t < sequence.numOfSlices;) {
+            const int count = std::min(pattern[turn++ % pattern.size()], sequence.numOfSlices - t);
+            push(slicesOf(sequence, t, count));
+            t += count;
+        }
+    }
+
+    std::vector<std::shared_ptr<InputLayer<float>>> sources;
+    LayerMap layers;
+    std::shared_ptr<InputStream> stream;
+    Sink sink;
+    std::unique_ptr<Layer> layer;
+};
+
+// Every value stands within the bound of its definition, and there are as many.
+inline void expectWithin(const std::vector<float>& actual, const Sequence& expected) {
+    ASSERT_EQ(actual.size(), expected.values.size());
+    for (std::size_t i = 0; i < actual.size(); ++i)
+        ASSERT_TRUE(expected.values[i].contains(actual[i]))
+            << "value " << i << " is " << actual[i] << " and not " << expected.values[i].value << " +- "
+            << expected.values[i].error;
+}
+
+// The instruction sets of this machine whose multiply-adds are fused: there a plain loop of fused operations
+// in the stated order gives the very same bits.
+inline std::vector<simd::Target> getFusingTargets() {
+    std::vector<simd::Target> targets = simd::getUsableTargets();
+    std::erase_if(targets, [](const simd::Target& target) {
+        return !target.name.starts_with("AVX") && !target.name.starts_with("NEON");
+    });
+    return targets;
+}
+
+// Pushed in several ways, and once more after a reset in mid-stream, a layer gives the definition.
+template <class Layer>
+void expectStreamsAs(const Record& record, const Sequence& input, const Sequence& expected,
+                     const std::vector<std::vector<int>>& patterns = {{1}, {3, 1, 2}, {1000}}) {
+    LayerUnderTest<Layer> test(record);
+    EXPECT_TRUE(test.readsAll()) << "the record has bytes that were not read";
+    for (const std::vector<int>& pattern : patterns) {
+        SCOPED_TRACE(testing::Message() << pattern.front() << " slices in the first push");
+        test.pushAll(input, pattern);
+        ASSERT_NO_FATAL_FAILURE(expectWithin(test.sink.values, expected));
+        test.layer->reset();
+        test.pushAll(noiseSequence(3, input.numOfFrequencies, input.numOfChannels, 99));
+        test.layer->reset();
+        test.sink.clear();
+    }
+}
+
+}  // namespace zevrant::test

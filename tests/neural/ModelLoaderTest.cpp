@@ -1,0 +1,388 @@
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <chrono>
+#include <cmath>
+#include <limits>
+
+#include "modelwriter/ModelWriter.h"
+#include "neural/ActivationLayers.h"
+#include "neural/ConvLayer.h"
+#include "neural/DenseLayers.h"
+#include "neural/FrequencyRescaleLayer.h"
+#include "neural/MemoryStream.h"
+#include "neural/MergeLayers.h"
+#include "neural/NeuralModel.h"
+#include "neural/NormLayers.h"
+#include "neural/SelfAttentionLayer.h"
+#include "neural/TransposedConvLayer.h"
+
+namespace zevrant {
+namespace {
+
+using namespace modelwriter;
+
+struct Loaded {
+    NeuralModel<float> model;
+    bool result;
+    long long position;  // where the reading stopped
+};
+
+Loaded load(const Bytes& bytes) {
+    Loaded loaded;
+    const auto stream = streamOver(bytes);
+    loaded.result = loaded.model.loadModel(stream);
+    loaded.position = stream->getPosition();
+    return loaded;
+}
+
+void appendInt32(Bytes& bytes, std::int32_t value) {
+    for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+void appendText(Bytes& bytes, const std::string& text) {
+    appendInt32(bytes, static_cast<std::int32_t>(text.size()));
+    bytes.insert(bytes.end(), text.begin(), text.end());
+}
+
+TEST(ModelLoader, everyHeaderFormComesBack) {
+    const std::vector<Packing> packings = {
+        Packing::magnitudes(33),        Packing::rectifiedParts(3, 30),    Packing::complexBins(-7),
+        Packing::frameHistory(2, 9, 4), Packing::complexGroups(20, 80, 4), Packing::complexGroups(-3, 9, -5)};
+    for (int version = earliestVersion; version <= latestVersion; ++version)
+        for (const Packing& in : packings)
+            for (const Packing& out : packings) {
+                SCOPED_TRACE(testing::Message() << version << ": " << in.code << " to " << out.code);
+                const int window = version >= 0x1005 ? 900 : 1024;
+                ModelWriter writer("The name", version);
+                writer.setInfoText("Info").setSampleRate(22050.9).setChannels(2, 5).setProcessingMode(-3);
+                writer.setPacking(in, out).setFrames(1024, window, 300).setOutput("input");
+                if (version >= 0x1006) writer.setBusses({"One", "", "Rest"});
+                const Bytes bytes = writer.toBytes();
+                const auto [model, result, position] = load(bytes);
+                ASSERT_TRUE(result);
+                EXPECT_EQ(position, static_cast<long long>(bytes.size()));
+                EXPECT_EQ(model.modelName, "The name");
+                EXPECT_EQ(model.modelInfoText, "Info");
+                EXPECT_EQ(model.sampleRate, 22050.9);
+                EXPECT_EQ(model.numOfInputChannels, 2);
+                EXPECT_EQ(model.numOfOutputChannels, 5);
+                EXPECT_EQ(model.processingMode, -3);
+                EXPECT_EQ(model.inputPacking, in.code);
+                EXPECT_EQ(model.outputPacking, out.code);
+                EXPECT_EQ(model.fftSize, 1024);
+                EXPECT_EQ(model.windowSize, window);
+                EXPECT_EQ(model.hopSize, 300);
+                EXPECT_EQ(model.numFineBins, in.numOfFineBins);
+                EXPECT_EQ(model.numBins, in.numOfFineBins + in.numOfBins);
+                EXPECT_EQ(model.binGroupSize, in.binGroupSize);
+                EXPECT_EQ(model.numHistoryFrames, in.numOfHistoryFrames);
+                EXPECT_EQ(model.tensorFrequencies, in.code == 6
+                                                       ? in.numOfBins / in.binGroupSize + in.numOfFineBins
+                                                       : 4 * in.numOfFineBins + in.numOfBins);
+                EXPECT_EQ(model.frameHistory.size(), static_cast<std::size_t>(in.numOfHistoryFrames));
+                const std::list<std::string> names = version >= 0x1006
+                                                         ? std::list<std::string>{"One", "", "Rest"}
+                                                         : std::list<std::string>{"Processed", "Residual"};
+                EXPECT_EQ(model.outputBusNames, names);
+                EXPECT_EQ(model.numOfOutputBusses, version >= 0x1006 ? 2 : 1);
+                EXPECT_EQ(model.latencyInFrames, 0);
+                EXPECT_EQ(model.layers.size(), 2u);
+                EXPECT_EQ(std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at("output")),
+                          model.outputLayer);
+                EXPECT_EQ(std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at("input")),
+                          model.inputLayer);
+            }
+}
+
+TEST(ModelLoader, busNamesAreOneMoreThanBussesAndPileUp) {
+    for (int count : {0, 1, 2, 128}) {
+        ModelWriter writer("x");
+        writer.setBusses(std::vector<std::string>(static_cast<std::size_t>(count), "bus")).setOutput("input");
+        auto [model, result, position] = load(writer.toBytes());
+        EXPECT_TRUE(result);
+        EXPECT_EQ(model.numOfOutputBusses, count - 1);
+        EXPECT_EQ(model.outputBusNames.size(), static_cast<std::size_t>(count));
+        EXPECT_TRUE(model.loadModel(streamOver(writer.toBytes())));
+        EXPECT_EQ(model.outputBusNames.size(), static_cast<std::size_t>(2 * count));
+    }
+}
+
+TEST(ModelLoader, refusesAfterTheBytesThatTellIt) {
+    const auto expectRefusal = [](const std::string& magic, int version, long long bytesBehindMagic) {
+        Bytes bytes;
+        appendText(bytes, magic);
+        const auto start = static_cast<long long>(bytes.size());
+        appendInt32(bytes, version);
+        bytes.resize(bytes.size() + 100, 1);
+        const Loaded loaded = load(bytes);
+        EXPECT_FALSE(loaded.result) << magic;
+        EXPECT_EQ(loaded.position, start + bytesBehindMagic) << magic;
+        EXPECT_EQ(loaded.model.modelName, "");
+    };
+    expectRefusal("KOLVE.model", 0x1009, 6);
+    expectRefusal("TQLe.model", 0x1004, 6);
+    expectRefusal("KOLVE.model", 0x1003, 4);
+    expectRefusal("zevrant.model", 0x1003, 4);
+    expectRefusal("zevrant.model", -1, 4);
+    expectRefusal("zevrant.mode", 0x1009, 0);
+    expectRefusal("", 0x1009, 0);
+    EXPECT_FALSE(load({}).result);
+    EXPECT_FALSE(NeuralModel<float>().loadModel(File("/no such folder/no such file")));
+}
+
+TEST(ModelLoader, refusesCodesThatItDoesNotKnow) {
+    const Bytes valid =
+        ModelWriter("", 0x1004).setPacking(Packing::magnitudes(1)).setOutput("input").toBytes();
+    const std::size_t inputPacking = 4 + 13 + 4 + 4 + 4 + 8 + 1, outputPacking = inputPacking + 1 + 2 + 2;
+    ASSERT_EQ(valid[inputPacking], 1);
+    ASSERT_EQ(valid[outputPacking], 1);
+    for (int code = -128; code < 128; ++code) {
+        const bool isKnown = code == 1 || code == 2 || (code >= 4 && code <= 6);
+        for (std::size_t place : {inputPacking, outputPacking}) {
+            Bytes bytes = valid;
+            bytes[place] = static_cast<std::uint8_t>(code);
+            if (isKnown) continue;  // the fields behind it would be misread
+            EXPECT_FALSE(load(bytes).result) << code;
+        }
+    }
+    const std::vector<int> typeCodes = {2, 3, 4, 5, 6, 7, 9, 12, 14, 15, 16, 17, 18, 19, 20, 22, 23};
+    for (int code = 0; code < 300; ++code) {
+        if (std::find(typeCodes.begin(), typeCodes.end(), code) != typeCodes.end()) continue;
+        const Bytes bytes = ModelWriter("").addRawLayer("x", code, {}).setOutput("input").toBytes();
+        EXPECT_FALSE(load(bytes).result) << code;
+    }
+    EXPECT_FALSE(load(ModelWriter("").addRawLayer("x", 65535, {}).setOutput("input").toBytes()).result);
+}
+
+TEST(ModelLoader, unknownSourcesThrowWithTheirText) {
+    const auto expectOutOfRange = [](const Bytes& bytes) {
+        try {
+            load(bytes);
+            FAIL() << "loaded";
+        } catch (const std::out_of_range& error) {
+            EXPECT_STREQ(error.what(), "map::at:  key not found");
+        }
+    };
+    const int relu = 4, concat = 9;
+    const auto withLayer = [&](int code, const Bytes& payload) {
+        return ModelWriter("").addRawLayer("a", code, payload).setOutput("input").toBytes();
+    };
+    expectOutOfRange(withLayer(relu, encodeLayer("later", ReLU{})));
+    expectOutOfRange(withLayer(relu, encodeLayer("a", ReLU{})));  // itself
+    expectOutOfRange(withLayer(relu, encodeLayer("output", ReLU{})));
+    expectOutOfRange(withLayer(concat, encodeLayer({"input", "later"}, Concat{})));
+    Bytes bytes = ModelWriter("").setOutput("input").toBytes();
+    bytes.resize(bytes.size() - 9);
+    Bytes noSource = bytes;
+    expectOutOfRange(noSource);  // a text that reads as empty
+    appendText(bytes, "output");
+    expectOutOfRange(bytes);
+    bytes = noSource;
+    appendInt32(bytes, -1);
+    EXPECT_THROW(load(bytes), std::length_error);
+}
+
+template <class Layer>
+void expectType(const NeuralModel<float>& model, const std::string& name, int type) {
+    const auto layer = std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at(name));
+    EXPECT_NE(dynamic_cast<const Layer*>(layer.get()), nullptr) << name;
+    EXPECT_EQ(layer->type, type) << name;
+}
+
+TEST(ModelLoader, everyTypeCodeMakesItsClass) {
+    const WeightTensor one{{1, 1, 1, 1}, {1.0f}};
+    for (int version = earliestVersion; version <= latestVersion; ++version) {
+        SCOPED_TRACE(version);
+        ModelWriter writer("", version);
+        writer.addLayer("conv", "input", Conv{.weights = one});
+        writer.addLayer("transposed", "conv", TransposedConv{.weights = one});
+        writer.addLayer("relu", "input", ReLU{}).addLayer("elu", "input", ELU{});
+        writer.addLayer("sigmoid", "input", Sigmoid{}).addLayer("hard", "input", HardSigmoid{});
+        writer.addLayer("softplus", "input", Softplus{}).addLayer("leaky", "input", LeakyReLU{0.5f});
+        writer.addLayer("norm", "input", Norm{.gain = one, .offset = one});
+        writer.addLayer("prenorm", "input", PreNorm{one})
+            .addLayer("arprenorm", "input", ARPreNorm{0.5f, 0.5f, 1.0f});
+        writer.addLayer("dense", "input", Dense{one, {}})
+            .addLayer("separable", "input", SeparableChannelConv{one, one});
+        writer.addLayer("attention", "input", SelfAttention{.channelMatrix = one, .positionBias = one});
+        writer.addLayer("rescale", "input", FrequencyRescale{{{0, one}}});
+        writer.addLayer("concat", {"relu", "elu"}, Concat{});
+        writer.addLayer("sum", {"relu", "elu"}, Arithmetic{});
+        const auto [model, result, position] = load(writer.setOutput("sum").toBytes());
+        ASSERT_TRUE(result);
+        EXPECT_EQ(model.layers.size(), 19u);
+        expectType<ConvLayer<float>>(model, "conv", 2);
+        expectType<TransposedConvLayer<float>>(model, "transposed", 3);
+        expectType<ReLULayer<float>>(model, "relu", 4);
+        expectType<ELULayer<float>>(model, "elu", 5);
+        expectType<SigmoidLayer<float>>(model, "sigmoid", 6);
+        expectType<NormLayer<float>>(model, "norm", 7);
+        expectType<ConcatLayer<float>>(model, "concat", 0);  // queued layers keep no code
+        expectType<LeakyReLULayer<float>>(model, "leaky", 12);
+        expectType<DenseLayer<float>>(model, "dense", 14);
+        expectType<SeparableChannelConvLayer<float>>(model, "separable", 14);
+        expectType<PreNormLayer<float>>(model, "prenorm", 16);
+        expectType<SoftplusLayer<float>>(model, "softplus", 17);
+        expectType<ArithmeticLayer<float>>(model, "sum", 0);
+        expectType<SelfAttentionLayer<float>>(model, "attention", 19);
+        expectType<HardSigmoidLayer<float>>(model, "hard", 20);
+        expectType<FrequencyRescaleLayer<float>>(model, "rescale", 22);
+        expectType<ARPreNormLayer<float>>(model, "arprenorm", 23);
+    }
+}
+
+TEST(ModelLoader, latencyFollowsTheChainOfLayers) {
+    const WeightTensor one{{1, 1, 1, 1}, {1.0f}};
+    for (const auto& [rate, fft, hop, offset, milliseconds] :
+         std::vector<std::tuple<double, int, int, int, int>>{{48000, 1024, 256, 4, 37},
+                                                             {48000.9, 1024, 256, 4, 37},
+                                                             {44100, 1024, 512, 4, 70},
+                                                             {1, 3, 1, 127, 130000}}) {
+        ModelWriter writer("");
+        writer.setSampleRate(rate).setFrames(fft, fft, hop).setPacking(Packing::magnitudes(1));
+        writer.addLayer("a", "input", Conv{.weights = one, .timeStride = 2, .timeOffset = offset - 2});
+        writer.addLayer("b", "a", Conv{.weights = one, .timeOffset = 1}).addLayer("c", "input", ReLU{});
+        const auto [model, result, position] = load(writer.setOutput("b").toBytes());
+        ASSERT_TRUE(result);
+        EXPECT_EQ(model.latencyInFrames, offset);  // offset - 2, and 1 at two frames a slice
+        EXPECT_EQ(model.latencyMilliseconds, milliseconds);
+    }
+}
+
+TEST(ModelLoader, ratesAndFramesThatAreNotPositiveAreRefused) {
+    const auto loads = [](double rate, int window, int hop) {
+        return load(
+                   ModelWriter("").setSampleRate(rate).setFrames(8, window, hop).setOutput("input").toBytes())
+            .result;
+    };
+    EXPECT_TRUE(loads(1.0, 1, 1));
+    EXPECT_TRUE(loads(2147483647.5, 1, 1));
+    for (double rate : {0.0, 0.99, -1.0, -48000.0, 2147483648.0, 1e300, -1e300,
+                        std::numeric_limits<double>::infinity(), std::nan("")})
+        EXPECT_FALSE(loads(rate, 8, 8)) << rate;
+    for (int bad : {0, -1, -32768}) {
+        EXPECT_FALSE(loads(48000, bad, 8));
+        EXPECT_FALSE(loads(48000, 8, bad));
+    }
+}
+
+TEST(ModelLoader, levelScaleUndoesThePackingsShareOfTheLevel) {
+    const auto getScale = [](const Packing& packing, int fft, int channels) {
+        ModelWriter writer("");
+        writer.setPacking(packing).setFrames(fft, fft, 1).setChannels(channels, 1);
+        writer.addLayer("level", "input", ARPreNorm{0.5f, 0.5f, 1.0f}).setOutput("level");
+        const NeuralModel<float> model = load(writer.toBytes()).model;
+        const auto layer = std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at("level"));
+        return dynamic_cast<const ARPreNormLayer<float>&>(*layer).levelScale;
+    };
+    const auto root = [](double a, double b) { return static_cast<float>(std::sqrt(a / b)); };
+    for (int channels : {1, 2, 127}) {
+        EXPECT_FLOAT_EQ(getScale(Packing::magnitudes(513), 1024, channels), 1.0f);
+        EXPECT_FLOAT_EQ(getScale(Packing::magnitudes(512), 1024, channels), root(512, 513));
+        EXPECT_EQ(getScale(Packing::magnitudes(511), 1024, channels), 1.0f);
+        EXPECT_FLOAT_EQ(getScale(Packing::rectifiedParts(13, 500), 1024, channels), root(552, 513));
+        EXPECT_FLOAT_EQ(getScale(Packing::complexBins(513), 1025, channels), root(2, 1));
+        EXPECT_FLOAT_EQ(getScale(Packing::complexGroups(13, 500, 1), 1024, channels), root(2, 1));
+        EXPECT_EQ(getScale(Packing::complexGroups(13, 500, 2), 1024, channels), 1.0f);
+        EXPECT_EQ(getScale(Packing::frameHistory(13, 500, 2), 1024, channels), 1.0f);
+        EXPECT_FLOAT_EQ(getScale(Packing::frameHistory(13, 500, 1), 1024, channels), root(552, 513));
+    }
+    EXPECT_EQ(getScale(Packing::magnitudes(513), 1024, 0), 1.0f);
+    EXPECT_EQ(getScale(Packing::magnitudes(513), 1024, -1), 1.0f);
+    EXPECT_EQ(getScale(Packing::magnitudes(0), -8, 1), 1.0f);
+}
+
+TEST(ModelLoader, silentHistoryIsOneBlockHoweverLong) {
+    const Bytes bytes = ModelWriter("")
+                            .setChannels(127, 1)
+                            .setPacking(Packing::frameHistory(32767, 32767, 32767))
+                            .setOutput("input")
+                            .toBytes();
+    NeuralModel<float> model = load(bytes).model;
+    ASSERT_EQ(model.frameHistory.size(), 32767u);
+    const auto& first = model.frameHistory.front();
+    EXPECT_EQ(first.numOfChannels, 127);
+    EXPECT_EQ(first.numOfSamples, 65534);
+    for (const auto& frame : model.frameHistory) ASSERT_EQ(frame.data, first.data);
+    EXPECT_THROW(model.process(ComplexSignal32(127, 16)), std::runtime_error);
+
+    for (int frames : {0, -5}) {
+        const Bytes none =
+            ModelWriter("").setPacking(Packing::frameHistory(1, 1, frames)).setOutput("input").toBytes();
+        Loaded loaded = load(none);
+        EXPECT_TRUE(loaded.result);
+        EXPECT_THROW(loaded.model.process(ComplexSignal32(1, 16)), std::logic_error);
+    }
+}
+
+TEST(ModelLoader, oddHeadersLoadAndStopAtTheirFirstUse) {
+    EXPECT_THROW(
+        load(ModelWriter("").setPacking(Packing::complexGroups(2, 8, 0)).setOutput("input").toBytes()),
+        std::invalid_argument);
+    for (int channels : {0, -1, -128}) {
+        Loaded loaded = load(ModelWriter("")
+                                 .setChannels(channels, 1)
+                                 .setPacking(Packing::magnitudes(5))
+                                 .setOutput("input")
+                                 .toBytes());
+        ASSERT_TRUE(loaded.result) << channels;
+        EXPECT_TRUE(loaded.model.process(ComplexSignal32(1, 5)).empty() || channels < 0);
+    }
+    for (int bins : {0, -5, -32768}) {
+        Loaded loaded =
+            load(ModelWriter("").setPacking(Packing::complexBins(bins)).setOutput("input").toBytes());
+        ASSERT_TRUE(loaded.result) << bins;
+    }
+}
+
+TEST(ModelLoader, aSecondLayerOfAnameReplacesTheFirst) {
+    const int relu = 4, elu = 5;
+    Bytes bytes = ModelWriter("")
+                      .addRawLayer("a", relu, encodeLayer("input", ReLU{}))
+                      .addRawLayer("b", elu, encodeLayer("a", ELU{}))
+                      .setOutput("b")
+                      .toBytes();
+    // The second record's name becomes "a" too; the output then names it.
+    const std::string second = std::string{1, 0, 0, 0} + "b" + std::string{5, 0};
+    const auto place = std::search(bytes.begin(), bytes.end(), second.begin(), second.end());
+    ASSERT_NE(place, bytes.end());
+    *(place + 4) = 'a';
+    bytes.back() = 'a';
+    Loaded loaded = load(bytes);
+    ASSERT_TRUE(loaded.result);
+    EXPECT_EQ(loaded.model.layers.size(), 3u);
+    expectType<ELULayer<float>>(loaded.model, "a", 5);
+    loaded.model.inputLayer->push(Tensor<float>({1, 1, 1}), nullptr);  // touches nothing that is gone
+    loaded.model.reset();
+}
+
+TEST(ModelLoader, resetGivesWhatANewModelGives) {
+    const WeightTensor kernel{{3, 1, 1, 1}, {0.25f, 0.5f, 1.0f}};
+    ModelWriter writer("");
+    writer.setPacking(Packing::magnitudes(4)).setFrames(8, 8, 4);
+    writer.addLayer("a", "input", Conv{.weights = kernel, .timeOffset = 1}).setOutput("a");
+    const auto run = [](NeuralModel<float>& model) {
+        std::vector<std::vector<std::complex<float>>> results;
+        for (int i = 0; i < 5; ++i) {
+            const auto frames =
+                model.process(ComplexSignal32(1, 5, std::complex<float>(static_cast<float>(i + 1), 0.0f)));
+            EXPECT_EQ(frames.size(), i < 1 ? 0u : 1u);
+            for (const auto& frame : frames)
+                results.emplace_back(frame.getReadChannelPtr(0),
+                                     frame.getReadChannelPtr(0) + frame.numOfSamples);
+        }
+        return results;
+    };
+    NeuralModel<float> model = load(writer.toBytes()).model;
+    const auto first = run(model);
+    ASSERT_EQ(first.size(), 4u);
+    EXPECT_EQ(first[0][0].real(), 2.5f);  // 2 x 1 + 1 x 0.5 with silence before
+    EXPECT_EQ(first[3][3].real(), 5.0f + 2.0f + 0.75f);
+    model.reset();
+    for (const auto& frame : model.frameHistory) EXPECT_EQ(frame.getReadChannelPtr(0)[2], 0.0f);
+    EXPECT_EQ(run(model), first);
+}
+
+}  // namespace
+}  // namespace zevrant

@@ -1,0 +1,153 @@
+// What a damaged model file may do: load or fail, run a frame or throw a standard exception. Never crash,
+// never take a second, never take a gigabyte.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <random>
+
+#include "neural/MemoryStream.h"
+#include "neural/ModelOfAllLayers.h"
+#include "neural/NeuralModel.h"
+
+namespace zevrant {
+namespace {
+
+using namespace modelwriter;
+
+std::vector<Bytes> makeModels() {
+    return {makeModelOfAllLayers(0x100a, TensorStorage::SinglePrecision, Packing::magnitudes(9)),
+            makeModelOfAllLayers(0x1009, TensorStorage::HalfPrecision, Packing::complexGroups(3, 12, 2)),
+            makeModelOfAllLayers(0x1004, TensorStorage::SinglePrecision, Packing::complexBins(9))};
+}
+
+// Sanitizers make everything several times slower, so their builds take fewer cases.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+
+double getThreadSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+}
+
+double getPeakMegabytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
+struct Outcomes {
+    int loaded = 0, refused = 0, threwAtLoad = 0, ran = 0, threwAtRun = 0;
+    double longest = 0.0;
+};
+
+// Load, two frames with a reset in between, delete.
+void runCase(const Bytes& bytes, Outcomes& outcomes) {
+    const double start = getThreadSeconds();
+    NeuralModel<float> model;
+    bool isLoaded = false;
+    try {
+        isLoaded = model.loadModel(streamOver(bytes));
+        ++(isLoaded ? outcomes.loaded : outcomes.refused);
+    } catch (const std::exception&) {
+        ++outcomes.threwAtLoad;
+    }
+    if (isLoaded) {
+        try {
+            const ComplexSignal32 frame(std::max(1, model.numOfInputChannels), 17, {0.5f, -0.25f});
+            model.process(frame);
+            model.reset();
+            model.process(frame);
+            ++outcomes.ran;
+        } catch (const std::exception&) {
+            ++outcomes.threwAtRun;
+        }
+    }
+    outcomes.longest = std::max(outcomes.longest, getThreadSeconds() - start);
+}
+
+void report(const Outcomes& outcomes) {
+    std::printf(
+        "  %d loaded (%d ran, %d threw at a frame), %d refused, %d threw at load; longest %.0f ms, "
+        "peak %.0f MB\n",
+        outcomes.loaded, outcomes.ran, outcomes.threwAtRun, outcomes.refused, outcomes.threwAtLoad,
+        1e3 * outcomes.longest, getPeakMegabytes());
+}
+
+TEST(ModelSweep, theModelsThemselvesRun) {
+    for (const Bytes& bytes : makeModels()) {
+        NeuralModel<float> model;
+        ASSERT_TRUE(model.loadModel(streamOver(bytes)));
+        const ComplexSignal32 frame(2, 17, {0.5f, -0.25f});
+        for (int i = 0; i < 5; ++i) {
+            const auto results = model.process(frame);
+            ASSERT_EQ(results.size(), 1u);
+            EXPECT_EQ(results[0].numOfSamples, 17);
+            for (int b = 0; b < 17; ++b)
+                EXPECT_TRUE(std::isfinite(std::abs(results[0].getReadChannelPtr(1)[b])));
+        }
+    }
+}
+
+TEST(ModelSweep, aFileCutAtAnyByteNeverLoads) {
+    Outcomes outcomes;
+    for (const Bytes& bytes : makeModels())
+        for (std::size_t length = 0; length < bytes.size(); ++length) {
+            runCase(Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)), outcomes);
+            ASSERT_EQ(outcomes.loaded, 0) << "cut at " << length;
+        }
+    EXPECT_LT(outcomes.longest, 1.0);
+    report(outcomes);
+}
+
+// ZEVRANT_SWEEP_CASES sets another number of cases, and ZEVRANT_SWEEP_SEED another seed.
+int getSetting(const char* name, int usual) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::atoi(value) : usual;
+}
+
+TEST(ModelSweep, randomByteChangesAreSurvived) {
+    const int numOfCases = getSetting("ZEVRANT_SWEEP_CASES", isSanitized ? 10000 : 20000);
+    std::mt19937 random(static_cast<unsigned>(getSetting("ZEVRANT_SWEEP_SEED", 1)));
+    const std::vector<Bytes> models = makeModels();
+    const double peakBefore = getPeakMegabytes();
+    Outcomes outcomes;
+    for (int i = 0; i < numOfCases; ++i) {
+        Bytes bytes = models[static_cast<std::size_t>(i) % models.size()];
+        // Most bytes are weights, so half of the changes fall where nothing but structure is: the header.
+        const std::size_t range = i % 2 == 0 ? bytes.size() : std::min<std::size_t>(bytes.size(), 150);
+        for (unsigned change = 0; change <= random() % 4; ++change)
+            bytes[random() % range] = static_cast<std::uint8_t>(random());
+        runCase(bytes, outcomes);
+        ASSERT_LT(outcomes.longest, 1.0) << "case " << i;
+        ASSERT_LT(getPeakMegabytes() - peakBefore, 1024.0) << "case " << i;
+    }
+    report(outcomes);
+}
+
+// Every byte on its own at the values where fields turn over, which random changes rarely meet.
+TEST(ModelSweep, everyByteAtItsEdgesIsSurvived) {
+    Outcomes outcomes;
+    const double peakBefore = getPeakMegabytes();
+    const std::vector<int> values = isSanitized ? std::vector{0, 128, 255} : std::vector{0, 1, 127, 128, 255};
+    for (const Bytes& bytes : makeModels())
+        for (std::size_t place = 0; place < bytes.size(); ++place)
+            for (int value : values) {
+                Bytes changed = bytes;
+                changed[place] = static_cast<std::uint8_t>(value);
+                runCase(changed, outcomes);
+                ASSERT_LT(outcomes.longest, 1.0) << "byte " << place << " as " << value;
+            }
+    EXPECT_LT(getPeakMegabytes() - peakBefore, 1024.0);
+    report(outcomes);
+}
+
+}  // namespace
+}  // namespace zevrant

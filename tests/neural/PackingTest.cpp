@@ -1,0 +1,308 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <random>
+#include <stdexcept>
+
+#include "neural/NeuralModel.h"
+
+namespace zevrant {
+namespace {
+
+using Bin = std::complex<float>;
+
+struct Layout {
+    int packing, numBins, numFineBins, binGroupSize, channels;
+};
+
+std::ostream& operator<<(std::ostream& out, const Layout& layout) {
+    return out << "packing " << layout.packing << ", bins " << layout.numBins << ", fine "
+               << layout.numFineBins << ", group " << layout.binGroupSize << ", channels " << layout.channels;
+}
+
+NeuralModel<float> makeModel(const Layout& layout) {
+    NeuralModel<float> model;
+    model.inputPacking = model.outputPacking = layout.packing;
+    model.numBins = layout.numBins;
+    model.numFineBins = layout.numFineBins;
+    model.binGroupSize = layout.binGroupSize;
+    model.numOfInputChannels = model.numOfOutputChannels = layout.channels;
+    model.tensorFrequencies =
+        layout.packing == 6 ? (layout.numBins - layout.numFineBins) / layout.binGroupSize + layout.numFineBins
+                            : 3 * layout.numFineBins + layout.numBins;
+    return model;
+}
+
+ComplexSignal32 makeNoise(int channels, int bins, unsigned seed) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> values(-2.0f, 2.0f);
+    ComplexSignal32 signal(channels, bins, Bin(0.0f, 0.0f));
+    for (int c = 0; c < channels; ++c)
+        for (int b = 0; b < signal.data->stride; ++b)  // the padding too: groups may read on into it
+            signal.getWriteChannelPtr(c)[b] = {values(random), values(random)};
+    return signal;
+}
+
+// The rules of packing, one element after the other. Every column walks over the rows with a bin counter
+// of its own.
+double packElement(const Layout& layout, const ComplexSignal32& signal, int row, int column) {
+    const int n = signal.numOfSamples;
+    const bool isComplex = layout.packing == 4 || layout.packing == 6;
+    const Bin* bins = signal.getReadChannelPtr(isComplex ? column / 2 : column);
+    const auto part = [&](int b) { return column % 2 == 0 ? bins[b].real() : bins[b].imag(); };
+    double element = 0.0;
+    int b = 0;
+    for (int r = 0; r <= row; ++r) {
+        element = 0.0;
+        if (layout.packing == 4) {
+            element = r < n ? part(r) : 0.0;
+        } else if (b >= n) {
+            continue;
+        } else if (layout.packing == 6) {
+            if (b < layout.numFineBins) {
+                element = part(b++);
+            } else if (layout.binGroupSize > 0) {
+                float mean = 0.0f;
+                for (int i = 0; i < layout.binGroupSize; ++i)
+                    mean += part(b + i) / static_cast<float>(layout.binGroupSize);
+                element = mean;
+                b += layout.binGroupSize;
+            }
+        } else if (b >= layout.numFineBins) {
+            element = std::hypot(double{bins[b].real()}, double{bins[b].imag()});
+            ++b;
+        } else {
+            const float parts[] = {bins[b].real(), bins[b].imag(), -bins[b].real(), -bins[b].imag()};
+            element = std::max(parts[r % 4], 0.0f);
+            if (r % 4 == 3) ++b;
+        }
+    }
+    return element;
+}
+
+std::vector<Layout> allLayouts() {
+    std::vector<Layout> layouts;
+    for (int channels : {1, 2, 3}) {
+        for (int bins : {1, 15, 40, 300, 1025}) layouts.push_back({1, bins, 0, 1, channels});
+        for (int bins : {1, 15, 300}) layouts.push_back({4, bins, 0, 1, channels});
+        for (int fine : {0, 1, 3, 10})
+            for (int bins : {10, 40, 300}) layouts.push_back({2, bins, fine, 1, channels});
+        for (int fine : {0, 1, 20})
+            for (int group : {1, 2, 3, 4, 7, 127})
+                layouts.push_back({6, fine + group * (group > 100 ? 3 : 20), fine, group, channels});
+    }
+    layouts.push_back({2, 10, 12, 1, 2});  // fewer bins than fine bins: the last fine rows are cut
+    layouts.push_back({2, 10, -2, 1, 1});  // no fine bins, and fewer rows than bins
+    layouts.push_back({6, 40, -6, 4, 1});  // the first group begins inside
+    layouts.push_back({6, 43, 3, -4, 1});  // groups of negative size are rows of zeros
+    layouts.push_back({4, 40, 5, 1, 1});   // rows that no bin fills
+    return layouts;
+}
+
+TEST(Packing, everyElementFollowsItsRule) {
+    for (const Layout& layout : allLayouts()) {
+        SCOPED_TRACE(testing::Message() << layout);
+        NeuralModel<float> model = makeModel(layout);
+        const int columns = layout.channels * (layout.packing == 4 || layout.packing == 6 ? 2 : 1);
+        if (model.tensorFrequencies <= 0) continue;
+        for (int n : {0, 1, 2, 9, 16, layout.numBins - 1, layout.numBins, layout.numBins + 5}) {
+            if (n < 0) continue;
+            SCOPED_TRACE(testing::Message() << n << " bins in the frame");
+            ComplexSignal32 signal = makeNoise(layout.channels + 1, n + 128, 1);
+            signal.ensureDimensions(layout.channels, n);  // groups read on into the hidden bins
+            const Tensor<float> tensor = model.signalsToTensor({signal});
+            ASSERT_EQ(tensor.shape, (std::vector<int>{1, model.tensorFrequencies, columns}));
+            const bool isExact = layout.packing == 4 || layout.packing == 6;
+            for (int row = 0; row < model.tensorFrequencies; ++row)
+                for (int c = 0; c < columns; ++c) {
+                    const double expected = packElement(layout, signal, row, c);
+                    const double tolerance = isExact ? 0.0 : 4 * FLT_EPSILON * expected;
+                    ASSERT_NEAR(tensor.data->data[row * columns + c], expected, tolerance)
+                        << "row " << row << ", column " << c;
+                }
+        }
+    }
+}
+
+// The rules of unpacking, one bin after the other, with a read position that advances.
+std::vector<std::complex<double>> unpackChannel(const NeuralModel<float>& model, const Tensor<float>& tensor,
+                                                int t, int c, int numOfSamples) {
+    const bool isComplex = model.outputPacking == 4 || model.outputPacking == 6;
+    const int C = tensor.shape[2], group = model.binGroupSize;
+    const float* p = tensor.data->data + t * C * model.tensorFrequencies + c * (isComplex ? 2 : 1);
+    double m = 0.0;
+    std::vector<std::complex<double>> bins;
+    for (int b = 0; b < numOfSamples; ++b) {
+        std::complex<double> v;
+        if (b >= model.numBins) {
+            v = m;
+        } else if (model.outputPacking == 4 || (isComplex && b < model.numFineBins)) {
+            v = {p[0], p[1]};
+            p += C;
+        } else if (isComplex) {
+            const int j = (b - model.numFineBins) % group;
+            const double f = static_cast<double>(j) / group;
+            std::complex<double> next;
+            if (b + group < model.numBins) next = {p[C], p[C + 1]};
+            v = (1.0 - f) * std::complex<double>(p[0], p[1]) + f * next;
+            if (j == group - 1) p += C;
+        } else if (b < model.numFineBins) {
+            v = {double{p[0]} - p[2 * C], double{p[C]} - p[3 * C]};
+            p += 4 * C;
+        } else {
+            v = p[0];
+            p += C;
+        }
+        if (model.maskExtrapolationEnabled && b < model.numBins) m = 0.98 * m + 0.02 * std::abs(v);
+        bins.push_back(v);
+    }
+    return bins;
+}
+
+TEST(Packing, everyBinComesBackByItsRule) {
+    for (const Layout& layout : allLayouts()) {
+        SCOPED_TRACE(testing::Message() << layout);
+        NeuralModel<float> model = makeModel(layout);
+        const int columns = layout.channels * (layout.packing == 4 || layout.packing == 6 ? 2 : 1);
+        for (int T : {1, 3}) {
+            // Rows that are only interpolated towards, or lie behind a frame cut short, belong to the tensor.
+            const int numOfRows = std::max(model.tensorFrequencies, 0) + 64;
+            Tensor<float> tensor({T, numOfRows, columns});
+            std::mt19937 random(2);
+            for (int i = 0; i < tensor.data->size; ++i)
+                tensor.data->data[i] = static_cast<float>(random() % 2001) / 1000.0f - 1.0f;
+            if (model.tensorFrequencies < 0 && T > 1) continue;
+            for (int n :
+                 {0, 1, 9, 16, layout.numBins - 1, layout.numBins, layout.numBins + 1, layout.numBins + 300})
+                for (bool isExtrapolating : {false, true}) {
+                    if (n < 0) continue;
+                    SCOPED_TRACE(testing::Message()
+                                 << T << " frames of " << n << ", extrapolating " << isExtrapolating);
+                    model.maskExtrapolationEnabled = isExtrapolating;
+                    const auto signals = model.tensorToSignals(tensor, n);
+                    ASSERT_EQ(signals.size(), static_cast<std::size_t>(T));
+                    for (int t = 0; t < T; ++t) {
+                        ASSERT_EQ(signals[t].numOfChannels, layout.channels);
+                        ASSERT_EQ(signals[t].numOfSamples, n);
+                        for (int c = 0; c < layout.channels; ++c) {
+                            const auto expected = unpackChannel(model, tensor, t, c, n);
+                            const Bin* bins = signals[t].getReadChannelPtr(c);
+                            for (int b = 0; b < n; ++b) {
+                                // Magnitudes below 2; the smoothing rounds by 3 ulps a bin and forgets
+                                // within 50 bins.
+                                const double tolerance =
+                                    b < layout.numBins ? 2 * FLT_EPSILON : 200 * FLT_EPSILON;
+                                ASSERT_NEAR(bins[b].real(), expected[b].real(), tolerance) << "bin " << b;
+                                ASSERT_NEAR(bins[b].imag(), expected[b].imag(), tolerance) << "bin " << b;
+                                if (b > layout.numBins && b > 0) {
+                                    ASSERT_EQ(bins[b], bins[b - 1]) << "bin " << b;
+                                }
+                            }
+                        }
+                    }
+                }
+        }
+    }
+}
+
+TEST(Packing, rectifiedPartsAndBackIsTheIdentity) {
+    NeuralModel<float> model = makeModel({2, 10, 3, 1, 1});
+    EXPECT_EQ(model.tensorFrequencies, 19);
+    ComplexSignal32 signal(1, 10, Bin(3.0f, -4.0f));
+    signal.getWriteChannelPtr(0)[1] = {-2.0f, 3.0f};
+    const Tensor<float> tensor = model.signalsToTensor({signal});
+    const float* rows = tensor.data->data;
+    EXPECT_EQ((std::vector(rows + 4, rows + 8)), (std::vector{0.0f, 3.0f, 2.0f, 0.0f}));
+    EXPECT_EQ((std::vector(rows + 12, rows + 19)), (std::vector(7, 5.0f)));
+    const auto back = model.tensorToSignals(tensor, 10);
+    EXPECT_EQ(back.at(0).getReadChannelPtr(0)[1], Bin(-2.0f, 3.0f));
+    EXPECT_EQ(back.at(0).getReadChannelPtr(0)[9], Bin(5.0f, 0.0f));
+}
+
+TEST(Packing, theLastGroupFadesTowardsZero) {
+    NeuralModel<float> model = makeModel({6, 12, 4, 4, 1});
+    Tensor<float> tensor({1, 6, 2});
+    std::fill_n(tensor.data->data, 12, 1.0f);
+    tensor.data->data[10] = 2.0f;
+    const auto signals = model.tensorToSignals(tensor, 12);
+    const Bin* bins = signals.at(0).getReadChannelPtr(0);
+    const std::vector<float> expected{1.0f, 1.25f, 1.5f, 1.75f, 2.0f, 1.5f, 1.0f, 0.5f};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(bins[4 + i].real(), expected[i]) << i;
+    EXPECT_EQ(bins[11].imag(), 0.25f);
+}
+
+// A group is cut off by nothing but the end of the row that it lies in.
+TEST(Packing, groupsReadToTheEndOfTheirRowAndNotBeyond) {
+    NeuralModel<float> model = makeModel({6, 40, 0, 5, 2});
+    for (int n = 1; n <= 24; ++n) {
+        const ComplexSignal32 signal = makeNoise(2, n, 3);
+        const int end = (n + 4) / 5 * 5;
+        if (end > signal.data->stride)
+            EXPECT_THROW(model.signalsToTensor({signal}), std::out_of_range) << n;
+        else
+            EXPECT_NO_THROW(model.signalsToTensor({signal})) << n;
+    }
+}
+
+TEST(Packing, whatIsMissingThrowsBeforeItIsRead) {
+    for (int packing : {1, 2, 4, 6}) {
+        NeuralModel<float> model =
+            makeModel({packing, 20, packing % 4 == 2 ? 4 : 0, packing == 6 ? 4 : 1, 2});
+        EXPECT_THROW(model.signalsToTensor({makeNoise(1, 20, 1)}), std::invalid_argument) << packing;
+        EXPECT_THROW(model.signalsToTensor({makeNoise(2, 20, 1), makeNoise(2, 10, 1)}),
+                     std::invalid_argument);
+        EXPECT_NO_THROW(model.signalsToTensor({ComplexSignal32(1, 0)})) << packing;
+
+        const Tensor<float> tensor = model.signalsToTensor({makeNoise(2, 20, 1)});
+        const int C = tensor.shape[2];
+        EXPECT_NO_THROW(model.tensorToSignals(tensor, 99));
+        Tensor<float> shorter({1, tensor.shape[1] - 1, C});
+        EXPECT_THROW(model.tensorToSignals(shorter, 20), std::out_of_range) << packing;
+        EXPECT_EQ(model.tensorToSignals(shorter, 4).size(), 1u);  // what is asked for is there
+        Tensor<float> uneven({3, tensor.shape[1] - 1, C});        // frames lie tensorFrequencies apart
+        EXPECT_THROW(model.tensorToSignals(uneven, 20), std::out_of_range);
+        Tensor<float> hollow;
+        hollow.shape = tensor.shape;
+        EXPECT_THROW(model.tensorToSignals(hollow, 20), std::out_of_range);
+        EXPECT_THROW(model.tensorToSignals(Tensor<float>({40, C}), 20), std::out_of_range);
+        EXPECT_TRUE(model.tensorToSignals(Tensor<float>(), 20).empty());
+        EXPECT_TRUE(model.tensorToSignals(Tensor<float>({2, 0, C}), 20).empty());
+    }
+    NeuralModel<float> model = makeModel({6, 20, 4, 4, 1});
+    model.binGroupSize = 0;
+    EXPECT_THROW(model.tensorToSignals(Tensor<float>({1, 20, 2}), 20), std::invalid_argument);
+    EXPECT_NO_THROW(model.signalsToTensor({makeNoise(1, 20, 1)}));  // rows of zeros
+    EXPECT_EQ(model.tensorToSignals(Tensor<float>({1, 20, 2}), 4).size(), 1u);
+    model = makeModel({1, 9, 0, 1, 1});
+    model.tensorFrequencies = -9;
+    EXPECT_THROW(model.tensorToSignals(Tensor<float>({2, 9, 1}), 9), std::out_of_range);
+}
+
+TEST(Packing, unknownCodesThrowWhereABinIsConverted) {
+    for (int packing : {0, 3, 5, 7}) {
+        NeuralModel<float> model = makeModel({packing, 8, 0, 1, 1});
+        const auto expectUnknown = [&](auto convert) {
+            try {
+                convert();
+                FAIL() << packing;
+            } catch (const std::runtime_error& error) {
+                EXPECT_STREQ(error.what(), "Unknown packing format");
+            }
+        };
+        expectUnknown([&] { model.signalsToTensor({makeNoise(1, 8, 1)}); });
+        expectUnknown([&] { model.tensorToSignals(Tensor<float>({1, 8, 1}), 8); });
+        const Tensor<float> cleared = model.signalsToTensor({ComplexSignal32(1, 0)});
+        EXPECT_EQ((std::vector(cleared.data->data, cleared.data->data + 8)), std::vector(8, 0.0f));
+        EXPECT_TRUE(model.signalsToTensor({}).shape.empty());
+        EXPECT_TRUE(model.tensorToSignals(Tensor<float>(), 8).empty());
+        model.numHistoryFrames = 3;
+        EXPECT_EQ(model.signalsToTensor({ComplexSignal32(1, 0)}).shape, (std::vector{1, 8, 3}));
+        model.tensorFrequencies = -1;
+        EXPECT_EQ(model.signalsToTensor({makeNoise(1, 8, 1)}).shape, (std::vector{1, -1, 3}));
+    }
+}
+
+}  // namespace
+}  // namespace zevrant

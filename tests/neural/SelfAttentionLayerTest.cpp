@@ -1,0 +1,140 @@
+#include "neural/SelfAttentionLayer.h"
+
+#include "neural/LayerTesting.h"
+
+namespace zevrant::test {
+namespace {
+
+struct Attention {
+    Weights channelMatrix, positionBias, timeWeights;
+    int startDelay = 0;
+
+    Record record(int version = newestVersion) const {
+        Record bytes(version);
+        bytes.string("input").tensor(channelMatrix).tensor(positionBias);
+        return version < 0x1007 ? bytes : bytes.int8(startDelay).tensor(timeWeights);
+    }
+    Sequence define(const Sequence& input) const {
+        return attend(input, channelMatrix, timeWeights, positionBias, startDelay);
+    }
+};
+
+Attention noiseAttention(int F, int C, int historyLength, int startDelay) {
+    return {noiseWeights({C, C}, 1), noiseWeights({F, C}, 2),
+            historyLength > 0 ? noiseWeights({historyLength, C}, 3) : Weights(), startDelay};
+}
+
+using Patterns = std::vector<std::vector<int>>;
+
+TEST(SelfAttentionLayer, followsTheDefinition) {
+    for (int C : {1, 2, 5, 16, 19, 33})
+        for (int F : {1, 4})
+            for (int historyLength : {0, 1, 3, 8})
+                for (int startDelay : {0, 2}) {
+                    SCOPED_TRACE(testing::Message() << F << " x " << C << ", history " << historyLength
+                                                    << ", delay " << startDelay);
+                    const Attention attention = noiseAttention(F, C, historyLength, startDelay);
+                    const Sequence input = noiseSequence(11, F, C, 4);
+                    ASSERT_NO_FATAL_FAILURE(expectStreamsAs<SelfAttentionLayer<float>>(
+                        attention.record(), input, attention.define(input),
+                        startDelay > 0 ? Patterns{{1}} : Patterns{{1}, {2, 5}, {100}}));
+                }
+}
+
+TEST(SelfAttentionLayer, accumulatesInTheStatedOrder) {
+    for (const simd::Target& target : getFusingTargets()) {
+        const simd::ScopedTarget scope(target);
+        for (int C : {1, 7, 16, 24, 64}) {
+            const int F = 5, H = 3;
+            const std::size_t S = static_cast<std::size_t>(F * C);
+            const Attention attention = noiseAttention(F, C, H, 0);
+            LayerUnderTest<SelfAttentionLayer<float>> test(attention.record());
+            std::vector<std::vector<float>> slices(H, std::vector<float>(S));
+            for (int t = 0; t < 5; ++t) {
+                slices.push_back(noise(S, 10u + static_cast<unsigned>(t)));
+                test.sink.clear();
+                test.push(tensorOf({1, F, C}, slices.back()));
+                std::vector<float> mid(S), expected = attention.positionBias.values;
+                for (int i = 0; i < F * C; ++i)
+                    for (int u = 0; u < H; ++u)
+                        mid[i] = std::fma(slices[slices.size() - H + u][i],
+                                          attention.timeWeights.values[u * C + i % C], mid[i]);
+                for (int f = 0; f < F; ++f)
+                    for (int c = 0; c < C; ++c)
+                        for (int o = 0; o < C; ++o)
+                            expected[f * C + o] =
+                                std::fma(mid[f * C + c], attention.channelMatrix.values[c * C + o],
+                                         expected[f * C + o]);
+                ASSERT_EQ(test.sink.values, expected) << C << " channels, slice " << t << ", " << target.name;
+            }
+        }
+    }
+}
+
+TEST(SelfAttentionLayer, theOldRecordHasNoHistoryAndNoDelay) {
+    const Attention attention = noiseAttention(2, 3, 4, 1);
+    const Sequence input = noiseSequence(4, 2, 3, 9);
+    for (int version : {0x1004, 0x1006, 0x1007, 0x1008, 0x1009}) {
+        SCOPED_TRACE(testing::Message() << "version " << std::hex << version);
+        LayerUnderTest<SelfAttentionLayer<float>> test(attention.record(version));
+        EXPECT_TRUE(test.readsAll());
+        test.pushAll(input);
+        const bool isOld = version < 0x1007;
+        expectWithin(test.sink.values,
+                     isOld ? attend(input, attention.channelMatrix, {}, attention.positionBias, 0)
+                           : attention.define(input));
+    }
+}
+
+TEST(SelfAttentionLayer, theDelayIsDroppedAndReportedUnscaled) {
+    LayerUnderTest<SelfAttentionLayer<float>> test(noiseAttention(1, 1, 2, 2).record());
+    const Tensor<float> slice = tensorOf({1, 1, 1}, {1.0f});
+    EXPECT_FALSE(test.push(slice));
+    EXPECT_FALSE(test.push(slice));
+    EXPECT_TRUE(test.push(slice));
+    EXPECT_EQ(test.sink.numOfTriggers, 0);
+    EXPECT_EQ(test.layer->measureLatency(5), 2);
+    EXPECT_EQ(test.layer->timeIndex, 3);
+
+    LayerUnderTest<SelfAttentionLayer<float>> negative(noiseAttention(1, 1, 2, -1).record());
+    EXPECT_FALSE(negative.push(Tensor<float>({3, 1, 1})));
+    EXPECT_TRUE(negative.sink.shapes.empty());
+    EXPECT_EQ(negative.layer->output.shape, (std::vector<int>{3, 1, 1}));
+    EXPECT_EQ(negative.layer->measureLatency(5), -1);
+}
+
+TEST(SelfAttentionLayer, withoutAPositionBiasSumsStartFromZero) {
+    Attention attention = noiseAttention(3, 4, 2, 0);
+    attention.positionBias = {{0, 4}, {}};
+    const Sequence input = noiseSequence(4, 3, 4, 5);
+    expectStreamsAs<SelfAttentionLayer<float>>(attention.record(), input, attention.define(input));
+}
+
+TEST(SelfAttentionLayer, whatCannotBeComputedIsRefused) {
+    const auto refuses = [](const Attention& attention, const Tensor<float>& tensor) {
+        LayerUnderTest<SelfAttentionLayer<float>> test(attention.record());
+        EXPECT_NO_THROW(test.push(Tensor<float>({0, 3, 4})));
+        EXPECT_THROW(test.push(tensor), std::invalid_argument);
+    };
+    const Tensor<float> slice({1, 3, 4});
+    Attention attention = noiseAttention(3, 4, 2, 0);
+    attention.channelMatrix = noiseWeights({3, 5}, 1);
+    refuses(attention, slice);
+    attention = noiseAttention(3, 4, 2, 0);
+    attention.positionBias = noiseWeights({11}, 1);
+    refuses(attention, slice);
+    attention = noiseAttention(3, 4, 2, 0);
+    attention.timeWeights = noiseWeights({2, 3}, 1);
+    refuses(attention, slice);
+    attention.timeWeights = noiseWeights({-2, -4}, 1);
+    refuses(attention, slice);
+    refuses(noiseAttention(3, 4, 2, 1), Tensor<float>({2, 3, 4}));
+
+    LayerUnderTest<SelfAttentionLayer<float>> test(noiseAttention(3, 4, 2, 0).record());
+    test.push(slice);
+    EXPECT_THROW(test.push(Tensor<float>({1, 2, 4})), std::invalid_argument);
+    EXPECT_NO_THROW(test.push(slice));
+}
+
+}  // namespace
+}  // namespace zevrant::test
