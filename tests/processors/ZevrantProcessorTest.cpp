@@ -1,0 +1,503 @@
+// Private members are reached with access control off.
+#include "processors/ZevrantProcessor.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cfloat>
+#include <cmath>
+#include <complex>
+#include <limits>
+#include <random>
+#include <stdexcept>
+
+#include "TestModels.h"
+#include "files/TemporaryFolder.h"
+
+namespace zevrant {
+namespace {
+
+using Complex = std::complex<double>;
+
+AudioFormat makeFormat(int numOfChannels, double sampleRate) {
+    AudioFormat format;
+    format.createDefaultChannelMapping(numOfChannels);
+    format.sampleRate = sampleRate;
+    return format;
+}
+
+ComplexSignal32 makeSpectrum(int numOfChannels, int numOfBins, unsigned seed, float level = 1.0f) {
+    std::mt19937 random(seed);
+    std::normal_distribution<float> normal(0.0f, level);
+    ComplexSignal32 spectrum(numOfChannels, numOfBins);
+    for (int c = 0; c < numOfChannels; ++c)
+        for (int i = 0; i < numOfBins; ++i)
+            spectrum.getWriteChannelPtr(c)[i] = {normal(random), normal(random)};
+    return spectrum;
+}
+
+bool isSame(const ComplexSignal32& a, const ComplexSignal32& b) {
+    if (a.numOfChannels != b.numOfChannels || a.numOfSamples != b.numOfSamples) return false;
+    for (int c = 0; c < a.numOfChannels; ++c)
+        if (!std::equal(a.getReadChannelPtr(c), a.getReadChannelPtr(c) + a.numOfSamples,
+                        b.getReadChannelPtr(c)))
+            return false;
+    return true;
+}
+
+class ZevrantProcessorTest : public testing::Test {
+  protected:
+    File makeModel(const TestModel& model) {
+        const std::string path = folder.getPath("model" + std::to_string(numOfFiles++));
+        describeModel(model).write(path);
+        return File(path);
+    }
+
+    TemporaryFolder folder;
+    int numOfFiles = 0;
+};
+
+// ---- loading and formats ----------------------------------------------------------------------
+
+TEST_F(ZevrantProcessorTest, modelsHaveToAgreeInAllButTheTransform) {
+    const TestModel usual{.channels = 2};
+    const struct {
+        const char* what;
+        TestModel model;
+        bool loads;
+    } cases[] = {
+        {"same", usual, true},
+        {"transform", {.channels = 2, .fftSize = 512}, true},
+        {"names and busses", {.channels = 2, .busGains = {1.0f, 0.5f}}, true},
+        {"mode", {.channels = 2, .processingMode = 1}, true},
+        {"window", {.channels = 2, .windowSize = 128}, false},
+        {"hop", {.channels = 2, .hopSize = 128}, false},
+        {"channels", {.channels = 1}, false},
+        {"rate", {.channels = 2, .sampleRate = 44100.0}, false},
+    };
+    for (const auto& [what, model, loads] : cases) {
+        ZevrantProcessor processor;
+        EXPECT_EQ(processor.loadModelFiles({makeModel(usual), makeModel(model)}), loads) << what;
+        if (loads) {
+            EXPECT_EQ(processor.threadPool->getNumOfThreads(), 2) << what;
+        }
+    }
+    ZevrantProcessor processor;
+    EXPECT_FALSE(processor.loadModelFiles({makeModel(usual), File(folder.getPath("none"))}));
+    EXPECT_FALSE(processor.loadModelFiles({File(folder.makeFile("text", "no model"))}));
+}
+
+TEST_F(ZevrantProcessorTest, withoutModelsNoFormatCanBeSet) {
+    ZevrantProcessor processor;
+    EXPECT_FALSE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    EXPECT_TRUE(processor.loadModelFiles({}));
+    processor.updateBlockSize();
+    EXPECT_EQ(processor.windowSize, 0);
+    EXPECT_FALSE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    EXPECT_EQ(processor.getNumOfOutputBusses(true), 0);
+    EXPECT_EQ(processor.getNumOfOutputBusses(false), 0);
+    EXPECT_EQ(processor.getOutputBusName(0), "");
+    EXPECT_EQ(processor.threadPool, nullptr);
+}
+
+TEST_F(ZevrantProcessorTest, busNamesOfAllModelsFollowEachOther) {
+    ZevrantProcessor processor;
+    const TestModel first{.busGains = {1.0f, 1.0f}, .names = {"A", "B", "R1"}};
+    const TestModel second{.names = {"C", "R2"}};
+    ASSERT_TRUE(processor.loadModelFiles({makeModel(first), makeModel(second)}));
+    EXPECT_EQ(processor.outputBusNames, (std::list<std::string>{"A", "B", "R1", "C", "R2"}));
+    EXPECT_EQ(processor.getNumOfOutputBusses(true), 5);
+    EXPECT_EQ(processor.getNumOfOutputBusses(false), 4);
+    EXPECT_EQ(processor.busOutputs.size(), 4u);
+    EXPECT_EQ(processor.getOutputBusName(3), "C");
+    for (int index : {-1, 5, 1000}) EXPECT_EQ(processor.getOutputBusName(index), "");
+}
+
+// Below the model's rate the exponent is the smallest that reaches the ratio, from there on the nearest.
+TEST_F(ZevrantProcessorTest, frameSizesFollowTheRateByAPowerOfTwo) {
+    ZevrantProcessor processor;
+    ASSERT_TRUE(processor.loadModelFiles({makeModel({.fftSize = 256, .windowSize = 250, .hopSize = 70})}));
+    std::vector<double> ratios{0.5, 0.91875, 1.0, 1.5, 2.0, 4.0, 0.25, std::nextafter(1.0, 0.0)};
+    for (double ratio = 0.06; ratio < 20.0; ratio *= 1.0321) ratios.push_back(ratio);
+    for (double ratio : ratios) {
+        int exponent = -10;
+        if (ratio < 1.0)
+            while (std::ldexp(1.0, exponent) < ratio) ++exponent;
+        else
+            while (std::ldexp(1.0, exponent) * std::sqrt(2.0) <= ratio) ++exponent;
+        const double factor = std::ldexp(1.0, exponent);
+        ASSERT_TRUE(processor.setFormat(makeFormat(1, ratio * 48000.0), makeFormat(1, ratio * 48000.0)));
+        EXPECT_EQ(processor.blockSizeExponent, exponent) << ratio;
+        EXPECT_EQ(processor.fftSize, std::lrint(256 * factor)) << ratio;
+        EXPECT_EQ(processor.windowSize, std::lrint(250 * factor)) << ratio;
+        EXPECT_EQ(processor.hopSize, std::lrint(70 * factor)) << ratio;
+    }
+    // Ties go to the even number: 250 / 4 = 62.5 and 70 / 4 = 17.5.
+    ASSERT_TRUE(processor.setFormat(makeFormat(1, 12000.0), makeFormat(1, 12000.0)));
+    EXPECT_EQ(processor.windowSize, 62);
+    EXPECT_EQ(processor.hopSize, 18);
+}
+
+TEST_F(ZevrantProcessorTest, oddRatesEndInNoFormatOrAnException) {
+    const File file = makeModel({});
+    for (double rate : {0.0, -48000.0, std::numeric_limits<double>::quiet_NaN()}) {
+        ZevrantProcessor processor;
+        ASSERT_TRUE(processor.loadModelFiles({file}));
+        EXPECT_TRUE(processor.setFormat(makeFormat(1, rate), makeFormat(1, rate)));
+        EXPECT_EQ(processor.blockSizeExponent, 0);
+        EXPECT_THROW(processor.process(Signal32(1, 4096, 0.0f)), std::exception);
+    }
+    for (double rate : {std::numeric_limits<double>::infinity(), 1e300, 1e13}) {
+        ZevrantProcessor processor;
+        ASSERT_TRUE(processor.loadModelFiles({file}));
+        EXPECT_THROW(processor.setFormat(makeFormat(1, rate), makeFormat(1, rate)), std::length_error)
+            << rate;
+    }
+    // Far below the model's rate nothing is left of a window: audio passes.
+    ZevrantProcessor processor;
+    ASSERT_TRUE(processor.loadModelFiles({file}));
+    EXPECT_TRUE(processor.setFormat(makeFormat(1, 1e-300), makeFormat(1, 1e-300)));
+    EXPECT_EQ(processor.process(Signal32(1, 100, 0.5f)).numOfSamples, 100);
+}
+
+TEST_F(ZevrantProcessorTest, latencyIsTheFramingAndTheSlowestModel) {
+    for (int hopSize : {64, 128})  // windows of four and of two hops
+        for (int first : {0, 1, 5})
+            for (int second : {0, 3}) {
+                ZevrantProcessor processor;
+                ASSERT_TRUE(processor.loadModelFiles({makeModel({.hopSize = hopSize, .delay = first}),
+                                                      makeModel({.hopSize = hopSize, .delay = second})}));
+                ASSERT_TRUE(processor.setFormat(makeFormat(1, 96000.0), makeFormat(1, 96000.0)));
+                const int hop = 2 * hopSize, framing = hopSize == 64 ? 2 : 1;
+                EXPECT_EQ(processor.getLatency(hop), (framing + std::max(first, second)) * hop);
+                EXPECT_EQ(processor.getLatency(1), (framing + 1 + std::max(first, second)) * hop);
+            }
+}
+
+TEST_F(ZevrantProcessorTest, anUnbearableLatencyThrows) {
+    ZevrantProcessor processor;
+    ASSERT_TRUE(processor.loadModelFiles({makeModel({})}));
+    processor.neuralModels[0].latencyInFrames = std::numeric_limits<int>::max();
+    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    EXPECT_THROW(processor.getLatency(1), std::length_error);
+    processor.neuralModels[0].latencyInFrames = -5;  // never less than none
+    EXPECT_EQ(processor.getLatency(64), 128);
+}
+
+// ---- one frame --------------------------------------------------------------------------------
+
+TEST_F(ZevrantProcessorTest, channelsThatDifferGoThroughMono) {
+    ZevrantProcessor processor;
+    for (int from : {1, 2, 3, 6})
+        for (int to : {1, 2, 5, 6}) {
+            const ComplexSignal32 in = makeSpectrum(from, 33, 1);
+            const ComplexSignal32 out = processor.ensureChannelFormat(in, to);
+            ASSERT_EQ(out.numOfChannels, to);
+            ASSERT_EQ(out.numOfSamples, 33);
+            if (from == to) {
+                EXPECT_EQ(out.data, in.data);
+                continue;
+            }
+            for (int i = 0; i < 33; ++i) {
+                Complex mean = 0.0;
+                for (int c = 0; c < from; ++c) mean += Complex(in.getReadChannelPtr(c)[i]) / double(from);
+                for (int c = 0; c < to; ++c)
+                    EXPECT_NEAR(std::abs(Complex(out.getReadChannelPtr(c)[i]) - mean), 0.0, 4e-6);
+            }
+        }
+    EXPECT_THROW(processor.ensureChannelFormat(ComplexSignal32(), 2), std::exception);
+}
+
+TEST_F(ZevrantProcessorTest, resultsAreCutIntoBussesOfTheirOwn) {
+    ZevrantProcessor processor;
+    processor.modelOutputFormat = makeFormat(2, 48000.0);
+    processor.outputBusNames = {"A", "B", "C", "R"};
+    processor.busOutputs.resize(3);
+    std::vector<ComplexSignal32> results{makeSpectrum(4, 9, 1), makeSpectrum(5, 9, 2)};
+    int busIndex = 1;
+    processor.appendToBusOutputs(busIndex, 2, results);
+    EXPECT_EQ(busIndex, 3);
+    EXPECT_TRUE(processor.busOutputs[0].empty());
+    for (int bus : {0, 1}) {
+        auto& list = processor.busOutputs[static_cast<std::size_t>(1 + bus)];
+        ASSERT_EQ(list.size(), 2u);
+        auto entry = list.begin();
+        for (const auto& result : results) {
+            for (int c : {0, 1})
+                for (int i = 0; i < 9; ++i)
+                    EXPECT_EQ(entry->getReadChannelPtr(c)[i], result.getReadChannelPtr(2 * bus + c)[i]);
+            EXPECT_NE(entry->data, result.data);
+            EXPECT_EQ(entry->numOfChannels, 2);
+            ++entry;
+        }
+    }
+    busIndex = 1;
+    EXPECT_THROW(processor.appendToBusOutputs(busIndex, 2, {makeSpectrum(3, 9, 1)}), std::out_of_range);
+    busIndex = 2;
+    EXPECT_THROW(processor.appendToBusOutputs(busIndex, 2, results), std::out_of_range);
+    EXPECT_EQ(processor.busOutputs[2].size(), 2u);
+    processor.appendToBusOutputs(busIndex, -3, results);  // no busses: only the index moves
+    EXPECT_EQ(busIndex, -1);
+    EXPECT_THROW(processor.appendToBusOutputs(busIndex, 1, results), std::out_of_range);
+}
+
+// The formula of a sensitivity in double, for masks that are far from its steep parts.
+Complex shape(float sensitivity, Complex mask) {
+    const double m = std::abs(mask), curve = std::exp(0.0075 * sensitivity);
+    if (m == 0.0) return 0.0;
+    const double base = curve < 1.0 ? m + 1e-12 : 0.5 - 0.5 * std::cos(m * M_PI) + 1e-12;
+    return mask * std::pow(base, curve - 1.0);
+}
+
+// What the processor makes of a frame, from the model's own results, bin by bin in double.
+struct FrameOracle {
+    ZevrantProcessor& processor;
+    int hostChannels, modelChannels, numOfBusses;
+    bool spectra;
+
+    Complex adapt(const ComplexSignal32& signal, int first, int count, int wanted, int c, int i) const {
+        if (count == wanted) return signal.getReadChannelPtr(first + c)[i];
+        Complex mean = 0.0;
+        for (int k = 0; k < count; ++k)
+            mean += Complex(signal.getReadChannelPtr(first + k)[i]) / double(count);
+        return mean;
+    }
+
+    Complex calc(const ComplexSignal32& frame, const ComplexSignal32& result, int c, int i) const {
+        Complex sum = 0.0, mix = 0.0;
+        for (int bus = 0; bus < numOfBusses; ++bus) {
+            Complex value = adapt(result, bus * modelChannels, modelChannels, hostChannels, c, i);
+            if (!spectra) value = shape(processor.getSensitivity(bus), value);
+            sum += value;
+            mix += double{processor.getGain(bus)} * value;
+        }
+        const Complex in = frame.getReadChannelPtr(c)[i];
+        const double residualGain = processor.getGain(numOfBusses);
+        if (spectra) return mix + residualGain * (in - sum);
+        return in * (mix + residualGain * shape(processor.getSensitivity(numOfBusses), 1.0 - sum));
+    }
+};
+
+TEST_F(ZevrantProcessorTest, aFrameIsTheMixOfItsBusses) {
+    for (int mode : {0, 1})
+        for (int modelChannels : {1, 2})
+            for (int hostChannels : {1, 2, 3})
+                for (const auto& busGains : {std::vector{0.6f}, std::vector{0.45f, 0.25f, 0.15f}})
+                    for (int delay : {0, 2}) {
+                        SCOPED_TRACE(testing::Message() << "mode " << mode << ", " << hostChannels
+                                                        << " channels on " << modelChannels << ", "
+                                                        << busGains.size() << " busses, delay " << delay);
+                        const File file = makeModel({.channels = modelChannels,
+                                                     .delay = delay,
+                                                     .processingMode = mode,
+                                                     .busGains = busGains});
+                        ZevrantProcessor processor;
+                        ASSERT_TRUE(processor.loadModelFiles({file}));
+                        const AudioFormat format = makeFormat(hostChannels, 48000.0);
+                        ASSERT_TRUE(processor.setFormat(format, format));
+                        const int numOfBusses = static_cast<int>(busGains.size());
+                        for (int bus = 0; bus <= numOfBusses; ++bus) {
+                            processor.setGain(bus, 0.3f + 0.4f * static_cast<float>(bus));
+                            processor.setSensitivity(bus, 40.0f - 30.0f * static_cast<float>(bus));
+                        }
+                        NeuralModel<float> model;
+                        ASSERT_TRUE(model.loadModel(file));
+                        const FrameOracle oracle{processor, hostChannels, modelChannels, numOfBusses,
+                                                 mode != 0};
+
+                        std::list<ComplexSignal32> frames;
+                        for (unsigned n = 0; n < 6; ++n) {
+                            frames.push_back(makeSpectrum(hostChannels, 129, n));
+                            const auto output = processor.process(frames.back());
+                            const auto results =
+                                model.process(processor.ensureChannelFormat(frames.back(), modelChannels));
+                            ASSERT_EQ(output.size(), n < static_cast<unsigned>(delay) ? 0u : 1u);
+                            if (output.empty()) continue;
+                            double error = 0.0;
+                            for (int c = 0; c < hostChannels; ++c)
+                                for (int i = 0; i < 129; ++i)
+                                    error = std::max(
+                                        error, std::abs(Complex(output.front().getReadChannelPtr(c)[i]) -
+                                                        oracle.calc(frames.front(), results.at(0), c, i)));
+                            EXPECT_LT(error, 2e-5);
+                            frames.pop_front();
+                        }
+                    }
+}
+
+// Each bus is what the processor gives when all others are silent, and listening changes nothing.
+TEST_F(ZevrantProcessorTest, aReceiverGetsEachBusOfEachFrame) {
+    for (int mode : {0, 1})
+        for (int hostChannels : {1, 2, 3}) {
+            SCOPED_TRACE(testing::Message() << "mode " << mode << ", " << hostChannels << " channels");
+            const File file =
+                makeModel({.channels = 2, .delay = 1, .processingMode = mode, .busGains = {0.5f, 0.3f}});
+            constexpr int numOfBusses = 3;
+            // One listens, one does not, and each of the others lets a single bus through.
+            std::array<ZevrantProcessor, 2 + numOfBusses> processors;
+            for (int p = 0; p < 2 + numOfBusses; ++p) {
+                ASSERT_TRUE(processors[p].loadModelFiles({file}));
+                const AudioFormat format = makeFormat(hostChannels, 48000.0);
+                ASSERT_TRUE(processors[p].setFormat(format, format));
+                for (int bus = 0; bus < numOfBusses; ++bus) {
+                    processors[p].setGain(bus, p < 2 || p == 2 + bus ? 0.5f + static_cast<float>(bus) : 0.0f);
+                    processors[p].setSensitivity(bus, 20.0f * static_cast<float>(bus));
+                }
+            }
+            std::vector<ComplexSignal32> received;
+            processors[0].setBusReceiver([&](int bus, const ComplexSignal32& spectrum) {
+                EXPECT_EQ(bus, static_cast<int>(received.size()) % numOfBusses);
+                received.push_back(spectrum);
+            });
+            for (unsigned n = 0; n < 4; ++n) {
+                received.clear();
+                const ComplexSignal32 frame = makeSpectrum(hostChannels, 129, n);
+                const auto output = processors[0].process(frame), usual = processors[1].process(frame);
+                ASSERT_EQ(output.size(), usual.size());
+                ASSERT_EQ(received.size(), numOfBusses * output.size());
+                for (int bus = 0; bus < numOfBusses; ++bus) {
+                    const auto alone = processors[2 + bus].process(frame);
+                    if (output.empty()) continue;
+                    EXPECT_TRUE(isSame(output.front(), usual.front()));
+                    double error = 0.0;
+                    for (int c = 0; c < hostChannels; ++c)
+                        for (int i = 0; i < 129; ++i)
+                            error = std::max<double>(error, std::abs(received[bus].getReadChannelPtr(c)[i] -
+                                                                     alone.front().getReadChannelPtr(c)[i]));
+                    EXPECT_LT(error, 1e-6) << "bus " << bus;
+                }
+            }
+        }
+}
+
+TEST_F(ZevrantProcessorTest, aModelWithoutBussesLeavesAnEmptyFrame) {
+    ZevrantProcessor processor;
+    TestModel options{.processingMode = 0, .names = {"Residual"}};
+    auto description = describeModel(options);
+    description.setBusses({"Residual"});
+    description.write(folder.getPath("none"));
+    ASSERT_TRUE(processor.loadModelFiles({File(folder.getPath("none"))}));
+    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    const auto output = processor.process(makeSpectrum(1, 129, 1));
+    ASSERT_EQ(output.size(), 1u);
+    EXPECT_EQ(output.front().numOfChannels, 0);
+    EXPECT_THROW(processor.process(Signal32(1, 1024, 0.0f)), std::exception);
+}
+
+TEST_F(ZevrantProcessorTest, busesBeyondTheControlsStopTheFrame) {
+    for (int numOfBusses : {15, 16, 17}) {
+        ZevrantProcessor processor;
+        const TestModel options{.busGains = std::vector(static_cast<std::size_t>(numOfBusses), 0.01f)};
+        ASSERT_TRUE(processor.loadModelFiles({makeModel(options)}));
+        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+        if (numOfBusses == 15)
+            EXPECT_EQ(processor.process(makeSpectrum(1, 129, 1)).size(), 1u);
+        else
+            EXPECT_THROW(processor.process(makeSpectrum(1, 129, 1)), std::out_of_range);
+    }
+}
+
+// ---- several models ---------------------------------------------------------------------------
+
+TEST_F(ZevrantProcessorTest, severalModelsWaitForBussesThatNoneFills) {
+    for (int count : {2, 3}) {
+        ZevrantProcessor processor;
+        std::vector<File> files;
+        for (int i = 0; i < count; ++i)
+            files.push_back(makeModel({.fftSize = 32, .windowSize = 32, .hopSize = 16, .processingMode = 1}));
+        ASSERT_TRUE(processor.loadModelFiles(files));
+        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+        ASSERT_EQ(processor.busOutputs.size(), static_cast<std::size_t>(2 * count - 1));
+        for (std::size_t n = 1; n <= 40; ++n) {
+            EXPECT_TRUE(processor.process(makeSpectrum(1, 17, static_cast<unsigned>(n))).empty());
+            EXPECT_EQ(processor.inputFrames.size(), n);
+            // Each file fills the lists after those of the file before it.
+            for (std::size_t list = 0; list < processor.busOutputs.size(); ++list)
+                EXPECT_EQ(processor.busOutputs[list].size(), list < static_cast<std::size_t>(count) ? n : 0u);
+            EXPECT_TRUE(processor.isQueueEmpty());
+        }
+        processor.reset();
+        EXPECT_TRUE(processor.inputFrames.empty());
+        for (const auto& list : processor.busOutputs) EXPECT_TRUE(list.empty());
+    }
+}
+
+// Two busses: the model fills the first, nothing the second until the test does.
+TEST_F(ZevrantProcessorTest, aListThatStaysEmptyKeepsMemoryBoundedAndFramesAligned) {
+    ZevrantProcessor processor;
+    const TestModel options{.fftSize = 32, .windowSize = 32, .hopSize = 16, .processingMode = 1};
+    ASSERT_TRUE(processor.loadModelFiles({makeModel(options)}));
+    processor.outputBusNames.push_front("Late");
+    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    ASSERT_EQ(processor.busOutputs.size(), 2u);
+    const auto makeFrame = [](int n) { return makeSpectrum(1, 17, static_cast<unsigned>(n)); };
+    constexpr int bound = static_cast<int>(ZevrantProcessor::mostFrames), excess = 100;
+    for (int n = 0; n < bound + excess; ++n) EXPECT_TRUE(processor.process(makeFrame(n)).empty());
+    EXPECT_EQ(processor.inputFrames.size(), std::size_t{bound});
+    EXPECT_EQ(processor.busOutputs[0].size(), std::size_t{bound});
+    EXPECT_TRUE(isSame(processor.inputFrames.front(), makeFrame(excess)));
+    EXPECT_TRUE(isSame(processor.busOutputs[0].front(), makeFrame(excess)));
+
+    // The late results come at last, from the first frame on: those of dropped frames are dropped.
+    for (int n = 0; n < excess + 3; ++n) {
+        int busIndex = 1;
+        processor.appendToBusOutputs(busIndex, 1, {makeFrame(n)});
+    }
+    ASSERT_EQ(processor.busOutputs[1].size(), 3u);
+    EXPECT_TRUE(isSame(processor.busOutputs[1].front(), makeFrame(excess)));
+
+    // A list that is filled without end is bounded as well.
+    for (int n = 0; n < bound + excess; ++n) {
+        int busIndex = 1;
+        processor.appendToBusOutputs(busIndex, 1, {makeFrame(0)});
+    }
+    EXPECT_EQ(processor.busOutputs[1].size(), std::size_t{bound});
+}
+
+TEST_F(ZevrantProcessorTest, whatAModelThrowsInThePoolArrivesWhenAllModelsAreDone) {
+    auto failing = describeModel({});
+    failing.setPacking(modelwriter::Packing::frameHistory(0, 129, 1));
+    failing.write(folder.getPath("failing"));
+    const File good = makeModel({}), bad(folder.getPath("failing"));
+    for (const auto& files : {std::vector{good, bad}, std::vector{bad, good, good}}) {
+        ZevrantProcessor processor;
+        ASSERT_TRUE(processor.loadModelFiles(files));
+        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+        for (unsigned n = 0; n < 50; ++n) {
+            EXPECT_THROW(processor.process(makeSpectrum(1, 129, n)), std::runtime_error);
+            processor.reset();  // would race with a model that still runs
+        }
+    }
+}
+
+// ---- controls ---------------------------------------------------------------------------------
+
+TEST_F(ZevrantProcessorTest, controlsAreLimitedAndIndexed) {
+    ZevrantProcessor processor;
+    for (int bus : {0, 7, 15}) {
+        EXPECT_EQ(processor.getGain(bus), 1.0f);
+        EXPECT_EQ(processor.getSensitivity(bus), 0.0f);
+        for (float value : {-1e9f, -100.5f, -100.0f, -3.0f, 0.0f, 0.25f, 99.0f, 101.0f, 1e9f}) {
+            processor.setGain(bus, value);
+            EXPECT_EQ(processor.getGain(bus), value < 0.0f ? 0.0f : value);
+            processor.setSensitivity(bus, value);
+            EXPECT_EQ(processor.getSensitivity(bus), value < -100.0f  ? -100.0f
+                                                     : value > 100.0f ? 100.0f
+                                                                      : value);
+        }
+    }
+    for (int bus : {-1, 16, 44, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+        processor.setGain(bus, 2.0f);
+        processor.setSensitivity(bus, 2.0f);
+        EXPECT_EQ(processor.getGain(bus), 0.0f);
+        EXPECT_EQ(processor.getSensitivity(bus), 0.0f);
+    }
+    EXPECT_TRUE(processor.getMaskExtrapolationEnabled());
+    for (float stored : {0.0f, -0.0f}) {
+        processor.maskExtrapolation = stored;
+        EXPECT_FALSE(processor.getMaskExtrapolationEnabled());
+    }
+}
+
+}  // namespace
+}  // namespace zevrant
