@@ -1,0 +1,154 @@
+// Parameters by number, and what a processor tells about itself.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+
+#include "AudioHost.h"
+
+namespace zevrant {
+namespace {
+
+constexpr double rate = 48000.0;
+
+// The controls as a table of their own: what a set does to them and what a get reads.
+struct Controls {
+    std::array<float, 16> gains, sensitivities{};
+    float extrapolation = 1.0f;
+
+    Controls() { gains.fill(1.0f); }
+
+    void set(int id, float value) {
+        if (id == 1) gains[0] = 1.0f, gains[1] = std::min(std::pow(10.0f, value / 20.0f), 1.0f);
+        if (id == 2) sensitivities[0] = limit(value);
+        if (id == 3) extrapolation = value >= 0.5f ? 1.0f : 0.0f;
+        if (id >= 256 && id < 272) gains[static_cast<std::size_t>(id - 256)] = std::max(value, 0.0f);
+        if (id >= 512 && id < 528) sensitivities[static_cast<std::size_t>(id - 512)] = limit(value);
+    }
+
+    float get(int id) const {
+        if (id == 1) return 20.0f * std::log10(std::min(std::max(gains[1], std::pow(10.0f, -4.8f)), 1.0f));
+        if (id == 2) return sensitivities[0];
+        if (id == 3) return extrapolation;
+        if (id >= 256 && id < 272) return gains[static_cast<std::size_t>(id - 256)];
+        if (id >= 512 && id < 528) return sensitivities[static_cast<std::size_t>(id - 512)];
+        return 0.0f;
+    }
+
+    static float limit(float value) { return std::min(std::max(value, -100.0f), 100.0f); }
+};
+
+// Every id, in and out of the table, set in turn; after each all that could have changed is read.
+TEST(Parameters, everyIdReachesItsControlAndNoOther) {
+    ModelFolder models;
+    AudioHost host = models.open({.busGains = {0.5f, 0.5f}}, 1, rate);
+    Controls controls;
+    std::vector<int> ids{1, 2, 3, 0, 4, 5, 255, 1 << 30, -(1 << 30), -1, -2, -255, -256, -300, -512};
+    for (int id = 250; id < 800; ++id) ids.push_back(id);
+    const std::vector<int> watched{1, 2, 3, 256, 257, 271, 272, 300, 512, 513, 527, 528, 768};
+    std::mt19937 random(1);
+    for (int round = 0; round < 2; ++round)
+        for (int id : ids) {
+            const float value = std::uniform_real_distribution(-130.0f, 130.0f)(random);
+            controls.set(id, value);
+            zevrantSetParameterValue(host.handle.get(), id, value);
+            EXPECT_NEAR(zevrantGetParameterValue(host.handle.get(), id), controls.get(id), 2e-5f) << id;
+            for (int other : watched)
+                ASSERT_NEAR(zevrantGetParameterValue(host.handle.get(), other), controls.get(other), 2e-5f)
+                    << other << " after " << id << " = " << value;
+        }
+}
+
+TEST(Parameters, theLevelOfTheResidualIsInDecibels) {
+    ModelFolder models;
+    AudioHost host = models.open({}, 1, rate);
+    ProcessorState* handle = host.handle.get();
+    for (float level : {-96.0f, -60.0f, -6.0206f, -0.1f, 0.0f}) {
+        zevrantSetParameterValue(handle, 256, 7.0f);
+        zevrantSetParameterValue(handle, 1, level);
+        EXPECT_NEAR(zevrantGetParameterValue(handle, 1), level, 2e-5f);
+        EXPECT_NEAR(zevrantGetParameterValue(handle, 257), std::pow(10.0, level / 20.0), 1e-6);
+        EXPECT_EQ(zevrantGetParameterValue(handle, 256), 1.0f);
+    }
+    const std::pair<float, float> limits[] = {{-200.0f, -96.0f}, {6.0f, 0.0f}, {-INFINITY, -96.0f}};
+    for (const auto& [level, read] : limits) {
+        zevrantSetParameterValue(handle, 1, level);
+        EXPECT_NEAR(zevrantGetParameterValue(handle, 1), read, 2e-5f);
+    }
+    zevrantSetParameterValue(handle, 257, 50.0f);  // louder than the range of id 1
+    EXPECT_EQ(zevrantGetParameterValue(handle, 1), 0.0f);
+}
+
+TEST(Parameters, extrapolationSwitchesAtOneHalf) {
+    ModelFolder models;
+    AudioHost host = models.open({}, 1, rate);
+    EXPECT_EQ(zevrantGetParameterValue(host.handle.get(), 3), 1.0f);
+    for (float value : {0.0f, 0.49f, 0.5f, 1.0f, -5.0f, 5.0f, NAN}) {
+        zevrantSetParameterValue(host.handle.get(), 3, value);
+        EXPECT_EQ(zevrantGetParameterValue(host.handle.get(), 3), value >= 0.5f ? 1.0f : 0.0f) << value;
+    }
+}
+
+TEST(Parameters, rangesOfAllIds) {
+    for (int id = -1100; id <= 1100; ++id) {
+        float minimum = 9.0f, maximum = 9.0f;
+        zevrantGetParameterRange(nullptr, id, &minimum, &maximum);
+        const std::pair<float, float> expected = id == 1                  ? std::pair(-96.0f, 0.0f)
+                                                 : id == 2                ? std::pair(-100.0f, 100.0f)
+                                                 : id == 3                ? std::pair(0.0f, 1.0f)
+                                                 : id >= 256 && id <= 511 ? std::pair(0.0f, 100.0f)
+                                                 : id >= 512 && id <= 767 ? std::pair(-100.0f, 100.0f)
+                                                                          : std::pair(0.0f, 0.0f);
+        EXPECT_EQ(std::pair(minimum, maximum), expected) << id;
+    }
+}
+
+TEST(Parameters, busNamesFitTheirBufferAndEnd) {
+    ModelFolder models;
+    AudioHost host = models.open({.busGains = {1.0f, 1.0f}, .names = {"Voice", "", "Residual"}}, 1, rate);
+    EXPECT_EQ(zevrantGetNumOfOutputBusses(host.handle.get()), 3);
+    const std::string names[] = {"", "Voice", "", "Residual", ""};
+    for (int bus = -1; bus <= 3; ++bus)
+        for (int size : {-1, 0, 1, 2, 5, 6, 8, 9, 30}) {
+            std::vector<char> buffer(40, 'x');
+            zevrantGetOutputBusName(host.handle.get(), bus, buffer.data(), size);
+            std::string expected = names[bus + 1].substr(0, static_cast<std::size_t>(std::max(size - 1, 0)));
+            expected.resize(static_cast<std::size_t>(std::max(size, 0)), '\0');
+            expected.resize(40, 'x');
+            EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expected) << bus << ", " << size;
+        }
+}
+
+TEST(Parameters, theNameOfTheArithmeticMayFillItsBuffer) {
+    char whole[64];
+    zevrantGetVectorArithmeticWrapperName(whole, 64);
+    const std::string name(whole);
+    ASSERT_GT(name.size(), 2u);
+    for (int size = 0; size < 63; ++size) {
+        std::vector<char> buffer(64, 'x');
+        zevrantGetVectorArithmeticWrapperName(buffer.data(), size);
+        std::string expected = name.substr(0, static_cast<std::size_t>(size));
+        expected.resize(static_cast<std::size_t>(size), '\0');
+        expected.resize(64, 'x');
+        EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expected) << size;
+    }
+}
+
+TEST(Parameters, informationIsTheModelsAndOnlyLatencyFollowsTheHost) {
+    ModelFolder models;
+    for (double ratio : {0.5, 1.0, 2.0}) {
+        AudioHost host = models.open({.channels = 2, .delay = 2}, 1, ratio * rate);
+        ProcessorInfo info;
+        std::memset(&info, 0xff, sizeof info);
+        zevrantGetProcessorInfo(host.handle.get(), &info);
+        EXPECT_EQ(info.sampleRate, rate);
+        EXPECT_EQ(info.numOfChannels, 2);
+        EXPECT_EQ(info.windowSize, 256);
+        EXPECT_EQ(info.hopSize, 64);
+        EXPECT_EQ(info.latency, static_cast<int>((3 + 2) * 64 * ratio));
+    }
+}
+
+}  // namespace
+}  // namespace zevrant

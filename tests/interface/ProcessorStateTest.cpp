@@ -1,0 +1,132 @@
+// Handles of processors: creating, pushing, pulling, resetting.
+#include "interface/ProcessorState.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "AudioHost.h"
+
+namespace zevrant {
+namespace {
+
+constexpr double rate = 48000.0;
+
+TEST(ProcessorState, creatingFailsWithANullHandle) {
+    ModelFolder models;
+    const std::string good = models.write({}), other = models.write({.hopSize = 128});
+    const std::string text = models.folder.makeFile("text", "no model"),
+                      empty = models.folder.makeFile("empty");
+    const std::string missing = models.folder.getPath("missing");
+    for (const std::string& path : {text, empty, missing, models.folder.path, std::string()})
+        EXPECT_EQ(zevrantCreateProcessor(path.c_str(), 1, rate), nullptr) << path;
+
+    const auto create = [](std::vector<const char*> paths) {
+        return zevrantCreateStemSeparator(static_cast<int>(paths.size()), paths.data(), 2, rate);
+    };
+    EXPECT_EQ(create({}), nullptr);
+    EXPECT_EQ(create({good.c_str(), other.c_str()}), nullptr);
+    EXPECT_EQ(create({good.c_str(), missing.c_str()}), nullptr);
+    EXPECT_THROW(zevrantCreateStemSeparator(-1, nullptr, 2, rate), std::length_error);
+    EXPECT_THROW(zevrantCreateProcessor(good.c_str(), -1, rate), std::length_error);
+    zevrantDeleteProcessor(nullptr);
+}
+
+TEST(ProcessorState, remembersWhatItLoaded) {
+    ModelFolder models;
+    const std::string path = models.write({.delay = 4});
+    const char* paths[] = {path.c_str(), path.c_str()};
+    const auto state = std::make_unique<ProcessorState>();
+    ASSERT_TRUE(state->loadModels(2, paths, 3, rate));
+    EXPECT_EQ(state->numOfInputChannels, 3);
+    EXPECT_EQ(state->numOfOutputChannels, 3);
+    // Windows of four hops: (4 frames + 3) * 64 samples, in whole milliseconds at 48 kHz.
+    const std::pair<std::string, std::int32_t> expected("Test model", 9);
+    EXPECT_EQ(state->loadedModels, (std::vector{expected, expected}));
+    EXPECT_EQ(state->licensingStage.outputFormat.channelMapping.size(), 3u);
+}
+
+// Hops come whole: with n samples in, floor(n / hop) hops less the two that the framing keeps.
+TEST(ProcessorState, pendingSamplesAreWholeHops) {
+    ModelFolder models;
+    constexpr int hop = 64;
+    for (int delay : {0, 3})
+        for (int blockSize : {1, 50, 64, 200}) {
+            AudioHost host = models.open({.hopSize = hop, .delay = delay}, 1, rate);
+            const Audio in = makeNoise(1, 2000, 1);
+            for (int start = 0; start + blockSize <= 2000; start += blockSize) {
+                host.push(in, start, blockSize);
+                const int hops = (start + blockSize) / hop - 2 - delay;
+                ASSERT_EQ(zevrantGetNumOfPendingSamples(host.handle.get()), std::max(hops, 0) * hop);
+            }
+        }
+}
+
+TEST(ProcessorState, pullingIsAllOrNothing) {
+    ModelFolder models;
+    for (bool isInterleaved : {false, true}) {
+        AudioHost host = models.open({.channels = 2}, 2, rate);
+        const Audio in = makeNoise(2, 3000, 2);
+        Audio out(2);
+        EXPECT_FALSE(host.pull(out, 1, isInterleaved));
+        host.push(in, 0, 3000);
+        const int pending = zevrantGetNumOfPendingSamples(host.handle.get());
+        ASSERT_GT(pending, 2000);
+        EXPECT_FALSE(host.pull(out, pending + 1, isInterleaved));
+        EXPECT_EQ(zevrantGetNumOfPendingSamples(host.handle.get()), pending);
+        int taken = 0;
+        for (int size : {1, 63, 64, 500, 7}) {
+            EXPECT_TRUE(host.pull(out, size, isInterleaved));
+            taken += size;
+            EXPECT_EQ(zevrantGetNumOfPendingSamples(host.handle.get()), pending - taken);
+        }
+        EXPECT_TRUE(host.pull(out, pending - taken, isInterleaved));
+        EXPECT_FALSE(host.pull(out, 1, isInterleaved));
+        EXPECT_LT(calcDifference(out, in), -100.0);
+        float* const none[] = {nullptr, nullptr};
+        EXPECT_TRUE(zevrantGetAudio(host.handle.get(), none, 0));
+    }
+}
+
+TEST(ProcessorState, aFailedPullLeavesTheBuffersAlone) {
+    ModelFolder models;
+    AudioHost host = models.open({.channels = 2}, 2, rate);
+    std::vector<float> left(8, 5.0f), right(8, 6.0f), both(16, 7.0f);
+    float* const rows[] = {left.data(), right.data()};
+    EXPECT_FALSE(zevrantGetAudio(host.handle.get(), rows, 8));
+    EXPECT_FALSE(zevrantGetAudioInterleaved(host.handle.get(), both.data(), 8));
+    EXPECT_EQ(left, std::vector(8, 5.0f));
+    EXPECT_EQ(right, std::vector(8, 6.0f));
+    EXPECT_EQ(both, std::vector(16, 7.0f));
+}
+
+TEST(ProcessorState, emptyBlocksChangeNothing) {
+    ModelFolder models;
+    const Audio in = makeNoise(1, 3000, 3);
+    AudioHost host = models.open({}, 1, rate), plain = models.open({}, 1, rate);
+    const float* rows[] = {nullptr};
+    zevrantAddAudio(host.handle.get(), rows, 0);
+    zevrantAddAudioInterleaved(host.handle.get(), nullptr, 0);
+    EXPECT_EQ(host.stream(in, inRandomBlocks(1, 3)), plain.stream(in, inBlocksOf(3000)));
+}
+
+// What cannot be framed ends in an exception and not in memory that belongs to others.
+TEST(ProcessorState, formatsThatCannotBeFramedThrowWhenAudioComes) {
+    ModelFolder models;
+    const Audio in = makeNoise(2, 3000, 4);
+    const struct {
+        int channels;
+        double sampleRate;
+    } formats[] = {{2, 0.0}, {2, -1.0}, {2, std::nan("")}, {0, rate}};
+    for (const auto& [channels, sampleRate] : formats) {
+        AudioHost host = models.open({.channels = 2}, channels, sampleRate);
+        ASSERT_TRUE(host.handle);
+        EXPECT_THROW(host.push(in, 0, 3000), std::exception) << channels << " at " << sampleRate;
+        EXPECT_EQ(zevrantGetNumOfPendingSamples(host.handle.get()), 0);
+    }
+    EXPECT_THROW(models.open({}, 1, INFINITY), std::length_error);
+}
+
+}  // namespace
+}  // namespace zevrant
