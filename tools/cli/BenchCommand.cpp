@@ -1,0 +1,161 @@
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/Commands.h"
+#include "cli/Interruption.h"
+#include "cli/Separator.h"
+
+namespace zevrant::cli {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int fewestBlocks = 1000;     // for a 99.9th percentile
+constexpr double warmUpSeconds = 0.5;  // of audio, beyond the latency
+
+struct Timing {
+    double sampleRate;
+    int blockSize;
+    int numOfBlocks;
+    double speed;                                       // times real time
+    double median, percentile99, percentile999, worst;  // milliseconds per block
+};
+
+// White noise at -20 dB that is the same in every run.
+std::vector<float> makeNoise(std::size_t numOfValues) {
+    std::vector<float> noise(numOfValues);
+    std::uint32_t state = 1;
+    for (float& value : noise) {
+        state = state * 1664525u + 1013904223u;
+        value = 0.1f * (static_cast<float>(state >> 8) / 8388608.0f - 1.0f);
+    }
+    return noise;
+}
+
+Timing measure(const Model& model, int channels, double sampleRate, int blockSize, double seconds) {
+    using Clock = std::chrono::steady_clock;
+    const auto mixer = createMixer(model, channels, sampleRate, BusControls(0));
+    const auto numOfBlocks = std::max(fewestBlocks, static_cast<int>(seconds * sampleRate / blockSize));
+    const auto numOfWarmUps = static_cast<int>((mixer->latency + warmUpSeconds * sampleRate) / blockSize) + 1;
+    // One second of noise is cycled through, so that generating it takes no part.
+    const auto width = static_cast<std::size_t>(channels);
+    const std::size_t cycle = std::max<std::size_t>(static_cast<std::size_t>(sampleRate), 1);
+    const std::vector<float> noise = makeNoise((cycle + static_cast<std::size_t>(blockSize)) * width);
+    std::vector<float> output(static_cast<std::size_t>(blockSize) * width);
+    std::vector<double> times;
+    times.reserve(static_cast<std::size_t>(numOfBlocks));
+
+    std::size_t position = 0;
+    for (int i = -numOfWarmUps; i < numOfBlocks; ++i) {
+        stopIfInterrupted();
+        const Clock::time_point start = Clock::now();
+        mixer->add(noise.data() + position * width, blockSize);
+        while (mixer->getNumOfPendingSamples() >= blockSize) mixer->take(output.data(), blockSize);
+        if (i >= 0) times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        position = (position + static_cast<std::size_t>(blockSize)) % cycle;
+    }
+    double sum = 0.0;
+    for (const double time : times) sum += time;
+    std::sort(times.begin(), times.end());
+    const auto percentile = [&](double part) {
+        return times[std::min(
+            times.size() - 1,
+            static_cast<std::size_t>(std::ceil(part * static_cast<double>(times.size()))) - 1)];
+    };
+    const double blockMilliseconds = 1000.0 * blockSize / sampleRate;
+    return {sampleRate,      blockSize,        numOfBlocks,       blockMilliseconds * numOfBlocks / sum,
+            percentile(0.5), percentile(0.99), percentile(0.999), times.back()};
+}
+
+struct BenchCommand {
+    std::string model;
+    std::vector<double> sampleRates;
+    std::vector<int> blockSizes{64, 256, 1024, 4096};
+    int channels = 0;
+    double seconds = 5.0;
+    bool asJson = false;
+
+    void run() {
+        const Model opened = loadModel(model);
+        const int numOfChannels = channels > 0 ? channels : std::max(opened.network.numOfInputChannels, 1);
+        if (sampleRates.empty()) sampleRates = {opened.network.sampleRate, 2.0 * opened.network.sampleRate};
+        Json rows = Json::array();
+        if (!asJson) {
+            std::printf("%s, %d channels, one thread; milliseconds per block\n\n",
+                        opened.network.modelName.c_str(), numOfChannels);
+            std::printf("    rate  block  lasts    median  99 %%      99.9 %%    worst     speed\n");
+        }
+        for (const double sampleRate : sampleRates)
+            for (const int blockSize : blockSizes) {
+                const Timing timing = measure(opened, numOfChannels, sampleRate, blockSize, seconds);
+                if (asJson)
+                    rows.push_back(toJson(timing));
+                else
+                    print(timing);
+            }
+        if (asJson) {
+            const Json json = {
+                {"model", opened.network.modelName}, {"channels", numOfChannels}, {"timings", rows}};
+            std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+        }
+    }
+
+    static void print(const Timing& timing) {
+        std::printf("%8g %6d %6.2f  %8.4f  %8.4f  %8.4f  %8.4f  %6.1f x\n", timing.sampleRate,
+                    timing.blockSize, 1000.0 * timing.blockSize / timing.sampleRate, timing.median,
+                    timing.percentile99, timing.percentile999, timing.worst, timing.speed);
+        std::fflush(stdout);
+    }
+
+    static Json toJson(const Timing& timing) {
+        return {{"sampleRate", timing.sampleRate},
+                {"blockSize", timing.blockSize},
+                {"numOfBlocks", timing.numOfBlocks},
+                {"timesRealTime", timing.speed},
+                {"medianMilliseconds", timing.median},
+                {"percentile99Milliseconds", timing.percentile99},
+                {"percentile999Milliseconds", timing.percentile999},
+                {"worstMilliseconds", timing.worst}};
+    }
+};
+
+}  // namespace
+
+void addBenchCommand(CLI::App& program) {
+    auto* command = program.add_subcommand("bench", "Times a model against real time on one core");
+    const auto options = std::make_shared<BenchCommand>();
+    command->add_option("MODEL", options->model, "Model: a path, or the name of an installed one")
+        ->required();
+    command
+        ->add_option("--rate", options->sampleRates,
+                     "Sample rates in Hz; without it the model's and its double")
+        ->delimiter(',')
+        ->check(CLI::Range(1.0, 1e7));
+    command->add_option("--block", options->blockSizes, "Samples per block")
+        ->delimiter(',')
+        ->check(CLI::Range(1, 1 << 20))
+        ->capture_default_str();
+    command->add_option("--channels", options->channels, "Channels; without it the model's")
+        ->check(CLI::Range(1, 64));
+    command->add_option("--seconds", options->seconds, "Audio per line, and no less than 1000 blocks")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->capture_default_str();
+    command->add_flag("--json", options->asJson, "For programs");
+    command->footer(
+        "A block that completes a hop does a whole frame's work, so with small blocks most blocks cost "
+        "nearly\n"
+        "nothing and the percentiles tell what a host has to bear: it has to stay below what a block lasts.\n"
+        "\n"
+        "Example:\n"
+        "  zevrant bench harmonic-percussive --rate 44100,48000 --block 128,512");
+    command->callback([options] { options->run(); });
+}
+
+}  // namespace zevrant::cli

@@ -1,0 +1,96 @@
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include <sndfile.h>
+
+#include "cli/Commands.h"
+#include "cli/Failure.h"
+#include "cli/Pass.h"
+#include "cli/SeparationOptions.h"
+
+namespace zevrant::cli {
+
+namespace {
+
+constexpr double mostDecibels = 40.0;
+
+struct ProcessCommand : SeparationOptions {
+    std::string output;
+    std::vector<std::string> gains;  // BUS=dB
+    std::vector<std::string> solos;
+    bool writesRaw = false;
+
+    void setGains(const Model& opened, BusControls& controls) const {
+        if (!solos.empty()) {
+            std::vector<float> soloed(controls.gains.size(), 0.0f);
+            for (const std::string& solo : solos)
+                soloed[static_cast<std::size_t>(findBus(opened, solo))] = 1.0f;
+            controls.gains = soloed;
+        }
+        for (const std::string& text : gains) {
+            const BusSetting setting(opened, text, "--gain", -std::numeric_limits<double>::infinity(),
+                                     mostDecibels);
+            controls.gains[static_cast<std::size_t>(setting.bus)] *=
+                static_cast<float>(std::pow(10.0, setting.value / 20.0));
+        }
+    }
+
+    void run() const {
+        const Model opened = loadModel(model);
+        BusControls controls = getControls(opened);
+        setGains(opened, controls);
+        const auto reader = openInput();
+        AudioDescription description = describeOutput(*reader);
+        if (output == "-" && writesRaw) description.container = SF_FORMAT_RAW;
+        const double workingRate = getWorkingRate(*reader, opened);
+        const auto mixer = createGroups(description.numOfChannels, channelsPerGroup, [&](int channels) {
+            return createMixer(opened, channels, workingRate, controls);
+        });
+
+        ProtectedFiles inputs;
+        inputs.add(input);
+        inputs.add(opened.path);
+        const auto writer = createAudio(output, description, inputs);
+        {
+            Progress progress("process", description.numOfSamples, description.sampleRate, isQuiet);
+            runPass(*reader, *mixer, workingRate, blockSize, progress,
+                    [&](const PassBlock& block) { writer->write(block.output, block.numOfSamples); });
+        }
+        writer->close();
+        writer->commit();
+        if (writer->numOfClippedValues > 0 && !isQuiet)
+            std::fprintf(stderr, "zevrant: note: %lld values were clipped; lower the gains or write floats\n",
+                         static_cast<long long>(writer->numOfClippedValues));
+    }
+};
+
+}  // namespace
+
+void addProcessCommand(CLI::App& program) {
+    auto* command =
+        program.add_subcommand("process", "Runs audio through a model and writes the mix of its busses");
+    const auto options = std::make_shared<ProcessCommand>();
+    options->addTo(*command);
+    command
+        ->add_option("-o,--output", options->output,
+                     "File to write, in the format of its extension; - for a WAV stream")
+        ->required();
+    command->add_option("--gain", options->gains, "BUS=dB, up to 40; -inf silences a bus. May be repeated")
+        ->allow_extra_args(false);
+    command->add_option("--solo", options->solos, "BUS: silence all others. May be repeated")
+        ->allow_extra_args(false);
+    command->add_flag("--raw", options->writesRaw, "With -o -: raw 32-bit floats instead of WAV");
+    command->footer(
+        "The output lines up with the input sample for sample and has its length. Busses are named or "
+        "numbered\n"
+        "from 0; 'zevrant info MODEL' lists them. With all gains at 0 dB the output is the input.\n"
+        "\n"
+        "Examples:\n"
+        "  zevrant process song.flac -m harmonic-percussive --gain Percussive=-12 -o calmer.flac\n"
+        "  zevrant process song.wav -m center-sides --solo Center --resample -o middle.wav\n"
+        "  ffmpeg -i film.mkv -f wav - | zevrant process - -m center-sides --solo Center -o - | aplay");
+    command->callback([options] { options->run(); });
+}
+
+}  // namespace zevrant::cli

@@ -1,0 +1,102 @@
+#include "cli/SeparationOptions.h"
+
+#include <cmath>
+#include <cstdlib>
+
+#include <sndfile.h>
+
+#include "cli/Failure.h"
+#include "cli/SampleFormat.h"
+
+namespace zevrant::cli {
+
+namespace {
+
+constexpr int numOfControls = 16;  // busses with a gain and a sensitivity in the engine
+
+}  // namespace
+
+void SeparationOptions::addTo(CLI::App& command) {
+    command
+        .add_option("IN", input, "Audio file of any format that libsndfile reads, or - for standard input")
+        ->required();
+    command.add_option("-m,--model", model, "Model: a path, or the name of an installed one")->required();
+    command
+        .add_option("--sensitivity", sensitivities,
+                    "BUS=VALUE, -100 to 100: above 0 weak parts of a mask fade, below 0 they rise")
+        ->allow_extra_args(false);
+    command.add_flag("--no-extrapolation", keepsMasksShort,
+                     "Masks end where the model's bins end, instead of going on above them");
+    command.add_flag("--resample", resamples,
+                     "Run at the model's own rate, with conversion there and back. Without it the frame\n"
+                     "sizes follow the file's rate by a power of two and nothing is converted");
+    command
+        .add_option("--split", channelsPerGroup,
+                    "Process so many channels at a time, each group by an engine of its own. Without it\n"
+                    "a file with other channels than the model is analysed as its mono mix, and all\n"
+                    "channels get the same masks")
+        ->check(CLI::Range(1, 1024));
+    command.add_option("--block", blockSize, "Samples per block, which changes nothing but speed")
+        ->check(CLI::Range(1, 1 << 20))
+        ->capture_default_str();
+    command.add_option("--sample-format", sampleFormat,
+                       "pcm16, pcm24, pcm32, float or double, instead of the input's own");
+    command.add_option("--raw-channels", rawChannels, "Input without a header: channels of 32-bit floats")
+        ->check(CLI::Range(1, 1024));
+    command.add_option("--raw-rate", rawRate, "Input without a header: sample rate in Hz")
+        ->check(CLI::Range(1, 10000000));
+    command.add_flag("-q,--quiet", isQuiet, "No progress bar and no notes");
+}
+
+std::unique_ptr<AudioReader> SeparationOptions::openInput() const {
+    if ((rawChannels > 0) != (rawRate > 0))
+        throw Failure(ExitStatus::WrongUsage, "--raw-channels and --raw-rate go together");
+    std::optional<RawFormat> raw;
+    if (rawChannels > 0) raw = RawFormat{rawChannels, rawRate};
+    return openAudio(input, raw);
+}
+
+BusControls SeparationOptions::getControls(const Model& opened) const {
+    BusControls controls(static_cast<int>(opened.getBusNames().size()));
+    controls.extrapolatesMasks = !keepsMasksShort;
+    for (const std::string& text : sensitivities) {
+        const BusSetting setting(opened, text, "--sensitivity", -100.0, 100.0);
+        controls.sensitivities[static_cast<std::size_t>(setting.bus)] = static_cast<float>(setting.value);
+    }
+    return controls;
+}
+
+double SeparationOptions::getWorkingRate(const AudioReader& reader, const Model& opened) const {
+    return resamples ? opened.network.sampleRate : reader.description.sampleRate;
+}
+
+AudioDescription SeparationOptions::describeOutput(const AudioReader& reader) const {
+    AudioDescription description = reader.description;
+    if (!sampleFormat.empty()) {
+        description.sampleFormat = parseSampleFormat(sampleFormat);
+        if (description.sampleFormat == 0)
+            throw Failure(ExitStatus::WrongUsage, "--sample-format " + sampleFormat +
+                                                      ": has to be pcm16, pcm24, pcm32, float or double");
+    }
+    return description;
+}
+
+BusSetting::BusSetting(const Model& model, const std::string& text, const char* option, double least,
+                       double most) {
+    const std::size_t separator = text.rfind('=');
+    const std::string number = separator == std::string::npos ? "" : text.substr(separator + 1);
+    char* end = nullptr;
+    value = std::strtod(number.c_str(), &end);
+    if (number.empty() || *end != '\0' || !(value >= least && value <= most)) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g to %g", least, most);
+        throw Failure(ExitStatus::WrongUsage, std::string(option) + " " + text +
+                                                  ": has to be BUS=NUMBER with a number from " + range);
+    }
+    bus = findBus(model, text.substr(0, separator));
+    if (bus >= numOfControls)
+        throw Failure(ExitStatus::WrongUsage,
+                      std::string(option) + " " + text + ": only busses 0 to 15 have controls");
+}
+
+}  // namespace zevrant::cli

@@ -1,0 +1,248 @@
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <system_error>
+
+#include <sndfile.h>
+
+#include "cli/Commands.h"
+#include "cli/Failure.h"
+#include "cli/Pass.h"
+#include "cli/SampleFormat.h"
+#include "cli/SeparationOptions.h"
+
+namespace zevrant::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Of exact stems, above which they do not add up: some 40 dB above what rounding leaves.
+constexpr double worstNullDepth = -90.0;
+
+// A bus name as a file name: letters, digits, space, '-', '_', '.', and bytes above ASCII stay, everything
+// else becomes '_'. Names that are empty, start with '.' or come twice get what makes them usable.
+std::vector<std::string> makeFileNames(const std::vector<std::string>& busNames) {
+    std::vector<std::string> names;
+    std::set<std::string> taken;
+    for (const std::string& busName : busNames) {
+        std::string name;
+        for (const char letter : busName.substr(0, 100)) {
+            const auto byte = static_cast<unsigned char>(letter);
+            const bool isSafe =
+                byte >= 128 || std::isalnum(byte) || std::string(" -_.").find(letter) != std::string::npos;
+            name += isSafe ? letter : '_';
+        }
+        while (!name.empty() && (name.back() == ' ' || name.back() == '.')) name.pop_back();
+        if (name.empty()) name = "bus";
+        if (name.front() == '.' || name.front() == '-') name.insert(0, "_");
+        std::string unique = name;
+        const auto fold = [](std::string text) {  // some file systems do not tell case apart
+            std::transform(text.begin(), text.end(), text.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            return text;
+        };
+        for (int i = 2; !taken.insert(fold(unique)).second; ++i) unique = name + "-" + std::to_string(i);
+        names.push_back(unique);
+    }
+    return names;
+}
+
+// A folder that is made where it is missing, and taken away again unless it is kept.
+class OutputFolder {
+  public:
+    explicit OutputFolder(const fs::path& folder) : path(folder) {
+        std::error_code error;
+        fs::path missing = fs::absolute(path, error).lexically_normal();
+        if (!missing.has_filename()) missing = missing.parent_path();
+        for (; !missing.empty() && !fs::exists(missing, error); missing = missing.parent_path())
+            made.push_back(missing);
+        fs::create_directories(path, error);
+        if (error || !fs::is_directory(path)) {
+            removeMade();
+            throw Failure(ExitStatus::BadOutput,
+                          path.string() + ": " + (error ? error.message() : std::string("is no folder")));
+        }
+    }
+    OutputFolder(const OutputFolder&) = delete;
+    OutputFolder& operator=(const OutputFolder&) = delete;
+    ~OutputFolder() { removeMade(); }
+
+    void keep() { made.clear(); }
+
+  private:
+    void removeMade() {
+        std::error_code error;
+        for (const fs::path& folder : made) fs::remove(folder, error);  // only ever removes empty ones
+    }
+
+    fs::path path;
+    std::vector<fs::path> made;  // innermost first
+};
+
+// How far the sum of stems lies below the input: the energy of the difference over that of the input.
+class NullMeter {
+  public:
+    void add(double input, double sum) {
+        inputEnergy += input * input;
+        differenceEnergy += (input - sum) * (input - sum);
+    }
+    bool isSilent() const { return inputEnergy == 0.0 && differenceEnergy == 0.0; }
+    double getDepth() const { return 10.0 * std::log10(differenceEnergy / inputEnergy); }
+
+  private:
+    double inputEnergy = 0.0;
+    double differenceEnergy = 0.0;
+};
+
+struct StemsCommand : SeparationOptions {
+    std::string folder;
+    std::string extension;
+
+    // That of the input where it can be written, since it says what the user works with.
+    std::string chooseExtension(const AudioDescription& description) const {
+        if (!extension.empty()) return extension.front() == '.' ? extension.substr(1) : extension;
+        switch (description.container) {
+            case SF_FORMAT_FLAC:
+                return "flac";
+            case SF_FORMAT_AIFF:
+                return "aiff";
+            case SF_FORMAT_CAF:
+                return "caf";
+            case SF_FORMAT_W64:
+                return "w64";
+            default:
+                return "wav";
+        }
+    }
+
+    void run() {
+        const Model opened = loadModel(model);
+        const BusControls controls = getControls(opened);
+        const auto reader = openInput();
+        const AudioDescription description = describeOutput(*reader);
+        const double workingRate = getWorkingRate(*reader, opened);
+        const auto splitter = createGroups(description.numOfChannels, channelsPerGroup, [&](int channels) {
+            return createStemSplitter(opened, channels, workingRate, controls);
+        });
+
+        ProtectedFiles inputs;
+        inputs.add(input);
+        inputs.add(opened.path);
+        OutputFolder outputFolder(folder);
+        std::vector<std::unique_ptr<AudioWriter>> writers;
+        const auto busNames = opened.getBusNames();
+        for (const std::string& name : makeFileNames(busNames)) {
+            const fs::path path = fs::path(folder) / (name + "." + chooseExtension(description));
+            writers.push_back(createAudio(path.string(), description, inputs));
+        }
+
+        std::int64_t numOfSamples = 0;
+        double seconds = 0.0;
+        {
+            Progress progress("stems", description.numOfSamples, description.sampleRate, isQuiet);
+            numOfSamples = runPass(*reader, *splitter, workingRate, blockSize, progress,
+                                   [&](const PassBlock& block) { writeBlock(block, writers); });
+            seconds = progress.getSeconds();
+        }
+        for (const auto& writer : writers) writer->close();
+        for (const auto& writer : writers) writer->commit();
+        outputFolder.keep();
+        report(busNames, writers, static_cast<double>(numOfSamples) / description.sampleRate / seconds);
+        check(controls);
+    }
+
+    // Writes the channels of each stem, and measures the sums of what the engine gave and of what is written.
+    void writeBlock(const PassBlock& block, const std::vector<std::unique_ptr<AudioWriter>>& writers) {
+        const std::size_t numOfStems = writers.size();
+        const auto length = static_cast<std::size_t>(block.numOfSamples);
+        const auto channels = static_cast<std::size_t>(block.numOfOutputChannels) / numOfStems;
+        stem.resize(length * channels);
+        exactSum.assign(length * channels, 0.0);
+        writtenSum.assign(length * channels, 0.0);
+        for (std::size_t s = 0; s < numOfStems; ++s) {
+            for (std::size_t i = 0; i < length; ++i)
+                std::copy_n(block.output + (i * numOfStems + s) * channels, channels,
+                            stem.data() + i * channels);
+            writers[s]->write(stem.data(), block.numOfSamples);
+            for (std::size_t i = 0; i < stem.size(); ++i) exactSum[i] += double{stem[i]};
+            const int bits = writers[s]->integerBits;
+            if (bits == 0) {
+                for (std::size_t i = 0; i < stem.size(); ++i) writtenSum[i] += double{stem[i]};
+                continue;
+            }
+            integers.resize(stem.size());
+            quantise(stem.data(), std::ssize(stem), bits, integers.data());
+            for (std::size_t i = 0; i < stem.size(); ++i) writtenSum[i] += integers[i] / 2147483648.0;
+        }
+        for (std::size_t i = 0; i < stem.size(); ++i) {
+            exactNull.add(double{block.input[i]}, exactSum[i]);
+            writtenNull.add(double{block.input[i]}, writtenSum[i]);
+        }
+    }
+
+    void report(const std::vector<std::string>& busNames,
+                const std::vector<std::unique_ptr<AudioWriter>>& writers, double speed) const {
+        std::size_t width = 0;
+        for (const std::string& name : busNames) width = std::max(width, name.size());
+        std::int64_t numOfClippedValues = 0;
+        for (std::size_t i = 0; i < writers.size(); ++i) {
+            std::printf("%-*s  %s\n", static_cast<int>(width), busNames[i].c_str(), writers[i]->name.c_str());
+            numOfClippedValues += writers[i]->numOfClippedValues;
+        }
+        if (writtenNull.isSilent())
+            std::printf("null depth: the input is silent, and so is the sum of the stems\n");
+        else if (writers.front()->integerBits > 0)
+            std::printf("null depth: %.1f dB as written with %d bits, %.1f dB before that\n",
+                        writtenNull.getDepth(), writers.front()->integerBits, exactNull.getDepth());
+        else
+            std::printf("null depth: %.1f dB\n", exactNull.getDepth());
+        std::printf("speed: %.1f x real time\n", speed);
+        if (numOfClippedValues > 0 && !isQuiet)
+            std::fprintf(stderr,
+                         "zevrant: note: %lld values were clipped; --sample-format float keeps them\n",
+                         static_cast<long long>(numOfClippedValues));
+    }
+
+    // A sensitivity of the residual changes the sum by its nature.
+    void check(const BusControls& controls) const {
+        if (controls.sensitivities.back() != 0.0f || exactNull.isSilent()) return;
+        if (!(exactNull.getDepth() < worstNullDepth))
+            throw Failure(
+                ExitStatus::Failed,
+                "the stems are written, but do not add up to the input: the frame sizes of this model "
+                "do not give their input back");
+    }
+
+    std::vector<float> stem;
+    std::vector<double> exactSum, writtenSum;
+    std::vector<std::int32_t> integers;
+    NullMeter exactNull, writtenNull;
+};
+
+}  // namespace
+
+void addStemsCommand(CLI::App& program) {
+    auto* command = program.add_subcommand("stems", "Splits audio into one file per bus of a model");
+    const auto options = std::make_shared<StemsCommand>();
+    options->addTo(*command);
+    command->add_option("-d,--directory", options->folder, "Folder for the stems; made if it is not there")
+        ->required();
+    command->add_option("--format", options->extension,
+                        "Extension of the stems, such as wav or flac; without it that of the input");
+    command->footer(
+        "The stems line up with the input sample for sample, and their sum is the input: the null depth that "
+        "is\n"
+        "printed is the level of the difference against the input. Float files null to rounding, integer "
+        "files\n"
+        "to their resolution. The network runs once for all stems.\n"
+        "\n"
+        "Example:\n"
+        "  zevrant stems song.flac -m harmonic-percussive -d stems --sample-format pcm24");
+    command->callback([options] { options->run(); });
+}
+
+}  // namespace zevrant::cli
