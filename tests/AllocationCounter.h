@@ -1,0 +1,27 @@
+// Counts what a program asks the system allocator for, through new as well as through the C functions.
+// A test program that links zevrant_allocation_counter counts from its first instruction on.
+#pragma once
+
+#include <cstdint>
+
+namespace zevrant {
+
+// Requests of the calling thread so far.
+std::int64_t countAllocations();
+
+// False where a sanitizer's build keeps the engine's pools from recycling, so that counts mean nothing.
+constexpr bool allocationsAreRecycled() {
+#if defined(__SANITIZE_ADDRESS__)
+    return false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return false;
+#else
+    return true;
+#endif
+#else
+    return true;
+#endif
+}
+
+}  // namespace zevrant
