@@ -5,11 +5,11 @@
 
 #include <array>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "files/TemporaryFolder.h"
 #include "modelwriter/ModelWriter.h"
 
 // Shows the handle, which the adapter keeps to itself.
@@ -30,7 +30,6 @@ using namespace zevrant::modelwriter;
 class EngineAdapterObjCTest : public testing::Test {
   protected:
     EngineAdapterObjCTest() {
-        path = (std::filesystem::temp_directory_path() / "zevrant-adapter.model").string();
         ModelWriter("Half")
             .setFrames(256, 256, 64)
             .setPacking(Packing::magnitudes(129))
@@ -44,10 +43,7 @@ class EngineAdapterObjCTest : public testing::Test {
         for (int i = 0; i < length; ++i)
             for (std::size_t c = 0; c < 2; ++c) interleaved.push_back(rows[c][static_cast<std::size_t>(i)]);
     }
-    ~EngineAdapterObjCTest() override {
-        std::filesystem::remove(path);
-        [pool release];
-    }
+    ~EngineAdapterObjCTest() override { [pool release]; }
 
     NSString* text(const std::string& characters) {
         return [NSString stringWithUTF8String:characters.c_str()];
@@ -55,7 +51,8 @@ class EngineAdapterObjCTest : public testing::Test {
 
     static constexpr int length = 1000;
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
-    std::string path;
+    zevrant::TemporaryFolder folder;
+    const std::string path = folder.getPath("half.model");
     std::array<std::array<float, length>, 2> rows;
     std::vector<float> interleaved;
 };

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <random>
+#include <string>
 #include <type_traits>
 #include <utility>
 
+#include "files/TemporaryFolder.h"
 #include "modelwriter/ModelWriter.h"
 #include "zevrant.hpp"
 
@@ -29,9 +30,6 @@ class Wrapper : public testing::Test {
     static constexpr int numOfBins = 129;
 
     Wrapper() {
-        const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-        path = std::filesystem::temp_directory_path() /
-               (std::string("zevrant-wrapper-") + test->name() + ".model");
         ModelWriter("Half as loud")
             .setFrames(256, 256, 64)
             .setBusses({"Quiet", "Rest"})
@@ -40,7 +38,6 @@ class Wrapper : public testing::Test {
             .setOutput("zero")
             .write(path);
     }
-    ~Wrapper() override { std::filesystem::remove(path); }
 
     static std::vector<float> makeNoise(std::size_t length) {
         std::mt19937 random(7);
@@ -50,7 +47,8 @@ class Wrapper : public testing::Test {
         return noise;
     }
 
-    std::filesystem::path path;
+    zevrant::TemporaryFolder folder;
+    const std::string path = folder.getPath("half.model");
 };
 
 TEST_F(Wrapper, sameAudioAsTheCallsThatItWraps) {
@@ -58,7 +56,7 @@ TEST_F(Wrapper, sameAudioAsTheCallsThatItWraps) {
     const auto noise = makeNoise(std::size_t{numOfChannels} * 6000);
     ProcessorState* plain = zevrantCreateProcessor(path.c_str(), numOfChannels, 48000.0);
     ASSERT_NE(plain, nullptr);
-    auto wrapped = zevrant::Processor::create(path.string(), numOfChannels, 48000.0);
+    auto wrapped = zevrant::Processor::create(path, numOfChannels, 48000.0);
     ASSERT_TRUE(wrapped && *wrapped);
 
     std::size_t position = 0;
@@ -108,7 +106,7 @@ TEST_F(Wrapper, sameAudioAsTheCallsThatItWraps) {
 }
 
 TEST_F(Wrapper, namedParametersReachTheNumberedOnes) {
-    zevrant::Processor processor(path.string(), 1, 48000.0);
+    zevrant::Processor processor(path, 1, 48000.0);
     ProcessorState* handle = processor.get();
     for (int bus = 0; bus < 2; ++bus) {
         processor.setBusGain(bus, 0.25f + float(bus));
@@ -132,21 +130,21 @@ TEST_F(Wrapper, namedParametersReachTheNumberedOnes) {
 }
 
 TEST_F(Wrapper, tellsWhatTheFileSays) {
-    const zevrant::Processor processor(path.string(), 1, 48000.0);
+    const zevrant::Processor processor(path, 1, 48000.0);
     EXPECT_EQ(processor.getNumOfOutputBusses(), 2);
     EXPECT_EQ(processor.getOutputBusName(0), "Quiet");
     EXPECT_EQ(processor.getOutputBusName(1), "Rest");
     EXPECT_EQ(processor.getOutputBusName(2), "");
     EXPECT_EQ(processor.getInfo().windowSize, 256);
     EXPECT_EQ(processor.getInfo().hopSize, 64);
-    const zevrant::Model model(path.string());
+    const zevrant::Model model(path);
     EXPECT_EQ(model.getInfo().fftSize, 256);
     EXPECT_FALSE(zevrant::getVectorArithmeticWrapperName().empty());
 }
 
 TEST_F(Wrapper, failedCreationIsAnEmptyOptionalOrAnException) {
-    const std::string missing = path.string() + ".missing";
-    const std::string paths[] = {path.string(), missing};
+    const std::string missing = path + ".missing";
+    const std::string paths[] = {path, missing};
     EXPECT_FALSE(zevrant::Processor::create(missing, 2, 48000.0));
     EXPECT_FALSE(zevrant::Processor::create(paths, 2, 48000.0));
     EXPECT_FALSE(zevrant::Model::create(missing));
@@ -156,7 +154,7 @@ TEST_F(Wrapper, failedCreationIsAnEmptyOptionalOrAnException) {
 }
 
 TEST_F(Wrapper, tensorsGoInAndComeOut) {
-    auto model = zevrant::Model::create(path.string());
+    auto model = zevrant::Model::create(path);
     ASSERT_TRUE(model);
     EXPECT_FALSE(model->getResultTensorShape());
     std::vector<float> result(numOfBins);

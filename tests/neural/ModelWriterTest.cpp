@@ -9,6 +9,7 @@
 #include <fstream>
 #include <limits>
 
+#include "files/TemporaryFolder.h"
 #include "neural/MemoryStream.h"
 #include "neural/NeuralModel.h"
 #include "neural/Tensor.h"
@@ -280,13 +281,11 @@ TEST(ModelWriter, theExampleOfItsManualLoads) {
 
 class ModelWriterFiles : public testing::Test {
   protected:
-    void SetUp() override { std::filesystem::create_directories(folder); }
-    void TearDown() override { std::filesystem::remove_all(folder); }
     int countFiles() const {
         return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
     }
-    const std::filesystem::path folder =
-        std::filesystem::temp_directory_path() / ("zevrant-modelwriter-" + std::to_string(getpid()));
+    const TemporaryFolder temporary;
+    const std::filesystem::path folder = temporary.path;
 };
 
 TEST_F(ModelWriterFiles, aFileIsWholeOrAsItWas) {
