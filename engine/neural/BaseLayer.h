@@ -1,6 +1,7 @@
 #pragma once
 
 #include <complex>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -68,6 +69,12 @@ struct SliceAxes {
 };
 template <class T>
 SliceAxes getSliceAxes(const Tensor<T>& tensor);
+
+// One axis of a tensor from a file, 0 where the shape has none of this number.
+template <class T>
+int getAxis(const Tensor<T>& tensor, std::size_t axis) {
+    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
+}
 
 // The same for a layer that goes on to read every slice: throws std::invalid_argument where there are slices
 // and the buffer is shorter than times * frequencies * channels, or one of these is negative.

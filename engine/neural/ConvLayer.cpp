@@ -17,11 +17,6 @@ std::int32_t saturate(std::int64_t value) {
                                                               std::numeric_limits<std::int32_t>::max()));
 }
 
-template <class T>
-int getAxis(const Tensor<T>& tensor, std::size_t axis) {
-    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
-}
-
 }  // namespace
 
 template <class T>

@@ -12,11 +12,6 @@ namespace zevrant {
 
 namespace {
 
-template <class T>
-int getAxis(const Tensor<T>& tensor, std::size_t axis) {
-    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
-}
-
 // Taps whose output stays in the band, for a tap 0 at output frequency p.
 struct Taps {
     Taps(std::ptrdiff_t p, std::ptrdiff_t numOfTaps, std::ptrdiff_t numOfFrequencies)
