@@ -78,9 +78,6 @@ std::vector<fs::path> getModelFolders() {
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     if (!error) folders.push_back(program.parent_path().parent_path() / "share/zevrant/models");
-#ifdef ZEVRANT_SOURCE_MODELS
-    if (!fs::is_directory(folders.back(), error)) folders.emplace_back(ZEVRANT_SOURCE_MODELS);
-#endif
     return folders;
 }
 

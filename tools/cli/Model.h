@@ -18,8 +18,7 @@ struct Model {
 };
 
 // The folders in which models are looked for by name, in order: those of ZEVRANT_MODEL_PATH (separated by
-// colons), ../share/zevrant/models beside the running program, and the folder of the source tree in programs
-// that are not installed.
+// colons), then ../share/zevrant/models beside the running program.
 std::vector<std::filesystem::path> getModelFolders();
 
 // Names of the models in these folders, sorted, each once.
