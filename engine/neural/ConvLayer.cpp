@@ -99,6 +99,12 @@ bool ConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const auto [times, frequencies, channels] = axes;
     const int historyChannels = inputChannels == 1 && channels != 1 ? outputChannels : channels;
     if (times > 0) requirePossible(tensor, axes, historyChannels);
+    if (historyLength == 1 && times == 1 && channels == historyChannels && tensor.shape.size() == 3) {
+        history = tensor;  // a ring of one slice is that slice, so it is shared and not copied
+        const bool hasReachedOutput = processTimeSlice(channels);
+        ++timeIndex;
+        return hasReachedOutput;
+    }
     if (!history.hasElements()) {
         history.ensureShape({historyLength, frequencies, historyChannels});
         history.setToZero();

@@ -67,6 +67,10 @@ template <class T>
 bool TransposedConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int times = tensor.shape.empty() ? 0 : tensor.shape[0];
     const int frequencies = tensor.shape.empty() ? 0 : tensor.shape.at(1);
+    if (times == 1 && tensor.shape.size() == 3 && tensor.shape[2] == inputChannels) {
+        inputSlice = tensor;  // a tensor of one slice is that slice, so it is shared and not copied
+        return pushTimeSlice(inputSlice);
+    }
     inputSlice.ensureShape({1, frequencies, inputChannels});
     inputSlice.ensureUniqueForOverwrite();
     if (times < 1) return false;

@@ -142,6 +142,37 @@ HWY_INLINE void storeFirst(Vector v, float* out, std::size_t count) {
 #endif
 }
 
+// The pointer itself, as one number: g++ otherwise takes the addresses of a tile apart and keeps more of their
+// parts than it has registers.
+template <class Value>
+HWY_INLINE Value* asOneNumber(Value* pointer) {
+#if HWY_COMPILER_GCC
+    asm("" : "+r"(pointer));
+#endif
+    return pointer;
+}
+
+// The beginnings of rows that lie step apart. They are reached from every fourth one, which costs fewer
+// address registers than one for each.
+template <class Value, int Rows>
+class RowPointers {
+  public:
+    HWY_INLINE RowPointers(Value* first, std::ptrdiff_t step) : steps{0, step, 2 * step, 3 * step} {
+        ZEVRANT_UNROLL
+        for (int b = 0; b < kNumOfBases; ++b, first += 4 * step) bases[b] = asOneNumber(first);
+    }
+    HWY_INLINE Value* operator[](int row) const { return bases[row / 4] + steps[row % 4]; }
+    HWY_INLINE void operator++() {
+        ZEVRANT_UNROLL
+        for (int b = 0; b < kNumOfBases; ++b) ++bases[b];
+    }
+
+  private:
+    static constexpr int kNumOfBases = (Rows + 3) / 4;
+    Value* bases[kNumOfBases];
+    std::ptrdiff_t steps[4];
+};
+
 // Rows of a tile lie step apart; the last vector of each has only the first lanes.
 template <int Rows, int Vectors>
 HWY_INLINE void loadTile(const float* in, std::ptrdiff_t step, std::size_t lanes,
@@ -149,18 +180,19 @@ HWY_INLINE void loadTile(const float* in, std::ptrdiff_t step, std::size_t lanes
     const Floats d;
     const std::size_t numOfLanes = hn::Lanes(d);
     constexpr int last = Vectors - 1;
+    const RowPointers<const float, Rows> rows(in, step);
     ZEVRANT_UNROLL
     for (int row = 0; row < Rows; ++row) {
         ZEVRANT_UNROLL
-        for (int v = 0; v < last; ++v) tile[row][v] = hn::LoadU(d, in + row * step + v * numOfLanes);
+        for (int v = 0; v < last; ++v) tile[row][v] = hn::LoadU(d, rows[row] + v * numOfLanes);
     }
-    in += last * numOfLanes;
     if (lanes == numOfLanes) {
         ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) tile[row][last] = hn::LoadU(d, in + row * step);
+        for (int row = 0; row < Rows; ++row) tile[row][last] = hn::LoadU(d, rows[row] + last * numOfLanes);
     } else {
         ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) tile[row][last] = loadFirst(in + row * step, lanes);
+        for (int row = 0; row < Rows; ++row)
+            tile[row][last] = loadFirst(rows[row] + last * numOfLanes, lanes);
     }
 }
 
@@ -170,36 +202,31 @@ HWY_INLINE void storeTile(const Vector (&tile)[Rows][Vectors], float* out, std::
     const Floats d;
     const std::size_t numOfLanes = hn::Lanes(d);
     constexpr int last = Vectors - 1;
+    const RowPointers<float, Rows> rows(out, step);
     ZEVRANT_UNROLL
     for (int row = 0; row < Rows; ++row) {
         ZEVRANT_UNROLL
-        for (int v = 0; v < last; ++v) hn::StoreU(tile[row][v], d, out + row * step + v * numOfLanes);
+        for (int v = 0; v < last; ++v) hn::StoreU(tile[row][v], d, rows[row] + v * numOfLanes);
     }
-    out += last * numOfLanes;
     if (lanes == numOfLanes) {
         ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) hn::StoreU(tile[row][last], d, out + row * step);
+        for (int row = 0; row < Rows; ++row) hn::StoreU(tile[row][last], d, rows[row] + last * numOfLanes);
     } else {
         ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) storeFirst(tile[row][last], out + row * step, lanes);
+        for (int row = 0; row < Rows; ++row)
+            storeFirst(tile[row][last], rows[row] + last * numOfLanes, lanes);
     }
 }
 
 // Adds numOfTerms products to each sum of a tile. The inputs of a row lie side by side, those of the next
 // row step further; each weight vector is loaded once for all rows, each input once for all vectors.
-// Rows are reached from every fourth one, which costs fewer address registers than one for each.
-template <int Rows, int Vectors, bool isAhead, int First = 0, int Last = Rows>
+template <int Rows, int Vectors, bool isAhead>
 HWY_INLINE void addTerms(const float* HWY_RESTRICT in, std::ptrdiff_t step, const float* HWY_RESTRICT weights,
                          std::ptrdiff_t numOfTerms, Vector (&sums)[Rows][Vectors]) {
     const Floats d;
     const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
-    constexpr int numOfBases = (Last - First + 3) / 4;
-    const float* base[numOfBases];
-    ZEVRANT_UNROLL
-    for (int b = 0; b < numOfBases; ++b) base[b] = in + (First + 4 * b) * step;
-    const std::ptrdiff_t steps[4] = {0, step, 2 * step, 3 * step};
-
-    for (std::ptrdiff_t term = 0; term < numOfTerms; ++term) {
+    RowPointers<const float, Rows> rows(in, step);
+    for (std::ptrdiff_t term = 0; term < numOfTerms; ++term, ++rows) {
         Vector w[Vectors];
         ZEVRANT_UNROLL
         for (int v = 0; v < Vectors; ++v) {
@@ -208,13 +235,11 @@ HWY_INLINE void addTerms(const float* HWY_RESTRICT in, std::ptrdiff_t step, cons
         }
         weights += Vectors * numOfLanes;
         ZEVRANT_UNROLL
-        for (int row = First; row < Last; ++row) {
-            const Vector x = hn::Set(d, base[(row - First) / 4][steps[(row - First) % 4]]);
+        for (int row = 0; row < Rows; ++row) {
+            const Vector x = hn::Set(d, *rows[row]);
             ZEVRANT_UNROLL
             for (int v = 0; v < Vectors; ++v) sums[row][v] = hn::MulAdd(x, w[v], sums[row][v]);
         }
-        ZEVRANT_UNROLL
-        for (int b = 0; b < numOfBases; ++b) ++base[b];
     }
 }
 
@@ -339,6 +364,9 @@ class SliceStoring {
         for (; done < end; ++done) to[done] = from[done];
     }
     void copyAll() { copyUpTo(left); }
+
+    // For a kernel that has stored them itself.
+    void isCopiedUpTo(std::ptrdiff_t end) { done = std::max(done, end); }
 
   private:
     const float* from;
@@ -491,124 +519,174 @@ constexpr ChannelTiles kAllChannelVectors = listChannelTiles<kMaxVectors, false>
 constexpr std::ptrdiff_t kMaxSlices = 32;  // taken at once; more go in turns
 
 #if HWY_TARGET == HWY_AVX3 || HWY_ARCH_ARM_A64
-constexpr int kSlidingRows = 8;
-constexpr int kSlidingVectors = 2;
-
-// A tile inside the band with a stride of 1: the weights of a slice stay in registers, and an input vector is
-// loaded once for all the rows that use it. Each row still meets its taps in their order.
-template <int Taps>
-void slideOverChannels(const Convolution& shape, const float* const* slices, const float* weights,
-                       const float* first, std::ptrdiff_t firstStep, float* out, std::ptrdiff_t f,
-                       std::size_t lanes) {
-    constexpr int rows = kSlidingRows, vectors = kSlidingVectors;
-    const Floats d;
-    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
-    const std::ptrdiff_t numOfChannels = shape.numOfOutputs;
-    Vector sums[rows][vectors];
-    if (first) {
-        loadTile<rows, vectors>(first + f * firstStep, firstStep, lanes, sums);
-    } else {
-        ZEVRANT_UNROLL
-        for (int row = 0; row < rows; ++row) sums[row][0] = sums[row][1] = hn::Zero(d);
-    }
-    for (std::ptrdiff_t r = 0; r < shape.numOfSlices; ++r) {
-        Vector w[Taps][vectors];
-        ZEVRANT_UNROLL
-        for (int k = 0; k < Taps; ++k, weights += numOfChannels) {
-            ZEVRANT_UNROLL
-            for (int v = 0; v < vectors; ++v) w[k][v] = hn::LoadU(d, weights + v * numOfLanes);
-        }
-        const float* in = slices[r] + (shape.start + f) * numOfChannels;
-        ZEVRANT_UNROLL
-        for (int j = 0; j < rows + Taps - 1; ++j, in += numOfChannels) {
-            ZEVRANT_UNROLL
-            for (int v = 0; v < vectors; ++v) {
-                const Vector x = hn::LoadU(d, in + v * numOfLanes);
-                hwy::Prefetch(in + rows * numOfChannels + v * numOfLanes);
-                ZEVRANT_UNROLL
-                for (int k = 0; k < Taps; ++k)
-                    if (j >= k && j - k < rows) sums[j - k][v] = hn::MulAdd(x, w[k][v], sums[j - k][v]);
-            }
-        }
-    }
-    storeTile<rows, vectors>(sums, out + f * numOfChannels, numOfChannels, lanes);
-}
-
-SumChannels findSlidingTile(const Convolution& shape) {
-    if (shape.frequencyStride != 1) return nullptr;
-    return shape.numOfTaps == 3   ? slideOverChannels<3>
-           : shape.numOfTaps == 5 ? slideOverChannels<5>
-                                  : nullptr;
-}
+constexpr int kSlidingRows = 8, kSlidingVectors = 2;
 #else
-constexpr int kSlidingRows = 1, kSlidingVectors = 1;
-
-SumChannels findSlidingTile(const Convolution&) {
-    return nullptr;
-}
+constexpr int kSlidingRows = 8, kSlidingVectors = 1;
 #endif
 
-// All channels of some rows, a block of vectors after the other.
-struct ChannelBlocks {
-    const Convolution& shape;
+// The terms of one slice, whose weights stay in registers while an input vector is loaded once for all the
+// rows that use it. Each row still meets its taps in their order. The input rows that no later tile loads are
+// stored on their way where to is not null.
+template <int Rows, int Taps, bool isStored>
+HWY_INLINE void slideOverSlice(const float* HWY_RESTRICT in, const float* HWY_RESTRICT weights,
+                               std::ptrdiff_t numOfChannels, float* HWY_RESTRICT to,
+                               Vector (&sums)[Rows][kSlidingVectors]) {
+    const Floats d;
+    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
+    Vector w[Taps][kSlidingVectors];
+    ZEVRANT_UNROLL
+    for (int k = 0; k < Taps; ++k) {
+        ZEVRANT_UNROLL
+        for (int v = 0; v < kSlidingVectors; ++v)
+            w[k][v] = hn::LoadU(d, weights + k * numOfChannels + v * numOfLanes);
+    }
+    const RowPointers<const float, Rows + Taps - 1> rows(in, numOfChannels);
+    const RowPointers<float, Rows> places(to, isStored ? numOfChannels : 0);
+    ZEVRANT_UNROLL
+    for (int j = 0; j < Rows + Taps - 1; ++j) {
+        ZEVRANT_UNROLL
+        for (int v = 0; v < kSlidingVectors; ++v) {
+            const Vector x = hn::LoadU(d, rows[j] + v * numOfLanes);
+            if (isStored && j < Rows) hn::StoreU(x, d, places[j] + v * numOfLanes);
+            ZEVRANT_UNROLL
+            for (int k = 0; k < Taps; ++k)
+                if (j >= k && j - k < Rows) sums[j - k][v] = hn::MulAdd(x, w[k][v], sums[j - k][v]);
+        }
+    }
+}
+
+// What the tiles inside the band share, for a stride of 1.
+struct SlidingChannels {
     const float* const* slices;
+    std::ptrdiff_t numOfSlices;  // 1 or more
+    std::ptrdiff_t numOfChannels;
+    std::ptrdiff_t start;
     const float* weights;
     const float* first;
     std::ptrdiff_t firstStep;
     float* out;
+    float* to;  // where the last slice is stored on its way; may be null
+};
 
-    void sum(std::ptrdiff_t f, std::ptrdiff_t numOfRows, SumChannels slidingTile) const {
-        const std::ptrdiff_t numOfChannels = shape.numOfOutputs;
-        const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(Floats()));
-        const auto row = static_cast<std::size_t>(numOfRows - 1);
-        std::array<const float*, kMaxSlices> columns;
+// Tiles of Rows output frequencies from f on, each with all channels before the next, as they lie in memory.
+template <int Rows, int Taps>
+void slideOverChannels(const SlidingChannels& shared, std::ptrdiff_t f, std::ptrdiff_t numOfTiles) {
+    const Floats d;
+    const std::size_t lanes = hn::Lanes(d);
+    const auto step = static_cast<std::ptrdiff_t>(kSlidingVectors * lanes);
+    const auto [slices, numOfSlices, numOfChannels, start, weights, first, firstStep, out, to] = shared;
+    for (; numOfTiles > 0; --numOfTiles, f += Rows)
+        for (std::ptrdiff_t c = 0; c < numOfChannels; c += step) {
+            const std::ptrdiff_t in = (start + f) * numOfChannels + c;
+            Vector sums[Rows][kSlidingVectors];
+            if (first) {
+                loadTile<Rows, kSlidingVectors>(first + f * firstStep + c, firstStep, lanes, sums);
+            } else {
+                ZEVRANT_UNROLL
+                for (int row = 0; row < Rows; ++row) {
+                    ZEVRANT_UNROLL
+                    for (int v = 0; v < kSlidingVectors; ++v) sums[row][v] = hn::Zero(d);
+                }
+            }
+            const float* w = weights + c;
+            for (std::ptrdiff_t r = 0; r < numOfSlices - 1; ++r, w += Taps * numOfChannels)
+                slideOverSlice<Rows, Taps, false>(slices[r] + in, w, numOfChannels, nullptr, sums);
+            const float* last = slices[numOfSlices - 1] + in;
+            if (to)
+                slideOverSlice<Rows, Taps, true>(last, w, numOfChannels, to + in, sums);
+            else
+                slideOverSlice<Rows, Taps, false>(last, w, numOfChannels, nullptr, sums);
+            storeTile<Rows, kSlidingVectors>(sums, out + f * numOfChannels + c, numOfChannels, lanes);
+        }
+}
+
+using SlideOverChannels = void (*)(const SlidingChannels&, std::ptrdiff_t, std::ptrdiff_t);
+using SlidingTiles = std::array<SlideOverChannels, kSlidingRows>;
+
+template <int Taps, int... Rows>
+constexpr SlidingTiles listSlidingTiles(std::integer_sequence<int, Rows...>) {
+    return {slideOverChannels<Rows + 1, Taps>...};
+}
+
+constexpr auto kSlidingRowCounts = std::make_integer_sequence<int, kSlidingRows>();
+constexpr SlidingTiles kSlidingTilesOf3 = listSlidingTiles<3>(kSlidingRowCounts);
+constexpr SlidingTiles kSlidingTilesOf5 = listSlidingTiles<5>(kSlidingRowCounts);
+
+// Null for a shape that goes in other tiles.
+const SlidingTiles* findSlidingTiles(const Convolution& shape) {
+    const auto step = static_cast<std::ptrdiff_t>(kSlidingVectors * hn::Lanes(Floats()));
+    if (shape.frequencyStride != 1 || shape.numOfOutputs % step != 0 || shape.numOfSlices < 1) return nullptr;
+    return shape.numOfTaps == 3 ? &kSlidingTilesOf3 : shape.numOfTaps == 5 ? &kSlidingTilesOf5 : nullptr;
+}
+
+// All channels of the rows from f to end, in blocks of vectors as wide as they come.
+void sumChannelRows(const Convolution& shape, const float* const* slices, const float* weights,
+                    const float* first, std::ptrdiff_t firstStep, float* out, std::ptrdiff_t f,
+                    std::ptrdiff_t end) {
+    const std::ptrdiff_t numOfChannels = shape.numOfOutputs;
+    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(Floats()));
+    std::array<const float*, kMaxSlices> columns;
+    const EvenSplit tiles(end - f, kMaxChannelRows);
+    for (std::ptrdiff_t t = 0; t < tiles.numOfParts; f += tiles.sizeOf(t++)) {
+        const auto row = static_cast<std::size_t>(tiles.sizeOf(t) - 1);
         for (std::ptrdiff_t c = 0, vectors = 0; c < numOfChannels; c += vectors * numOfLanes) {
             const std::ptrdiff_t left = numOfChannels - c;
-            vectors = 1;
-            SumChannels tile = nullptr;
-            if (slidingTile && left >= kSlidingVectors * numOfLanes)
-                tile = slidingTile, vectors = kSlidingVectors;
-            else if (left >= kMaxVectors * numOfLanes && numOfRows <= kMaxChannelRows)
-                tile = kAllChannelVectors[row], vectors = kMaxVectors;
-            else
-                tile = left >= numOfLanes ? kOneChannelVector[row] : kPartialChannels[row];
+            vectors = left >= kMaxVectors * numOfLanes ? kMaxVectors : 1;
+            const SumChannels tile = vectors > 1          ? kAllChannelVectors[row]
+                                     : left >= numOfLanes ? kOneChannelVector[row]
+                                                          : kPartialChannels[row];
             for (std::ptrdiff_t r = 0; r < shape.numOfSlices; ++r)
                 columns[static_cast<std::size_t>(r)] = slices[r] + c;
             tile(shape, columns.data(), weights + c, first ? first + c : nullptr, firstStep, out + c, f,
                  static_cast<std::size_t>(std::min(left, numOfLanes)));
         }
     }
-};
+}
 
 void convolveChannelSlices(const Convolution& whole, const float* const* slices, const float* weights,
                            const float* first, std::ptrdiff_t firstStep, float* out,
                            const SliceToStore& store) {
-    const std::ptrdiff_t numOfChannels = whole.numOfOutputs;
-    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(Floats()));
+    const std::ptrdiff_t numOfChannels = whole.numOfOutputs, stride = whole.frequencyStride;
     SliceStoring storing(store, whole.inputFrequencies * numOfChannels);
+    // The rows that have all taps.
+    const SlidingTiles* const slidingTiles = findSlidingTiles(whole);
+    const std::ptrdiff_t rows = whole.outputFrequencies;
+    const std::ptrdiff_t begin =
+        slidingTiles ? std::clamp<std::ptrdiff_t>(ceilOfQuotient(-whole.start, stride), 0, rows) : rows;
+    const std::ptrdiff_t end =
+        std::clamp(whole.inputFrequencies - whole.numOfTaps - whole.start + 1, begin, rows);
+
     Convolution shape = whole;
-    // Sliding tiles take whole blocks of vectors only.
-    const SumChannels sliding =
-        numOfChannels % (kSlidingVectors * numOfLanes) == 0 ? findSlidingTile(whole) : nullptr;
-    const std::ptrdiff_t insideEnd = whole.inputFrequencies - whole.numOfTaps - whole.start;
-    for (std::ptrdiff_t begin = 0; begin == 0 || begin < whole.numOfSlices; begin += kMaxSlices) {
-        shape.numOfSlices = std::min(whole.numOfSlices - begin, kMaxSlices);
-        const ChannelBlocks blocks = {shape, slices + begin, weights, first, firstStep, out};
-        for (std::ptrdiff_t f = 0, rows = 0; f < shape.outputFrequencies; f += rows) {
-            const std::ptrdiff_t left = shape.outputFrequencies - f;
-            const bool slides =
-                sliding && f + shape.start >= 0 && left >= kSlidingRows && f + kSlidingRows - 1 <= insideEnd;
-            // Before the first sliding tile only the rows that miss a tap go.
-            if (slides)
-                rows = kSlidingRows;
-            else if (sliding && f + shape.start < 0)
-                rows = std::min({left, -(f + shape.start), std::ptrdiff_t{kMaxChannelRows}});
-            else
-                rows = EvenSplit(left, kMaxChannelRows).sizeOf(0);
-            storing.copyUpTo((shape.start + (f + rows - 1) * shape.frequencyStride + shape.numOfTaps) *
-                             numOfChannels);
-            blocks.sum(f, rows, slides ? sliding : nullptr);
+    std::array<const float*, kMaxSlices> sources;
+    for (std::ptrdiff_t slice = 0; slice == 0 || slice < whole.numOfSlices; slice += kMaxSlices) {
+        shape.numOfSlices = std::min(whole.numOfSlices - slice, kMaxSlices);
+        bool endsWithNewSlice = false;  // which is read where it is, not where it will be
+        for (std::ptrdiff_t r = 0; r < shape.numOfSlices; ++r) {
+            endsWithNewSlice = store.from && slices[slice + r] == store.to;
+            sources[static_cast<std::size_t>(r)] = endsWithNewSlice ? store.from : slices[slice + r];
         }
+        sumChannelRows(shape, sources.data(), weights, first, firstStep, out, 0, begin);
+        if (begin < end) {
+            const EvenSplit tiles(end - begin, kSlidingRows);
+            const auto larger = static_cast<std::size_t>(tiles.sizeOf(0) - 1);
+            if (endsWithNewSlice) storing.copyUpTo((shape.start + begin) * numOfChannels);
+            const SlidingChannels shared = {sources.data(),
+                                            shape.numOfSlices,
+                                            numOfChannels,
+                                            shape.start,
+                                            weights,
+                                            first,
+                                            firstStep,
+                                            out,
+                                            endsWithNewSlice ? store.to : nullptr};
+            (*slidingTiles)[larger](shared, begin,
+                                    tiles.numOfLarger > 0 ? tiles.numOfLarger : tiles.numOfParts);
+            if (tiles.numOfLarger > 0 && tiles.numOfLarger < tiles.numOfParts)
+                (*slidingTiles)[larger - 1](shared, begin + tiles.numOfLarger * (tiles.smaller + 1),
+                                            tiles.numOfParts - tiles.numOfLarger);
+            if (endsWithNewSlice) storing.isCopiedUpTo((shape.start + end) * numOfChannels);
+        }
+        sumChannelRows(shape, sources.data(), weights, first, firstStep, out, end, rows);
         weights += shape.numOfSlices * shape.numOfTaps * numOfChannels;
         first = out;
         firstStep = numOfChannels;
