@@ -26,10 +26,6 @@ std::int64_t countValues(const Tensor<float>& tensor) {
     return count;
 }
 
-std::int64_t getAxis(const Tensor<float>& tensor, std::size_t axis) {
-    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
-}
-
 // A file may hold numbers that make a layer impossible; a report only has to survive them.
 std::int64_t divide(std::int64_t value, std::int64_t divisor) {
     return divisor == 0 ? 0 : value / divisor;
