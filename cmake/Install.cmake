@@ -37,6 +37,10 @@ configure_file(cmake/zevrant.pc.in "${PROJECT_BINARY_DIR}/zevrant.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/zevrant.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
+# The example hosts, to be read and built with one line each.
+install(FILES examples/stream_file.c examples/realtime_host.cpp
+  DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/libzevrant-dev/examples" COMPONENT development)
+
 # The notices go with every package that holds code of others.
 set(notices_runtime "libzevrant${PROJECT_VERSION_MAJOR}")
 set(notices_development libzevrant-dev)

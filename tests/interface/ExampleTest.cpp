@@ -1,4 +1,4 @@
-// Builds on the example program: a real file through a model from disk, seen from outside.
+// The example programs, seen from outside: real audio through a model from disk.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -43,13 +43,30 @@ std::string makeWav(const Audio& audio, int bytesPerSample, bool isFloat) {
     return wav + samples;
 }
 
-Audio readFloatWav(const std::string& wav, std::size_t numOfChannels) {
+Audio readFloats(const std::string& bytes, std::size_t start, std::size_t numOfChannels) {
     Audio audio(numOfChannels);
-    for (std::size_t at = 44, i = 0; at + 4 <= wav.size(); at += 4, ++i) {
+    for (std::size_t at = start, i = 0; at + 4 <= bytes.size(); at += 4, ++i) {
         float value;
-        std::memcpy(&value, wav.data() + at, sizeof value);
+        std::memcpy(&value, bytes.data() + at, sizeof value);
         audio[i % numOfChannels].push_back(value);
     }
+    return audio;
+}
+
+Audio readFloatWav(const std::string& wav, std::size_t numOfChannels) {
+    return readFloats(wav, 44, numOfChannels);
+}
+
+std::string makeRaw(const Audio& audio) {
+    std::string bytes;
+    for (std::size_t i = 0; i < audio[0].size(); ++i)
+        for (const auto& row : audio) bytes.append(reinterpret_cast<const char*>(&row[i]), sizeof row[i]);
+    return bytes;
+}
+
+// The samples from start on, or as many as there are before end.
+Audio cut(Audio audio, std::ptrdiff_t start, std::ptrdiff_t end) {
+    for (auto& row : audio) row = {row.begin() + start, row.begin() + end};
     return audio;
 }
 
@@ -63,11 +80,19 @@ std::string run(const std::string& command) {
     return text;
 }
 
-TEST(Example, streamsWavFilesThroughAModel) {
-    ModelFolder models;
+constexpr std::ptrdiff_t latency = 384;  // of the model below: three hops of framing, and its delay
+
+std::string writeTwoBusses(const ModelFolder& models) {
     TestModel description{.channels = 2, .delay = 3, .busGains = {0.75f}, .names = {"Voice", "Rest"}};
     description.constantMasks = true;
-    const std::string model = models.write(description);
+    const std::string path = models.folder.getPath("two-busses.model");
+    describeModel(description).write(path);
+    return path;
+}
+
+TEST(Example, streamsWavFilesThroughAModel) {
+    const ModelFolder models;
+    const std::string model = writeTwoBusses(models);
     const std::string in = models.folder.getPath("in.wav"), out = models.folder.getPath("out.wav");
     const std::string program = std::string(STREAM_FILE) + " " + model + " " + in + " " + out;
     const struct {
@@ -91,6 +116,46 @@ TEST(Example, streamsWavFilesThroughAModel) {
         const Audio voice = readFloatWav(models.folder.readFile("out.wav"), audio.size());
         EXPECT_LT(calcDifference(voice, audio, 0.75), tolerance);
     }
+}
+
+// As many samples out as in, for blocks of any size: silence for as long as the latency, then the input.
+TEST(RealtimeHost, playsTheInputLaterByTheLatency) {
+    const ModelFolder models;
+    const std::string model = writeTwoBusses(models);
+    const Audio in = makeNoise(2, 10007, 1);
+    const std::string input = models.folder.makeFile("in.f32", makeRaw(in));
+    for (const int blockSize : {1, 100, 256, 20000}) {
+        SCOPED_TRACE(blockSize);
+        const std::string output = models.folder.getPath("out.f32");
+        const std::string text = run(std::string(REALTIME_HOST) + " " + model + " " +
+                                     std::to_string(blockSize) + " 2>&1 <" + input + " >" + output);
+        EXPECT_NE(text.find("latency 384 samples, 8.0 ms"), std::string::npos) << text;
+        const Audio out = readFloats(models.folder.readFile("out.f32"), 0, 2);
+        ASSERT_EQ(out[1].size(), in[1].size());
+        EXPECT_EQ(cut(out, 0, latency), Audio(2, std::vector<float>(latency)));
+        EXPECT_LT(calcDifference(cut(out, latency, 10007), in), -100.0);
+    }
+}
+
+// A line that is written to the control file while audio runs: the second half of the input comes when the
+// program has told that the gain is there.
+TEST(RealtimeHost, turnsAGainWhileAudioRuns) {
+    const ModelFolder models;
+    const std::string model = writeTwoBusses(models);
+    const Audio in = makeNoise(2, 9600, 1);
+    models.folder.makeFile("first.f32", makeRaw(cut(in, 0, 4800)));
+    models.folder.makeFile("second.f32", makeRaw(cut(in, 4800, 9600)));
+    models.folder.makeFile("control");
+    run("cd " + models.folder.path +
+        " && { cat first.f32; echo 7 1 >> control; echo 1 0 >> control; "
+        "until grep -q 'Rest: gain 0.00' err; do sleep 0.01; done; cat second.f32; } 2>/dev/null | " +
+        REALTIME_HOST + " " + model + " 256 control 2>err >out.f32");
+    EXPECT_NE(models.folder.readFile("err").find("not a bus and a gain: 7 1"), std::string::npos);
+    const Audio out = readFloats(models.folder.readFile("out.f32"), 0, 2);
+    ASSERT_EQ(out[1].size(), in[1].size());
+    // The pipe hands the first half on before the gain falls, or after that, and the frames around it are
+    // mixed.
+    EXPECT_LT(calcDifference(cut(out, 4800 + latency, 9600), cut(in, 4800, 9600), 0.75), -100.0);
 }
 
 }  // namespace

@@ -252,33 +252,6 @@ TEST(ModelWriter, whatCannotBeWrittenIsRefusedAtItsCallAndChangesNothing) {
     EXPECT_THROW(ModelWriter("x", 0x1004).setFrames(512, 256, 128), std::invalid_argument);
 }
 
-// The example of docs/model-writer.md.
-TEST(ModelWriter, theExampleOfItsManualLoads) {
-    ModelWriter model("Quieter above 8 kHz");
-    model.setSampleRate(48000)
-        .setFrames(2048, 2048, 512)
-        .setChannels(1, 1)
-        .setBusses({"Quieter", "Residual"})
-        .setPacking(Packing::magnitudes(1025))
-        .addLayer("smooth", "input", Conv{.weights = {{1, 3, 1, 1}, {0.25f, 0.5f, 0.25f}}})
-        .addLayer("level", "smooth",
-                  ARPreNorm{.attackCoefficient = 0.2f, .releaseCoefficient = 0.9f, .epsilon = 1e-6f})
-        .addLayer("mask", "level", Sigmoid{});
-    WeightTensor taps{{1}, {1.0f}};
-    FrequencyRescale everyBin;
-    for (int bin = 0; bin < 1025; ++bin) {
-        taps.values[0] = bin < 341 ? 1.0f : 0.5f;
-        everyBin.bands.push_back({bin, taps});
-    }
-    NeuralModel<float> loaded;
-    ASSERT_TRUE(loaded.loadModel(
-        streamOver(model.addLayer("quieter", "mask", everyBin).setOutput("quieter").toBytes())));
-    const auto results = loaded.process(ComplexSignal32(1, 1025, 1.0f));
-    ASSERT_EQ(results.size(), 1u);
-    const std::complex<float>* mask = results[0].getReadChannelPtr(0);
-    EXPECT_FLOAT_EQ(mask[1000].real(), mask[300].real() / 2);
-}
-
 class ModelWriterFiles : public testing::Test {
   protected:
     int countFiles() const {

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# page-commands.sh PROGRAMS SONG COMMANDS: runs the commands of a page as they stand there, in a folder of their own that
+# holds song.flac, with the programs of this folder in the path and no models but those beside them.
+set -euo pipefail
+programs=$1 song=$2 commands=$3
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cp "$song" "$folder/song.flac"
+cd "$folder"
+unset ZEVRANT_MODEL_PATH
+PATH=$programs:$PATH bash -euo pipefail "$commands"
+ls -R
