@@ -90,13 +90,15 @@ SpectralFormula::Name SpectralFormula::count(const Name& name, const Name& sourc
 }
 
 SpectralFormula::Name SpectralFormula::mean(const Name& name, const Name& source, Patch patch) {
-    return divide(name, sum(name + ": sum", source, patch), count(name + ": count", source, patch));
+    const Name number = count(name + ": count", source, patch);
+    return divide(name, sum(name + ": sum", source, patch), number);
 }
 
 SpectralFormula::Name SpectralFormula::harmonicMean(const Name& name, const Name& source, Patch patch) {
     const Name one = ones(name + ": ones", source);
     const Name inverse = divide(name + ": inverse", one, source);
-    return divide(name, sum(name + ": count", one, patch), sum(name + ": sum", inverse, patch));
+    const Name sumOfInverses = sum(name + ": sum", inverse, patch);
+    return divide(name, sum(name + ": count", one, patch), sumOfInverses);
 }
 
 SpectralFormula::Name SpectralFormula::toBands(const Name& name, const Name& source,
