@@ -10,7 +10,8 @@ function(zevrant_compile_settings target)
     $<$<BOOL:${ZEVRANT_WERROR}>:-Werror>)
   if(ZEVRANT_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${ZEVRANT_SANITIZE} -fno-sanitize-recover=all
-      -fno-omit-frame-pointer)
+      -fno-omit-frame-pointer
+      $<$<OR:$<C_COMPILER_ID:Clang>,$<CXX_COMPILER_ID:Clang>>:-fno-sanitize=function,vptr>)  # they need C++ in C programs
     target_link_options(${target} PUBLIC -fsanitize=${ZEVRANT_SANITIZE})
   endif()
 endfunction()

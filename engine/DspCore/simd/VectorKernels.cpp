@@ -142,8 +142,8 @@ HWY_INLINE void storeFirst(Vector v, float* out, std::size_t count) {
 #endif
 }
 
-// The pointer itself, as one number: g++ otherwise takes the addresses of a tile apart and keeps more of their
-// parts than it has registers.
+// The pointer itself, as one number: g++ otherwise takes the addresses of a tile apart and keeps more of
+// their parts than it has registers.
 template <class Value>
 HWY_INLINE Value* asOneNumber(Value* pointer) {
 #if HWY_COMPILER_GCC
@@ -193,6 +193,18 @@ HWY_INLINE void loadTile(const float* in, std::ptrdiff_t step, std::size_t lanes
         ZEVRANT_UNROLL
         for (int row = 0; row < Rows; ++row)
             tile[row][last] = loadFirst(rows[row] + last * numOfLanes, lanes);
+    }
+}
+
+// Asks for the place of a tile that is going to be stored, so that its stores do not hold up the loads of the
+// next.
+template <int Rows, int Vectors>
+HWY_INLINE void prefetchTile(const float* out, std::ptrdiff_t step) {
+    const RowPointers<const float, Rows> rows(out, step);
+    ZEVRANT_UNROLL
+    for (int row = 0; row < Rows; ++row) {
+        ZEVRANT_UNROLL
+        for (int v = 0; v < Vectors; ++v) hwy::Prefetch(rows[row] + v * hn::Lanes(Floats()));
     }
 }
 
@@ -588,6 +600,7 @@ void slideOverChannels(const SlidingChannels& shared, std::ptrdiff_t f, std::ptr
                     for (int v = 0; v < kSlidingVectors; ++v) sums[row][v] = hn::Zero(d);
                 }
             }
+            prefetchTile<Rows, kSlidingVectors>(out + f * numOfChannels + c, numOfChannels);
             const float* w = weights + c;
             for (std::ptrdiff_t r = 0; r < numOfSlices - 1; ++r, w += Taps * numOfChannels)
                 slideOverSlice<Rows, Taps, false>(slices[r] + in, w, numOfChannels, nullptr, sums);
@@ -724,12 +737,13 @@ void multiplyRows(const TransposedConvolution& shape, const float* in, std::ptrd
 // For an output the contributions come in the order of the input frequency, so of falling taps: the last
 // taps first. The taps of one stride give outputs that lie side by side, and beside those of the next input
 // frequency, so they are one matrix product; otherwise a tap goes alone, with outputs a stride apart.
+// The slot that is due first comes last, so that it is at hand when it is sent.
 void transposeByTaps(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
                      float* const* slots) {
     const std::ptrdiff_t numOfOutputs = shape.numOfOutputs, stride = shape.frequencyStride;
     const std::ptrdiff_t taps = weights.numOfOutputs / numOfOutputs, outStep = stride * numOfOutputs;
     HWY_ALIGN float sums[kMaxTableWidth];
-    for (std::ptrdiff_t r = 0; r < shape.numOfSlots; ++r)
+    for (std::ptrdiff_t r = shape.numOfSlots - 1; r >= 0; --r)
         for (std::ptrdiff_t k = shape.numOfTaps - taps; k >= 0; k -= taps) {
             const std::ptrdiff_t matrix = (r * shape.numOfTaps + k) / taps;
             float* const out = slots[r] + (shape.start + k) * numOfOutputs;
@@ -995,12 +1009,11 @@ void rescaleAllBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff
                      const int* starts, const int* counts, const float* const* factors, float* out) {
     const Floats d;
     const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
+    const auto loadAll = [](const float* row) HWY_ATTR { return hn::LoadU(Floats(), row); };
+    const auto storeAll = [](Vector sum, float* to) HWY_ATTR { hn::StoreU(sum, Floats(), to); };
     std::ptrdiff_t c = 0;
     for (; c + numOfLanes <= numOfChannels; c += numOfLanes)
-        sumBands(
-            in + c, numOfChannels, numOfBands, starts, counts, factors, out + c,
-            [](const float* row) HWY_ATTR { return hn::LoadU(Floats(), row); },
-            [](Vector sum, float* to) HWY_ATTR { hn::StoreU(sum, Floats(), to); });
+        sumBands(in + c, numOfChannels, numOfBands, starts, counts, factors, out + c, loadAll, storeAll);
     if (c == numOfChannels) return;
     const auto rest = static_cast<std::size_t>(numOfChannels - c);
     sumBands(
