@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "PlainSeparation.h"
 #include "interface/zevrant.h"
-#include "models/PlainSeparation.h"
 
 namespace {
 

@@ -6,61 +6,43 @@
 #include <atomic>
 #include <cfloat>
 #include <cmath>
-#include <cstdint>
+#include <functional>
 #include <limits>
 #include <numbers>
-#include <random>
 #include <stdexcept>
 #include <thread>
-#include <vector>
+
+#include "TestSignals.h"
 
 namespace zevrant {
 namespace {
 
 using Stream = std::vector<std::vector<float>>;  // [channel][sample]
-
-AudioFormat makeFormat(int numOfChannels, double sampleRate) {
-    AudioFormat format;
-    format.createDefaultChannelMapping(numOfChannels);
-    format.sampleRate = sampleRate;
-    return format;
-}
-
-Stream makeNoise(int numOfChannels, int numOfSamples, unsigned seed) {
-    std::mt19937 random(seed);
-    std::uniform_real_distribution<float> distribution(-1.0f, 1.0f);
-    Stream stream(numOfChannels, std::vector<float>(numOfSamples));
-    for (auto& channel : stream)
-        for (float& sample : channel) sample = distribution(random);
-    return stream;
-}
-
-Signal32 makeBlock(const Stream& stream, int start, int length) {
-    Signal32 block(static_cast<int>(stream.size()), length);
-    for (int c = 0; c < block.numOfChannels; ++c)
-        std::copy_n(stream[c].begin() + start, length, block.getWriteChannelPtr(c));
-    return block;
-}
+using NextLength = std::function<int()>;
 
 // Sends a stream through in blocks of the lengths that nextLength gives.
-template <class NextLength>
-Stream convert(SampleRateConversion& conversion, const Stream& stream, NextLength nextLength) {
-    Stream result(stream.size());
-    const int numOfSamples = static_cast<int>(stream[0].size());
-    for (int start = 0; start < numOfSamples;) {
-        const int length = std::min(static_cast<int>(nextLength()), numOfSamples - start);
-        const Signal32 output = conversion.process(makeBlock(stream, start, length));
-        for (int c = 0; c < output.numOfChannels; ++c)
-            result[c].insert(result[c].end(), output.getReadChannelPtr(c),
-                             output.getReadChannelPtr(c) + output.numOfSamples);
+Stream convert(SampleRateConversion& conversion, const Signal32& stream, const NextLength& nextLength) {
+    Stream result(static_cast<std::size_t>(stream.numOfChannels));
+    for (int start = 0; start < stream.numOfSamples;) {
+        const int length = std::min(nextLength(), stream.numOfSamples - start);
+        const Stream output = rowsOf(conversion.process(stream.extractSection(start, length)));
+        for (std::size_t c = 0; c < output.size(); ++c)
+            result[c].insert(result[c].end(), output[c].begin(), output[c].end());
         start += length;
     }
     return result;
 }
 
+NextLength inBlocksOf(int length) {
+    return [length] { return length; };
+}
+
+NextLength inRandomBlocks(unsigned longest) {
+    return [random = std::mt19937(3), longest]() mutable { return static_cast<int>(1 + random() % longest); };
+}
+
 // The definition over a whole channel: no table, no queue, no read position that accumulates.
-class Oracle {
-  public:
+struct Oracle {
     Oracle(double inputRate, double outputRate)
         : step(inputRate / outputRate),
           length(static_cast<int>(std::nearbyint(inputRate * 1.5 / 1000.0))),
@@ -89,22 +71,12 @@ class Oracle {
         return value + (calcPhase(primed, subSample + 1) - value) * (scaled - static_cast<double>(subSample));
     }
 
-    std::vector<float> prime(const std::vector<float>& channel) const {
-        std::vector<float> primed(length / 2);
-        primed.insert(primed.end(), channel.begin(), channel.end());
-        return primed;
-    }
-
     double step;
     int length;
     double cutoff;
 };
 
-struct Rates {
-    double input, output;
-};
-
-constexpr Rates variousRates[] = {
+constexpr std::pair<double, double> variousRates[] = {
     {48000, 44100}, {44100, 48000}, {48000, 24000},     {24000, 96000},
     {8000, 48000},  {96000, 8000},  {44100, 44099.999}, {48000, 48000 * std::numbers::phi},
     {1000, 48000},  {48000, 1000}};
@@ -114,22 +86,23 @@ constexpr Rates variousRates[] = {
 constexpr double outputTolerance = 2.0 * FLT_EPSILON;
 
 TEST(SampleRateConversion, matchesItsDefinitionOverWholeStreams) {
-    for (const Rates& rates : variousRates)
+    for (const auto& [inputRate, outputRate] : variousRates)
         for (const bool interpolated : {true, false}) {
             // Without interpolation a position that rounds across a phase's edge moves the value, so
             // only ratios with exact positions can be compared.
-            const Oracle oracle(rates.input, rates.output);
+            const Oracle oracle(inputRate, outputRate);
             if (!interpolated && std::ldexp(oracle.step, 20) != std::trunc(std::ldexp(oracle.step, 20)))
                 continue;
             SCOPED_TRACE(testing::Message()
-                         << rates.input << " to " << rates.output << (interpolated ? "" : ", plain"));
+                         << inputRate << " to " << outputRate << (interpolated ? "" : ", plain"));
             SampleRateConversion conversion;
             conversion.interpolatePhases = interpolated;
-            ASSERT_TRUE(conversion.setFormat(makeFormat(2, rates.input), makeFormat(2, rates.output)));
-            const Stream stream = makeNoise(2, 4000, 1);
-            const Stream result = convert(conversion, stream, [] { return 333; });
-            for (int c = 0; c < 2; ++c) {
-                const std::vector<float> primed = oracle.prime(stream[c]);
+            ASSERT_TRUE(conversion.setFormat(makeFormat(2, inputRate), makeFormat(2, outputRate)));
+            const Signal32 stream = noiseSignal(2, 4000, 1);
+            const Stream result = convert(conversion, stream, inBlocksOf(333));
+            for (std::size_t c : {0u, 1u}) {
+                std::vector<float> primed = rowsOf(stream)[c];
+                primed.insert(primed.begin(), static_cast<std::size_t>(oracle.length / 2), 0.0f);
                 // Held back are the filter, one sample and less than one step; the queue was cut at whole
                 // samples.
                 const double reached = static_cast<double>(result[c].size()) * oracle.step;
@@ -144,24 +117,21 @@ TEST(SampleRateConversion, matchesItsDefinitionOverWholeStreams) {
 }
 
 TEST(SampleRateConversion, theStreamIsTheSameHoweverItIsCut) {
-    const int numOfSamples = 6000;
-    const Stream stream = makeNoise(2, numOfSamples, 2);
-    for (const Rates& rates : variousRates) {
-        SCOPED_TRACE(testing::Message() << rates.input << " to " << rates.output);
+    const Signal32 stream = noiseSignal(2, 6000, 2);
+    for (const auto& [inputRate, outputRate] : variousRates) {
+        SCOPED_TRACE(testing::Message() << inputRate << " to " << outputRate);
         SampleRateConversion conversion;
-        ASSERT_TRUE(conversion.setFormat(makeFormat(2, rates.input), makeFormat(2, rates.output)));
-        const Stream whole = convert(conversion, stream, [] { return numOfSamples; });
-        std::mt19937 random(3);
-        for (const int longest : {1, 7, 100, 5000}) {
+        ASSERT_TRUE(conversion.setFormat(makeFormat(2, inputRate), makeFormat(2, outputRate)));
+        const Stream whole = convert(conversion, stream, inBlocksOf(6000));
+        for (const unsigned longest : {1u, 7u, 100u, 5000u}) {
             conversion.reset();
-            const Stream cut = convert(conversion, stream, [&] { return 1 + random() % longest; });
-            const double step = rates.input / rates.output;
+            const Stream cut = convert(conversion, stream, inRandomBlocks(longest));
             // Each step rounds a position of up to 6000 by 2^-41 at most; a value moves with the position
             // no faster than 8 per sample, which the two taps of 1000 Hz come near.
             const double drift = std::ldexp(8.0, -41) * static_cast<double>(whole[0].size());
             EXPECT_NEAR(static_cast<double>(cut[0].size()), static_cast<double>(whole[0].size()),
-                        2.0 + 2.0 / step);
-            for (int c = 0; c < 2; ++c)
+                        2.0 + 2.0 * outputRate / inputRate);
+            for (std::size_t c : {0u, 1u})
                 for (std::size_t i = 0; i < std::min(cut[c].size(), whole[c].size()); ++i)
                     ASSERT_NEAR(cut[c][i], whole[c][i], outputTolerance + drift) << "sample " << i;
             EXPECT_GE(conversion.position, 0.0);
@@ -174,32 +144,24 @@ TEST(SampleRateConversion, equalRatesPassSamplesOn) {
     for (const double rate : {8000.0, 44100.0, 48000.0, 96000.0}) {
         SampleRateConversion conversion;
         ASSERT_TRUE(conversion.setFormat(makeFormat(3, rate), makeFormat(3, rate)));
-        const Stream stream = makeNoise(3, 3000, 4);
-        std::mt19937 random(5);
-        const Stream result = convert(conversion, stream, [&] { return 1 + random() % 200; });
-        const auto heldBack = static_cast<std::size_t>(conversion.getLatency(0));
-        for (int c = 0; c < 3; ++c) {
-            // An odd filter length splits into unequal halves.
-            ASSERT_EQ(result[c].size(),
-                      3000 - heldBack - static_cast<std::size_t>(conversion.filterLength % 2));
-            EXPECT_TRUE(std::equal(result[c].begin(), result[c].end(), stream[c].begin()));
-        }
+        const Signal32 stream = noiseSignal(3, 3000, 4);
+        const Stream result = convert(conversion, stream, inRandomBlocks(200));
+        // An odd filter length splits into unequal halves.
+        const int length = 3000 - conversion.getLatency(0) - conversion.filterLength % 2;
+        EXPECT_EQ(result, rowsOf(stream.extractSection(0, length)));
         EXPECT_EQ(conversion.position, 0.0);
     }
 }
 
 TEST(SampleRateConversion, givesNothingUntilTheFilterIsFull) {
     SampleRateConversion conversion;
-    ASSERT_TRUE(conversion.setFormat(makeFormat(1, 48000), makeFormat(1, 48000)));
-    const Stream one = {{0.5f}};
-    for (int n = 36; n < 73; ++n) {
-        ASSERT_EQ(conversion.inputQueue.numOfSamples, n);
-        const Signal32 output = conversion.process(makeBlock(one, 0, 1));
-        EXPECT_EQ(output.numOfSamples, 0 + (n + 1 >= 74));
-        EXPECT_EQ(output.data == nullptr, n + 1 < 74);
+    ASSERT_TRUE(conversion.setFormat(makeFormat(1), makeFormat(1)));
+    for (int n = 37; n < 76; ++n) {
+        const Signal32 output = conversion.process(Signal32(1, 1, 0.5f));
+        EXPECT_EQ(output.numOfSamples, n < 74 ? 0 : 1);
+        EXPECT_EQ(output.data == nullptr, n < 74);
+        EXPECT_EQ(conversion.inputQueue.numOfSamples, std::min(n, 73));
     }
-    EXPECT_EQ(conversion.process(makeBlock(one, 0, 1)).numOfSamples, 1);
-    EXPECT_EQ(conversion.inputQueue.numOfSamples, 73);
     EXPECT_EQ(conversion.process(Signal32::empty).data, nullptr);
     EXPECT_EQ(conversion.process(Signal32(1, 0)).data, nullptr);
     EXPECT_EQ(conversion.inputQueue.numOfSamples, 73) << "empty blocks leave the state alone";
@@ -226,7 +188,7 @@ TEST(SampleRateConversion, tablesFollowTheRates) {
         EXPECT_EQ(conversion.identityPhase, -1);
         EXPECT_EQ(conversion.inputQueue.numOfSamples, test.length / 2);
         if (test.length == 0) continue;
-        // At its centre the filter is its cutoff; a whole sample on, phase 0 of the next one is phase 64.
+        // At its centre the filter is its cutoff.
         EXPECT_NEAR(conversion.sincTable.getReadChannelPtr(0)[test.length / 2], test.cutoff, 1e-7);
         const Oracle oracle(test.input, test.output);
         for (int p = 0; p < 64; ++p)
@@ -240,35 +202,30 @@ TEST(SampleRateConversion, aCutoffOfAllOfTheBandHasAnIdentityPhase) {
     conversion.cutoffPercent = 100.0f;
     ASSERT_TRUE(conversion.setFormat(makeFormat(1, 24000), makeFormat(1, 48000)));
     EXPECT_EQ(conversion.identityPhase, 0);
-    const Stream stream = makeNoise(1, 1000, 6);
-    const Stream result = convert(conversion, stream, [] { return 100; });
-    for (std::size_t i = 0; 2 * i < result[0].size(); ++i) EXPECT_EQ(result[0][2 * i], stream[0][i]);
-
+    const Signal32 stream = noiseSignal(1, 1000, 6);
+    const Stream result = convert(conversion, stream, inBlocksOf(100));
+    for (std::size_t i = 0; 2 * i < result[0].size(); ++i)
+        EXPECT_EQ(result[0][2 * i], stream.getReadChannelPtr(0)[i]);
     ASSERT_TRUE(conversion.setFormat(makeFormat(1, 48000), makeFormat(1, 24000)));
     EXPECT_EQ(conversion.identityPhase, -1) << "the cutoff is half of the band";
 }
 
-TEST(SampleRateConversion, looksAtTheHeldChannelCounts) {
+TEST(SampleRateConversion, aSecondFormatDropsWhatIsQueuedAndOneOfOtherChannelsIsRefused) {
     SampleRateConversion conversion;
-    EXPECT_TRUE(conversion.setFormat(makeFormat(1, 48000), makeFormat(2, 44100))) << "none is held yet";
-    EXPECT_EQ(conversion.outputFormat.channelMapping.size(), 2u);
-    EXPECT_FALSE(conversion.setFormat(makeFormat(2, 96000), makeFormat(2, 44100))) << "stuck for good";
-    EXPECT_EQ(conversion.inputFormat.sampleRate, 48000.0);
-    EXPECT_EQ(conversion.inputFormat.channelMapping.size(), 1u);
-}
-
-TEST(SampleRateConversion, aSecondFormatDropsWhatIsQueued) {
-    SampleRateConversion conversion;
-    const Stream stream = makeNoise(1, 5000, 7);
-    const auto inBlocks = [] { return 500; };
+    const Signal32 stream = noiseSignal(1, 5000, 7);
     ASSERT_TRUE(conversion.setFormat(makeFormat(1, 44100), makeFormat(1, 48000)));
-    const Stream expected = convert(conversion, stream, inBlocks);
+    const Stream expected = convert(conversion, stream, inBlocksOf(500));
     ASSERT_TRUE(conversion.setFormat(makeFormat(1, 48000), makeFormat(1, 16000)));
-    convert(conversion, stream, inBlocks);
+    convert(conversion, stream, inBlocksOf(500));
     ASSERT_TRUE(conversion.setFormat(makeFormat(1, 44100), makeFormat(1, 48000)));
-    EXPECT_EQ(convert(conversion, stream, inBlocks), expected);
-    conversion.reset();
-    EXPECT_EQ(convert(conversion, stream, inBlocks), expected);
+    EXPECT_EQ(convert(conversion, stream, inBlocksOf(500)), expected);
+
+    SampleRateConversion uneven;
+    EXPECT_TRUE(uneven.setFormat(makeFormat(1, 48000), makeFormat(2, 44100))) << "none is held yet";
+    EXPECT_EQ(uneven.outputFormat.channelMapping.size(), 2u);
+    EXPECT_FALSE(uneven.setFormat(makeFormat(2, 96000), makeFormat(2, 44100))) << "stuck for good";
+    EXPECT_EQ(uneven.inputFormat.sampleRate, 48000.0);
+    EXPECT_EQ(uneven.inputFormat.channelMapping.size(), 1u);
 }
 
 // Whatever rates and blocks come, a call ends in a result or a standard exception.
@@ -276,7 +233,7 @@ TEST(SampleRateConversion, oddRatesEndInExceptionsOrNothing) {
     const double infinity = std::numeric_limits<double>::infinity();
     const double rates[] = {0.0,     -0.0, -48000.0, 1e-300,   5e-324,      0.1,
                             48000.0, 1e12, 1e300,    infinity, std::nan("")};
-    const Stream stream = makeNoise(2, 1000, 8);
+    const Signal32 stream = noiseSignal(2, 1000, 8);
     for (const double input : rates)
         for (const double output : rates) {
             SCOPED_TRACE(testing::Message() << input << " to " << output);
@@ -287,7 +244,7 @@ TEST(SampleRateConversion, oddRatesEndInExceptionsOrNothing) {
             }
             for (int block = 0; block < 3; ++block) {
                 try {
-                    const Signal32 result = conversion.process(makeBlock(stream, 0, 1000));
+                    const Signal32 result = conversion.process(stream);
                     EXPECT_TRUE(result.numOfSamples == 0 || result.numOfChannels == 2);
                 } catch (const std::invalid_argument&) {
                 } catch (const std::length_error&) {
@@ -296,13 +253,13 @@ TEST(SampleRateConversion, oddRatesEndInExceptionsOrNothing) {
             }
         }
     SampleRateConversion unset;
-    EXPECT_THROW(unset.process(makeBlock(stream, 0, 100)), std::invalid_argument);
+    EXPECT_THROW(unset.process(stream), std::invalid_argument);
     for (const int numOfPhases : {-64, 0, 65}) {  // 65 only after the table is made
         SampleRateConversion conversion;
         if (numOfPhases < 1) conversion.numOfPhases = numOfPhases;
         ASSERT_TRUE(conversion.setFormat(makeFormat(2, 48000), makeFormat(2, 44100)));
         conversion.numOfPhases = numOfPhases;
-        EXPECT_THROW(conversion.process(makeBlock(stream, 0, 1000)), std::out_of_range) << numOfPhases;
+        EXPECT_THROW(conversion.process(stream), std::out_of_range) << numOfPhases;
     }
 }
 
@@ -312,28 +269,22 @@ TEST(SampleRateConversion, blocksOfAnotherChannelCountStayInsideTheirRows) {
             SCOPED_TRACE(testing::Message() << given << " channels for " << held);
             SampleRateConversion conversion;
             ASSERT_TRUE(conversion.setFormat(makeFormat(held, 48000), makeFormat(held, 44100)));
-            const Stream stream = makeNoise(given, 1000, 9);
-            for (int block = 0; block < 3; ++block) {
-                if (given < held) {
-                    EXPECT_THROW(conversion.process(makeBlock(stream, 0, 1000)), std::out_of_range);
-                } else {
-                    EXPECT_EQ(conversion.process(makeBlock(stream, 0, 1000)).numOfChannels, held);
-                }
-            }
+            for (int block = 0; block < 3; ++block)
+                if (given < held)
+                    EXPECT_THROW(conversion.process(Signal32(given, 1000, 0.5f)), std::out_of_range);
+                else
+                    EXPECT_EQ(conversion.process(Signal32(given, 1000, 0.5f)).numOfChannels, held);
         }
 }
 
-TEST(SampleRateConversion, isItsOwnLockAndTakesItTwice) {
+TEST(SampleRateConversion, aSecondThreadMayChangeTheFormatAndTheLockIsTakenTwice) {
     SampleRateConversion conversion;
-    const std::lock_guard<std::recursive_mutex> guard(conversion.lock);
-    EXPECT_TRUE(conversion.setFormat(makeFormat(1, 48000), makeFormat(1, 44100)));
-    conversion.reset();
-    std::thread([&] { EXPECT_FALSE(conversion.lock.try_lock()); }).join();
-}
-
-TEST(SampleRateConversion, aSecondThreadMayChangeTheFormat) {
-    SampleRateConversion conversion;
-    ASSERT_TRUE(conversion.setFormat(makeFormat(2, 48000), makeFormat(2, 44100)));
+    {
+        const std::lock_guard<std::recursive_mutex> guard(conversion.lock);
+        ASSERT_TRUE(conversion.setFormat(makeFormat(2, 48000), makeFormat(2, 44100)));
+        conversion.reset();
+        std::thread([&] { EXPECT_FALSE(conversion.lock.try_lock()); }).join();
+    }
     std::atomic<bool> done = false;
     std::thread changer([&] {
         for (int i = 0; i < 60; ++i) {
@@ -345,14 +296,13 @@ TEST(SampleRateConversion, aSecondThreadMayChangeTheFormat) {
     });
     const Signal32 ones(2, 480, 1.0f);
     float lowest = 0.0f, highest = 0.0f;
-    std::int64_t numOfSamples = 0;
-    while (!done || numOfSamples < 48000) {
+    for (std::int64_t numOfSamples = 0; !done || numOfSamples < 48000;) {
         const Signal32 output = conversion.process(ones);
         numOfSamples += output.numOfSamples;
-        for (int c = 0; c < output.numOfChannels; ++c)
-            for (int i = 0; i < output.numOfSamples; ++i) {
-                lowest = std::min(lowest, output.getReadChannelPtr(c)[i]);
-                highest = std::max(highest, output.getReadChannelPtr(c)[i]);
+        for (const auto& row : rowsOf(output))
+            for (const float sample : row) {
+                lowest = std::min(lowest, sample);
+                highest = std::max(highest, sample);
             }
     }
     changer.join();

@@ -6,7 +6,6 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
-#include <complex>
 #include <numbers>
 #include <vector>
 
@@ -69,22 +68,6 @@ TEST(WindowFunctions, periodicWindowsMatchTheirFormulas) {
         }
 }
 
-// Half a window on: Hann adds up to 1 (overlap-add of analysis alone), the squares of the square-root
-// Hann and Vorbis windows do so too (analysis and synthesis).
-TEST(WindowFunctions, overlappingHalvesAddUpToOne) {
-    for (const int size : {2, 4, 16, 100, 512, 2048}) {
-        const Signal32 hann = WindowFunctions::generateHannWindow(1, size);
-        const Signal32 root = WindowFunctions::generateSqrtHannWindow(1, size);
-        const Signal32 vorbis = WindowFunctions::generateVorbisWindow(1, size);
-        const auto at = [](const Signal32& signal, int i) { return double{signal.getReadChannelPtr(0)[i]}; };
-        for (int i = 0, j = size / 2; i < size / 2; ++i, ++j) {
-            EXPECT_NEAR(at(hann, i) + at(hann, j), 1.0, FLT_EPSILON);
-            EXPECT_NEAR(std::norm(at(root, i)) + std::norm(at(root, j)), 1.0, 2 * FLT_EPSILON);
-            EXPECT_NEAR(std::norm(at(vorbis, i)) + std::norm(at(vorbis, j)), 1.0, 2 * FLT_EPSILON);
-        }
-    }
-}
-
 TEST(WindowFunctions, gaussianPeaksAtHalfItsSize) {
     for (const float sigma : {0.1f, 0.5f, 2.0f})
         for (const int size : sizes) {
@@ -96,11 +79,6 @@ TEST(WindowFunctions, gaussianPeaksAtHalfItsSize) {
                 const long double u = (i - centre) / (sigma * centre);
                 const auto expected = static_cast<double>(std::exp(-0.5L * u * u));
                 EXPECT_NEAR(window[i], expected, expected * FLT_EPSILON + FLT_MIN) << "sample " << i;
-            }
-            if (size % 2 == 0) {
-                EXPECT_EQ(window[size / 2], 1.0f);
-                EXPECT_LT(window[size / 2 - 1], 1.0f);
-                EXPECT_LT(window[0], window[size - 1]) << "not symmetric";
             }
         }
 }
@@ -138,26 +116,6 @@ TEST(WindowFunctions, dolphChebyshevMatchesItsSum) {
                     << "sample " << i;
             }
         }
-}
-
-// What the window is made for: all side lobes of an odd size are as high as the ripple says.
-TEST(WindowFunctions, dolphChebyshevSideLobesAreEqual) {
-    const int size = 65;
-    for (const float ripple : {10.0f, 100.0f, 1000.0f}) {
-        const Signal32 signal = WindowFunctions::generateDolphChebyshevWindow(1, size, ripple);
-        const auto calcLevel = [&](double turns) {
-            std::complex<double> sum;
-            for (int i = 0; i < size; ++i)
-                sum +=
-                    std::polar<double>(signal.getReadChannelPtr(0)[i], -2.0 * std::numbers::pi * turns * i);
-            return std::abs(sum);
-        };
-        const double x0 = std::cosh(std::acosh(double{ripple}) / (size - 1));
-        const double edge = std::acos(1.0 / x0) / std::numbers::pi;  // of the main lobe, in turns per sample
-        double highest = 0.0;
-        for (double turns = edge; turns <= 0.5; turns += 1e-4) highest = std::max(highest, calcLevel(turns));
-        EXPECT_NEAR(calcLevel(0.0) / highest, ripple, ripple * 1e-3);
-    }
 }
 
 TEST(WindowFunctions, everyChannelHoldsTheSameRow) {

@@ -90,21 +90,4 @@ inline double calcDifference(const Sound& estimate, const Sound& reference, doub
     return 10.0 * std::log10(difference / energy + 1e-30);
 }
 
-// How many samples the sound comes after the reference: where their cross-correlation is highest.
-inline int calcLag(const Sound& sound, const Sound& reference, int mostLag, int channel = 0) {
-    double highest = -1.0;
-    int lagOfHighest = 0;
-    const int from = mostLag, to = std::min(reference.length() - mostLag, from + 6000);
-    for (int lag = -mostLag; lag <= mostLag; ++lag) {
-        double sum = 0.0;
-        for (int i = from; i < to; ++i)
-            sum += double{reference.get(i, channel)} * sound.get(i + lag, channel);
-        if (sum > highest) {
-            highest = sum;
-            lagOfHighest = lag;
-        }
-    }
-    return lagOfHighest;
-}
-
 }  // namespace zevrant

@@ -10,32 +10,19 @@
 #include <vector>
 
 #include "files/TemporaryFolder.h"
+#include "neural/MemoryStream.h"
 
 namespace zevrant {
 namespace {
 
-// Bytes in memory that record how much the reader asked for at a time.
-class MemoryStream : public InputStream {
+// Records how much the reader asked for at a time.
+class RecordingStream : public MemoryStream {
   public:
-    explicit MemoryStream(std::string contents) : bytes(std::move(contents)) {}
-
+    explicit RecordingStream(const std::string& text) : MemoryStream({text.begin(), text.end()}) {}
     int read(void* destination, int size) override {
         largestRead = std::max(largestRead, size);
-        const auto count = std::min<std::size_t>(size, bytes.size() - position);
-        std::memcpy(destination, bytes.data() + position, count);
-        position += count;
-        return static_cast<int>(count);
+        return MemoryStream::read(destination, size);
     }
-    bool setPosition(long long newPosition) override {
-        position = static_cast<std::size_t>(newPosition);
-        return true;
-    }
-    long long getPosition() const override { return static_cast<long long>(position); }
-    long long getLength() const override { return static_cast<long long>(bytes.size()); }
-    void close() override {}
-
-    std::string bytes;
-    std::size_t position = 0;
     int largestRead = 0;
 };
 
@@ -55,7 +42,7 @@ TEST(InputStream, stringsOfAnyLengthComeBackAndLeaveThePositionBehindThem) {
     for (const int length : {0, 1, 2, 255, 65535, 65536, 65537, 200000}) {
         SCOPED_TRACE(length);
         const std::string text = makeText(length);  // holds zero bytes, which are bytes like others
-        MemoryStream stream(encodeString(length, text) + "next");
+        RecordingStream stream(encodeString(length, text) + "next");
         EXPECT_EQ(stream.readString(), text);
         EXPECT_EQ(stream.getPosition(), 4 + length);
     }
@@ -63,7 +50,7 @@ TEST(InputStream, stringsOfAnyLengthComeBackAndLeaveThePositionBehindThem) {
 
 TEST(InputStream, negativeLengthsThrow) {
     for (const int length : {-1, -2, -65536, INT_MIN}) {
-        MemoryStream stream(encodeString(length, "text"));
+        RecordingStream stream(encodeString(length, "text"));
         EXPECT_THROW(stream.readString(), std::length_error) << length;
     }
 }
@@ -72,7 +59,7 @@ TEST(InputStream, missingBytesReadAsZeros) {
     const std::string text = "output", whole = encodeString(6, text);
     for (std::size_t cut = 0; cut < whole.size(); ++cut) {
         SCOPED_TRACE(cut);
-        MemoryStream stream(whole.substr(0, cut));
+        RecordingStream stream(whole.substr(0, cut));
         std::string padded = text.substr(0, cut < 4 ? 0 : cut - 4);
         padded.resize(cut == 0 ? 0 : 6);
         EXPECT_EQ(stream.readString(), padded);
@@ -80,7 +67,7 @@ TEST(InputStream, missingBytesReadAsZeros) {
 }
 
 TEST(InputStream, lengthsFarBeyondTheEndTakeMemoryForOneChunk) {
-    MemoryStream stream(encodeString(INT_MAX, makeText(70000)));
+    RecordingStream stream(encodeString(INT_MAX, makeText(70000)));
     const std::string text = stream.readString();
     EXPECT_EQ(text.substr(0, 70000), makeText(70000));
     EXPECT_LE(text.capacity(), 4u * 65536u);

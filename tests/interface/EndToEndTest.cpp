@@ -104,16 +104,6 @@ TEST(EndToEnd, aMonoModelServesAStereoHost) {
     }
 }
 
-TEST(EndToEnd, silenceWithAllGainsAtZero) {
-    ModelFolder models;
-    AudioHost host = models.open({.channels = 2}, 2, rate);
-    setGains(host, {0.0f, 0.0f});
-    for (const auto& row : host.stream(makeNoise(2, 4000, 5), inBlocksOf(64))) {
-        EXPECT_GT(row.size(), 3000u);
-        for (float sample : row) ASSERT_EQ(sample, 0.0f);
-    }
-}
-
 // A host that plays a block for every block it pushes starts with as much silence as is in and not ready
 // at the worst moment. Blocks that the hop does not divide come as close to a whole hop as their common
 // divisor lets them.

@@ -82,7 +82,6 @@ TEST(ActivationLayers, valuesFollowTheDefinition) {
     const std::vector<float> values = probes();
     const Tensor<float> tensor = tensorOf({1, static_cast<int>(values.size()), 1}, values);
     for (const Activation& activation : activations) {
-        SCOPED_TRACE(activation.name);
         const std::vector<float> result = activation.run(tensor);
         ASSERT_EQ(result.size(), values.size());
         for (std::size_t i = 0; i < values.size(); ++i) {
@@ -90,7 +89,7 @@ TEST(ActivationLayers, valuesFollowTheDefinition) {
             const Bounded expected =
                 overflows ? Bounded(std::numeric_limits<double>::infinity()) : activation.define(values[i]);
             EXPECT_TRUE(expected.contains(result[i]))
-                << "of " << values[i] << ": " << result[i] << " and not " << expected.value;
+                << activation.name << " of " << values[i] << ": " << result[i];
         }
     }
 }
@@ -124,25 +123,6 @@ TEST(ActivationLayers, valuesAreThoseOfTheSeparatePasses) {
     }
 }
 
-TEST(ActivationLayers, limitsAreExact) {
-    const auto of = [](const Activation& activation, float x) {
-        return activation.run(tensorOf({1, 1, 1}, {x})).front();
-    };
-    const Activation& eluOf = activations[1];
-    const Activation& sigmoidOf = activations[2];
-    const Activation& hardSigmoidOf = activations[5];
-    EXPECT_EQ(of(eluOf, -200.0f), -1.0f);
-    EXPECT_EQ(of(eluOf, 5.5f), 5.5f);
-    EXPECT_EQ(of(sigmoidOf, 0.0f), 0.5f);
-    EXPECT_EQ(of(sigmoidOf, 100.0f), of(sigmoidOf, 10.0f));
-    EXPECT_EQ(of(sigmoidOf, -100.0f), of(sigmoidOf, -10.0f));
-    EXPECT_LT(of(sigmoidOf, 100.0f), 1.0f);
-    EXPECT_GT(of(sigmoidOf, -100.0f), 0.0f);
-    EXPECT_EQ(of(hardSigmoidOf, -3.0f), 0.0f);
-    EXPECT_EQ(of(hardSigmoidOf, 3.0f), 1.0f);
-    EXPECT_EQ(of(hardSigmoidOf, 0.0f), 0.5f);
-}
-
 // A consumer may keep what it was given: the next push writes somewhere else.
 TEST(ActivationLayers, aKeptOutputKeepsItsValues) {
     LayerUnderTest<ELULayer<float>> test(Record().string("input"));
@@ -158,19 +138,15 @@ TEST(ActivationLayers, aKeptOutputKeepsItsValues) {
     EXPECT_EQ(test.layer->output.getReadPointer(), buffer) << "a smaller shape needs no other buffer";
 }
 
-TEST(ActivationLayers, emptyTensorsArePassedOn) {
+TEST(ActivationLayers, emptyTensorsArePassedOnAndShortOnesRefused) {
     LayerUnderTest<SigmoidLayer<float>> test(Record().string("input"));
     EXPECT_TRUE(test.push(Tensor<float>()));
     EXPECT_TRUE(test.push(Tensor<float>({1, 0, 4})));
     EXPECT_EQ(test.sink.shapes, (std::vector<std::vector<int>>{{}, {1, 0, 4}}));
     test.sink.answer = false;
-    EXPECT_FALSE(test.push(Tensor<float>({1, 2, 4})));
-}
-
-TEST(ActivationLayers, aTensorShorterThanItsShapeIsRefused) {
-    LayerUnderTest<ReLULayer<float>> test(Record().string("input"));
-    Tensor<float> tensor = tensorOf({1, 2, 2}, {1, 2, 3, 4});
-    tensor.shape = {4, 2, 2};
+    Tensor<float> tensor({1, 2, 4});
+    EXPECT_FALSE(test.push(tensor));
+    tensor.shape = {4, 2, 4};
     EXPECT_THROW(test.push(tensor), std::invalid_argument);
 }
 

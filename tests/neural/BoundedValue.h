@@ -9,14 +9,18 @@ namespace zevrant::test {
 // A number in double together with a bound on how far the same formula in float may be from it: running error
 // analysis (Higham, Accuracy and Stability of Numerical Algorithms, 3.3). Every operation adds the error that
 // its operands bring along to one rounding of its result. FLT_EPSILON is twice the unit roundoff, which
-// leaves room for another order of the terms of a sum.
+// leaves room for another order of the terms of a sum. Beside them stands what float itself comes to, step
+// by step in the order told, sums of products being fused.
 struct Bounded {
     double value = 0.0;
     double error = 0.0;
+    float steps = 0.0f;
 
     Bounded() = default;
-    Bounded(double exact) : value(exact) {}
-    Bounded(double v, double e) : value(v), error(e) {}
+    Bounded(double exact) : value(exact), steps(static_cast<float>(exact)) {}
+    Bounded(double v, double e, float s = 0.0f) : value(v), error(e), steps(s) {}
+
+    Bounded withSteps(float s) const { return {value, error, s}; }
 
     static Bounded rounded(double v, double inherited, double roundings = 1.0) {
         return {v, inherited + roundings * (FLT_EPSILON * std::abs(v) + FLT_MIN)};
@@ -27,7 +31,9 @@ struct Bounded {
         return std::abs(computed - value) <= error || (std::isinf(value) && computed == value);
     }
 
-    friend Bounded operator+(Bounded a, Bounded b) { return rounded(a.value + b.value, a.error + b.error); }
+    friend Bounded operator+(Bounded a, Bounded b) {
+        return rounded(a.value + b.value, a.error + b.error).withSteps(a.steps + b.steps);
+    }
     friend Bounded operator-(Bounded a, Bounded b) { return rounded(a.value - b.value, a.error + b.error); }
     friend Bounded operator*(Bounded a, Bounded b) {
         return rounded(a.value * b.value,
@@ -39,6 +45,9 @@ struct Bounded {
         return rounded(quotient, (a.error + std::abs(quotient) * b.error) / nearestDivisor);
     }
     Bounded& operator+=(Bounded other) { return *this = *this + other; }
+    void addProduct(Bounded a, Bounded b) {
+        *this = (*this + a * b).withSteps(std::fma(a.steps, b.steps, steps));
+    }
 };
 
 // The vector functions are good to a few units in the last place.

@@ -26,37 +26,15 @@ std::vector<Band> spreadBands(int numOfBands, int F, int mostTaps) {
 TEST(FrequencyRescaleLayer, followsTheDefinition) {
     for (int F : {1, 4, 30})
         for (int numOfBands : {0, 1, 3, 40})
-            for (int C : {1, 2, 5, 16, 17, 32, 40})
+            for (int C : {1, 2, 5, 8, 16, 17, 32, 40, 48})
                 for (int mostTaps : {1, 2, 16}) {
                     SCOPED_TRACE(testing::Message()
                                  << F << " to " << numOfBands << " bins, " << C << " channels");
                     const std::vector<Band> bands = spreadBands(numOfBands, F, mostTaps);
                     const Sequence input = noiseSequence(5, F, C, 3);
-                    ASSERT_NO_FATAL_FAILURE(expectStreamsAs<FrequencyRescaleLayer<float>>(
+                    ASSERT_NO_FATAL_FAILURE(expectStreamsInOrder<FrequencyRescaleLayer<float>>(
                         rescaleRecord(bands), input, rescaleFrequencies(input, bands)));
                 }
-}
-
-TEST(FrequencyRescaleLayer, accumulatesInTheStatedOrder) {
-    for (const simd::Target& target : getFusingTargets()) {
-        const simd::ScopedTarget scope(target);
-        for (int C : {1, 3, 8, 16, 20, 48}) {
-            const int F = 33;
-            const std::vector<Band> bands = spreadBands(21, F, 17);
-            const std::vector<float> in = noise(static_cast<std::size_t>(F * C), 4);
-            std::vector<float> expected;
-            for (const Band& band : bands)
-                for (int c = 0; c < C; ++c) {
-                    float sum = in[band.start * C + c] * band.taps.values[0];
-                    for (int k = 1; k < band.taps.dimension(0); ++k)
-                        sum = std::fma(in[(band.start + k) * C + c], band.taps.values[k], sum);
-                    expected.push_back(sum);
-                }
-            LayerUnderTest<FrequencyRescaleLayer<float>> test(rescaleRecord(bands));
-            test.push(tensorOf({1, F, C}, in));
-            ASSERT_EQ(test.sink.values, expected) << C << " channels, " << target.name;
-        }
-    }
 }
 
 TEST(FrequencyRescaleLayer, theFirstTapIsAppliedWhateverTheCount) {

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "DspCore/simd/TargetOverride.h"
+#include "TestSignals.h"
 #include "neural/BaseLayer.h"
 #include "neural/MemoryStream.h"
 #include "neural/WholeSequence.h"
@@ -56,14 +56,6 @@ class Record {
     int version;
     std::vector<std::uint8_t> bytes;
 };
-
-inline std::vector<float> noise(std::size_t count, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::uniform_real_distribution<float> distribution(-1.0f, 1.0f);
-    std::vector<float> values(count);
-    for (float& value : values) value = distribution(generator);
-    return values;
-}
 
 inline Weights noiseWeights(std::vector<int> shape, unsigned seed) {
     const auto count = static_cast<std::size_t>(std::max(0, Tensor<float>::countElements(shape)));
@@ -194,6 +186,22 @@ void expectStreamsAs(const Record& record, const Sequence& input, const Sequence
         test.pushAll(noiseSequence(3, input.numOfFrequencies, input.numOfChannels, 99));
         test.layer->reset();
         test.sink.clear();
+    }
+}
+
+// In addition, the values are those of the definition's steps to the bit on all that can fuse them.
+template <class Layer>
+void expectStreamsInOrder(const Record& record, const Sequence& input, const Sequence& expected,
+                          const std::vector<std::vector<int>>& patterns = {{1}, {3, 1, 2}, {1000}}) {
+    ASSERT_NO_FATAL_FAILURE(expectStreamsAs<Layer>(record, input, expected, patterns));
+    for (const simd::Target& target : getFusingTargets()) {
+        const simd::ScopedTarget scope(target);
+        LayerUnderTest<Layer> test(record);
+        test.pushAll(input);
+        ASSERT_EQ(test.sink.values.size(), expected.values.size());
+        for (std::size_t i = 0; i < expected.values.size(); ++i)
+            ASSERT_EQ(test.sink.values[i], expected.values[i].steps)
+                << "value " << i << " of another order of terms, " << target.name;
     }
 }
 

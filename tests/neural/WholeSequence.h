@@ -120,10 +120,10 @@ inline Sequence convolve(const Sequence& in, const Weights& weights, const Weigh
                                 const int from = f * settings.frequencyStride + k - reach;
                                 if (channelWise) {
                                     const int c = o / (outputs / in.numOfChannels);
-                                    sum += in.padded(t, from, c) * weights.at(r, k, 0, o);
+                                    sum.addProduct(in.padded(t, from, c), weights.at(r, k, 0, o));
                                 } else {
                                     for (int c = 0; c < inputs; ++c)
-                                        sum += in.padded(t, from, c) * weights.at(r, k, c, o);
+                                        sum.addProduct(in.padded(t, from, c), weights.at(r, k, c, o));
                                 }
                             }
                         return sum;
@@ -259,27 +259,33 @@ inline Sequence mixFrequencies(const Sequence& in, const Weights& weights, const
     const int F = in.numOfFrequencies, C = in.numOfChannels;
     return tabulate(in.numOfSlices, F, C, [&](int t, int o, int c) {
         Bounded sum;
-        for (int i = 0; i < F; ++i) sum += in.at(t, i, c) * weights.at((o * F + i) * C + c);
+        for (int i = 0; i < F; ++i) sum.addProduct(in.at(t, i, c), weights.at((o * F + i) * C + c));
         return bias.empty() ? sum : sum + bias.at(o * C + c);
     });
 }
 
-// The time tap before the last meets the oldest slice, the last one the newest.
+// The time tap before the last meets the oldest slice, the last one the newest. The centre of the frequency
+// taps comes before the others.
 inline Sequence filterSeparably(const Sequence& in, const Weights& timeKernel,
                                 const Weights& frequencyKernel) {
     const int taps = timeKernel.dimension(0), width = frequencyKernel.dimension(0);
     const int centre = (width - 1) / 2, dropped = (taps + 1) / 2 - 1;
     const Sequence mid =
         tabulate(in.numOfSlices, in.numOfFrequencies, in.numOfChannels, [&](int t, int f, int c) {
-            Bounded sum = in.at(t, f, c) * timeKernel.at(taps - 1);
-            for (int age = 1; age < taps; ++age) sum += in.padded(t - age, f, c) * timeKernel.at(age - 1);
+            Bounded sum;
+            for (int age = 1; age < taps; ++age)
+                sum.addProduct(in.padded(t - age, f, c), timeKernel.at(age - 1));
+            sum.addProduct(in.at(t, f, c), timeKernel.at(taps - 1));
             return sum;
         });
     return tabulate(std::max(in.numOfSlices - dropped, 0), in.numOfFrequencies, in.numOfChannels,
                     [&](int t, int f, int c) {
                         Bounded sum;
+                        sum.addProduct(mid.at(t + dropped, f, c), frequencyKernel.at(centre));
                         for (int j = 0; j < width; ++j)
-                            sum += mid.padded(t + dropped, f + centre - j, c) * frequencyKernel.at(j);
+                            if (j != centre)
+                                sum.addProduct(mid.padded(t + dropped, f + centre - j, c),
+                                               frequencyKernel.at(j));
                         return sum;
                     });
 }
@@ -291,14 +297,15 @@ inline Sequence attend(const Sequence& in, const Weights& channelMatrix, const W
     const Sequence mid =
         timeWeights.empty() ? in : tabulate(in.numOfSlices, in.numOfFrequencies, C, [&](int t, int f, int c) {
             Bounded sum;
-            for (int u = 0; u < H; ++u) sum += in.padded(t - (H - 1 - u), f, c) * timeWeights.at(u, c);
+            for (int u = 0; u < H; ++u)
+                sum.addProduct(in.padded(t - (H - 1 - u), f, c), timeWeights.at(u, c));
             return sum;
         });
     return tabulate(std::max(in.numOfSlices - startDelay, 0), in.numOfFrequencies, C,
                     [&](int t, int f, int o) {
                         Bounded sum = positionBias.empty() ? 0.0 : positionBias.at(f, o);
                         for (int c = 0; c < C; ++c)
-                            sum += mid.at(t + startDelay, f, c) * channelMatrix.at(c, o);
+                            sum.addProduct(mid.at(t + startDelay, f, c), channelMatrix.at(c, o));
                         return sum;
                     });
 }
@@ -309,17 +316,18 @@ struct Band {
 };
 
 inline Sequence rescaleFrequencies(const Sequence& in, const std::vector<Band>& bands) {
-    return tabulate(
-        in.numOfSlices, static_cast<int>(bands.size()), in.numOfChannels, [&](int t, int o, int c) {
-            const Band& band = bands[static_cast<std::size_t>(o)];
-            Bounded sum;
-            for (int k = 0; k < band.taps.dimension(0); ++k) {
-                // A run past the band continues in the next slice.
-                const int bin = t * in.numOfFrequencies + band.start + k;
-                sum += in.at(bin / in.numOfFrequencies, bin % in.numOfFrequencies, c) * band.taps.at(k);
-            }
-            return sum;
-        });
+    return tabulate(in.numOfSlices, static_cast<int>(bands.size()), in.numOfChannels,
+                    [&](int t, int o, int c) {
+                        const Band& band = bands[static_cast<std::size_t>(o)];
+                        Bounded sum;
+                        for (int k = 0; k < band.taps.dimension(0); ++k) {
+                            // A run past the band continues in the next slice.
+                            const int bin = t * in.numOfFrequencies + band.start + k;
+                            sum.addProduct(in.at(bin / in.numOfFrequencies, bin % in.numOfFrequencies, c),
+                                           band.taps.at(k));
+                        }
+                        return sum;
+                    });
 }
 
 }  // namespace zevrant::test

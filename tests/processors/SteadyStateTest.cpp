@@ -9,6 +9,7 @@
 #include "AllocationCounter.h"
 #include "DspCore/FourierTransform.h"
 #include "DspCore/SampleRateConversion.h"
+#include "TestSignals.h"
 #include "processors/BaseSpectralProcessor.h"
 
 namespace zevrant {
@@ -60,13 +61,6 @@ class NodeStep : public BaseSpectralProcessor {
     int numOfFrames = 0;
 };
 
-AudioFormat makeStereo(double sampleRate = 48000.0) {
-    AudioFormat format;
-    format.createDefaultChannelMapping(2);
-    format.sampleRate = sampleRate;
-    return format;
-}
-
 // Steady means that every length of block and of output has come by once: a second pass over the same
 // blocks asks for nothing.
 TEST(SteadyState, framingAsksTheSystemForNothing) {
@@ -79,7 +73,7 @@ TEST(SteadyState, framingAsksTheSystemForNothing) {
             for (bool varies : {false, true}) {
                 NodeStep processor;
                 processor.varies = varies;
-                processor.setFormat(makeStereo(), makeStereo());
+                processor.setFormat(makeFormat(2), makeFormat(2));
                 processor.setBlocking(sizes.fft, sizes.window, sizes.hop);
                 std::int64_t before = 0;
                 for (int pass = 0; pass < 3; ++pass) {
@@ -99,16 +93,13 @@ TEST(SteadyState, framingAsksTheSystemForNothing) {
 }
 
 // A step that brings list nodes of its own costs those, and the reserve does not grow with them.
-class OwnNodes : public BaseSpectralProcessor {
-  public:
-    using BaseSpectralProcessor::process;
-    std::list<ComplexSignal32> process(const ComplexSignal32& spectrum) override { return {spectrum}; }
-    std::size_t numOfReservedNodes() const { return resultNodes.numOfNodes(); }
-};
-
 TEST(SteadyState, nodesOfAStepAreNotHoarded) {
-    OwnNodes processor;
-    processor.setFormat(makeStereo(), makeStereo());
+    struct OwnNodes : NodeStep {
+        using BaseSpectralProcessor::process;
+        std::list<ComplexSignal32> process(const ComplexSignal32& spectrum) override { return {spectrum}; }
+        std::size_t numOfReservedNodes() const { return resultNodes.numOfNodes(); }
+    } processor;
+    processor.setFormat(makeFormat(2), makeFormat(2));
     processor.setBlocking(64, 64, 16);
     for (int i = 0; i < 1000; ++i) processor.process(Signal32(2, 64, 0.5f));
     EXPECT_LE(processor.numOfReservedNodes(), 64u);
@@ -121,7 +112,7 @@ TEST(SteadyState, rateConversionAsksTheSystemForNothing) {
         for (double outputRate : {16000.0, 44100.0, 48000.0})
             for (int blockSize : {1, 64, 333, 4096}) {
                 SampleRateConversion conversion;
-                conversion.setFormat(makeStereo(inputRate), makeStereo(outputRate));
+                conversion.setFormat(makeFormat(2, inputRate), makeFormat(2, outputRate));
                 std::int64_t before = 0;
                 for (int block = 0; block < 500; ++block) {
                     if (block == (blockSize == 1 ? 250 : 20)) before = countAllocations();

@@ -8,10 +8,10 @@
 #include <cmath>
 #include <complex>
 #include <limits>
-#include <random>
 #include <stdexcept>
 
 #include "TestModels.h"
+#include "TestSignals.h"
 #include "files/TemporaryFolder.h"
 
 namespace zevrant {
@@ -19,38 +19,20 @@ namespace {
 
 using Complex = std::complex<double>;
 
-AudioFormat makeFormat(int numOfChannels, double sampleRate) {
-    AudioFormat format;
-    format.createDefaultChannelMapping(numOfChannels);
-    format.sampleRate = sampleRate;
-    return format;
-}
-
-ComplexSignal32 makeSpectrum(int numOfChannels, int numOfBins, unsigned seed, float level = 1.0f) {
-    std::mt19937 random(seed);
-    std::normal_distribution<float> normal(0.0f, level);
-    ComplexSignal32 spectrum(numOfChannels, numOfBins);
-    for (int c = 0; c < numOfChannels; ++c)
-        for (int i = 0; i < numOfBins; ++i)
-            spectrum.getWriteChannelPtr(c)[i] = {normal(random), normal(random)};
-    return spectrum;
-}
-
-bool isSame(const ComplexSignal32& a, const ComplexSignal32& b) {
-    if (a.numOfChannels != b.numOfChannels || a.numOfSamples != b.numOfSamples) return false;
-    for (int c = 0; c < a.numOfChannels; ++c)
-        if (!std::equal(a.getReadChannelPtr(c), a.getReadChannelPtr(c) + a.numOfSamples,
-                        b.getReadChannelPtr(c)))
-            return false;
-    return true;
-}
-
 class ZevrantProcessorTest : public testing::Test {
   protected:
     File makeModel(const TestModel& model) {
         const std::string path = folder.getPath("model" + std::to_string(numOfFiles++));
         describeModel(model).write(path);
         return File(path);
+    }
+
+    // A processor on these files, with a host of this many channels.
+    static void prepare(ZevrantProcessor& processor, const std::vector<File>& files, int numOfChannels = 1,
+                        double sampleRate = 48000.0) {
+        ASSERT_TRUE(processor.loadModelFiles(files));
+        const AudioFormat format = makeFormat(numOfChannels, sampleRate);
+        ASSERT_TRUE(processor.setFormat(format, format));
     }
 
     TemporaryFolder folder;
@@ -89,14 +71,13 @@ TEST_F(ZevrantProcessorTest, modelsHaveToAgreeInAllButTheTransform) {
 
 TEST_F(ZevrantProcessorTest, withoutModelsNoFormatCanBeSet) {
     ZevrantProcessor processor;
-    EXPECT_FALSE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
-    EXPECT_TRUE(processor.loadModelFiles({}));
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_FALSE(processor.setFormat(makeFormat(1), makeFormat(1)));
+        EXPECT_TRUE(processor.loadModelFiles({}));
+    }
     processor.updateBlockSize();
     EXPECT_EQ(processor.windowSize, 0);
-    EXPECT_FALSE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
-    EXPECT_EQ(processor.getNumOfOutputBusses(true), 0);
-    EXPECT_EQ(processor.getNumOfOutputBusses(false), 0);
-    EXPECT_EQ(processor.getOutputBusName(0), "");
+    for (bool includeResidual : {true, false}) EXPECT_EQ(processor.getNumOfOutputBusses(includeResidual), 0);
     EXPECT_EQ(processor.threadPool, nullptr);
 }
 
@@ -165,23 +146,18 @@ TEST_F(ZevrantProcessorTest, latencyIsTheFramingAndTheSlowestModel) {
         for (int first : {0, 1, 5})
             for (int second : {0, 3}) {
                 ZevrantProcessor processor;
-                ASSERT_TRUE(processor.loadModelFiles({makeModel({.hopSize = hopSize, .delay = first}),
-                                                      makeModel({.hopSize = hopSize, .delay = second})}));
-                ASSERT_TRUE(processor.setFormat(makeFormat(1, 96000.0), makeFormat(1, 96000.0)));
+                prepare(processor,
+                        {makeModel({.hopSize = hopSize, .delay = first}),
+                         makeModel({.hopSize = hopSize, .delay = second})},
+                        1, 96000.0);
                 const int hop = 2 * hopSize, framing = hopSize == 64 ? 2 : 1;
                 EXPECT_EQ(processor.getLatency(hop), (framing + std::max(first, second)) * hop);
                 EXPECT_EQ(processor.getLatency(1), (framing + 1 + std::max(first, second)) * hop);
+                processor.neuralModels[0].latencyInFrames = std::numeric_limits<int>::max();
+                EXPECT_THROW(processor.getLatency(1), std::length_error);
+                processor.neuralModels[0].latencyInFrames = processor.neuralModels[1].latencyInFrames = -5;
+                EXPECT_EQ(processor.getLatency(hop), framing * hop) << "never less than none";
             }
-}
-
-TEST_F(ZevrantProcessorTest, anUnbearableLatencyThrows) {
-    ZevrantProcessor processor;
-    ASSERT_TRUE(processor.loadModelFiles({makeModel({})}));
-    processor.neuralModels[0].latencyInFrames = std::numeric_limits<int>::max();
-    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
-    EXPECT_THROW(processor.getLatency(1), std::length_error);
-    processor.neuralModels[0].latencyInFrames = -5;  // never less than none
-    EXPECT_EQ(processor.getLatency(64), 128);
 }
 
 // ---- one frame --------------------------------------------------------------------------------
@@ -190,15 +166,12 @@ TEST_F(ZevrantProcessorTest, channelsThatDifferGoThroughMono) {
     ZevrantProcessor processor;
     for (int from : {1, 2, 3, 6})
         for (int to : {1, 2, 5, 6}) {
-            const ComplexSignal32 in = makeSpectrum(from, 33, 1);
+            const ComplexSignal32 in = noiseSpectrum(from, 33, 1);
             const ComplexSignal32 out = processor.ensureChannelFormat(in, to);
             ASSERT_EQ(out.numOfChannels, to);
             ASSERT_EQ(out.numOfSamples, 33);
-            if (from == to) {
-                EXPECT_EQ(out.data, in.data);
-                continue;
-            }
-            for (int i = 0; i < 33; ++i) {
+            EXPECT_EQ(out.data == in.data, from == to);
+            for (int i = 0; i < 33 && from != to; ++i) {
                 Complex mean = 0.0;
                 for (int c = 0; c < from; ++c) mean += Complex(in.getReadChannelPtr(c)[i]) / double(from);
                 for (int c = 0; c < to; ++c)
@@ -210,29 +183,25 @@ TEST_F(ZevrantProcessorTest, channelsThatDifferGoThroughMono) {
 
 TEST_F(ZevrantProcessorTest, resultsAreCutIntoBussesOfTheirOwn) {
     ZevrantProcessor processor;
-    processor.modelOutputFormat = makeFormat(2, 48000.0);
+    processor.modelOutputFormat = makeFormat(2);
     processor.outputBusNames = {"A", "B", "C", "R"};
     processor.busOutputs.resize(3);
-    std::vector<ComplexSignal32> results{makeSpectrum(4, 9, 1), makeSpectrum(5, 9, 2)};
+    const std::vector<ComplexSignal32> results{noiseSpectrum(4, 9, 1), noiseSpectrum(5, 9, 2)};
     int busIndex = 1;
     processor.appendToBusOutputs(busIndex, 2, results);
     EXPECT_EQ(busIndex, 3);
     EXPECT_TRUE(processor.busOutputs[0].empty());
-    for (int bus : {0, 1}) {
-        auto& list = processor.busOutputs[static_cast<std::size_t>(1 + bus)];
+    for (std::size_t bus : {0u, 1u}) {
+        const auto& list = processor.busOutputs[1 + bus];
         ASSERT_EQ(list.size(), 2u);
-        auto entry = list.begin();
-        for (const auto& result : results) {
-            for (int c : {0, 1})
-                for (int i = 0; i < 9; ++i)
-                    EXPECT_EQ(entry->getReadChannelPtr(c)[i], result.getReadChannelPtr(2 * bus + c)[i]);
-            EXPECT_NE(entry->data, result.data);
-            EXPECT_EQ(entry->numOfChannels, 2);
-            ++entry;
+        for (std::size_t n : {0u, 1u}) {
+            const ComplexSignal32& entry = *std::next(list.begin(), static_cast<std::ptrdiff_t>(n));
+            const auto rows = rowsOf(results[n]);
+            EXPECT_EQ(rowsOf(entry), (std::vector{rows[2 * bus], rows[2 * bus + 1]}));
         }
     }
     busIndex = 1;
-    EXPECT_THROW(processor.appendToBusOutputs(busIndex, 2, {makeSpectrum(3, 9, 1)}), std::out_of_range);
+    EXPECT_THROW(processor.appendToBusOutputs(busIndex, 2, {noiseSpectrum(3, 9, 1)}), std::out_of_range);
     busIndex = 2;
     EXPECT_THROW(processor.appendToBusOutputs(busIndex, 2, results), std::out_of_range);
     EXPECT_EQ(processor.busOutputs[2].size(), 2u);
@@ -292,9 +261,7 @@ TEST_F(ZevrantProcessorTest, aFrameIsTheMixOfItsBusses) {
                                                      .processingMode = mode,
                                                      .busGains = busGains});
                         ZevrantProcessor processor;
-                        ASSERT_TRUE(processor.loadModelFiles({file}));
-                        const AudioFormat format = makeFormat(hostChannels, 48000.0);
-                        ASSERT_TRUE(processor.setFormat(format, format));
+                        prepare(processor, {file}, hostChannels);
                         const int numOfBusses = static_cast<int>(busGains.size());
                         for (int bus = 0; bus <= numOfBusses; ++bus) {
                             processor.setGain(bus, 0.3f + 0.4f * static_cast<float>(bus));
@@ -307,7 +274,7 @@ TEST_F(ZevrantProcessorTest, aFrameIsTheMixOfItsBusses) {
 
                         std::list<ComplexSignal32> frames;
                         for (unsigned n = 0; n < 6; ++n) {
-                            frames.push_back(makeSpectrum(hostChannels, 129, n));
+                            frames.push_back(noiseSpectrum(hostChannels, 129, n));
                             const auto output = processor.process(frames.back());
                             const auto results =
                                 model.process(processor.ensureChannelFormat(frames.back(), modelChannels));
@@ -336,9 +303,7 @@ TEST_F(ZevrantProcessorTest, aReceiverGetsEachBusOfEachFrame) {
             // One listens, one does not, and each of the others lets a single bus through.
             std::array<ZevrantProcessor, 2 + numOfBusses> processors;
             for (int p = 0; p < 2 + numOfBusses; ++p) {
-                ASSERT_TRUE(processors[p].loadModelFiles({file}));
-                const AudioFormat format = makeFormat(hostChannels, 48000.0);
-                ASSERT_TRUE(processors[p].setFormat(format, format));
+                prepare(processors[p], {file}, hostChannels);
                 for (int bus = 0; bus < numOfBusses; ++bus) {
                     processors[p].setGain(bus, p < 2 || p == 2 + bus ? 0.5f + static_cast<float>(bus) : 0.0f);
                     processors[p].setSensitivity(bus, 20.0f * static_cast<float>(bus));
@@ -351,14 +316,14 @@ TEST_F(ZevrantProcessorTest, aReceiverGetsEachBusOfEachFrame) {
             });
             for (unsigned n = 0; n < 4; ++n) {
                 received.clear();
-                const ComplexSignal32 frame = makeSpectrum(hostChannels, 129, n);
+                const ComplexSignal32 frame = noiseSpectrum(hostChannels, 129, n);
                 const auto output = processors[0].process(frame), usual = processors[1].process(frame);
                 ASSERT_EQ(output.size(), usual.size());
                 ASSERT_EQ(received.size(), numOfBusses * output.size());
                 for (int bus = 0; bus < numOfBusses; ++bus) {
                     const auto alone = processors[2 + bus].process(frame);
                     if (output.empty()) continue;
-                    EXPECT_TRUE(isSame(output.front(), usual.front()));
+                    EXPECT_EQ(rowsOf(output.front()), rowsOf(usual.front()));
                     double error = 0.0;
                     for (int c = 0; c < hostChannels; ++c)
                         for (int i = 0; i < 129; ++i)
@@ -370,30 +335,24 @@ TEST_F(ZevrantProcessorTest, aReceiverGetsEachBusOfEachFrame) {
         }
 }
 
-TEST_F(ZevrantProcessorTest, aModelWithoutBussesLeavesAnEmptyFrame) {
+// None leaves an empty frame, more than the controls stop it.
+TEST_F(ZevrantProcessorTest, oddNumbersOfBusses) {
     ZevrantProcessor processor;
-    TestModel options{.processingMode = 0, .names = {"Residual"}};
-    auto description = describeModel(options);
-    description.setBusses({"Residual"});
-    description.write(folder.getPath("none"));
-    ASSERT_TRUE(processor.loadModelFiles({File(folder.getPath("none"))}));
-    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
-    const auto output = processor.process(makeSpectrum(1, 129, 1));
+    auto description = describeModel({});
+    description.setBusses({"Residual"}).write(folder.getPath("none"));
+    prepare(processor, {File(folder.getPath("none"))});
+    const auto output = processor.process(noiseSpectrum(1, 129, 1));
     ASSERT_EQ(output.size(), 1u);
     EXPECT_EQ(output.front().numOfChannels, 0);
     EXPECT_THROW(processor.process(Signal32(1, 1024, 0.0f)), std::exception);
-}
 
-TEST_F(ZevrantProcessorTest, busesBeyondTheControlsStopTheFrame) {
-    for (int numOfBusses : {15, 16, 17}) {
-        ZevrantProcessor processor;
-        const TestModel options{.busGains = std::vector(static_cast<std::size_t>(numOfBusses), 0.01f)};
-        ASSERT_TRUE(processor.loadModelFiles({makeModel(options)}));
-        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    for (std::size_t numOfBusses : {15u, 16u, 17u}) {
+        ZevrantProcessor many;
+        prepare(many, {makeModel({.busGains = std::vector(numOfBusses, 0.01f)})});
         if (numOfBusses == 15)
-            EXPECT_EQ(processor.process(makeSpectrum(1, 129, 1)).size(), 1u);
+            EXPECT_EQ(many.process(noiseSpectrum(1, 129, 1)).size(), 1u);
         else
-            EXPECT_THROW(processor.process(makeSpectrum(1, 129, 1)), std::out_of_range);
+            EXPECT_THROW(many.process(noiseSpectrum(1, 129, 1)), std::out_of_range);
     }
 }
 
@@ -405,11 +364,10 @@ TEST_F(ZevrantProcessorTest, severalModelsWaitForBussesThatNoneFills) {
         std::vector<File> files;
         for (int i = 0; i < count; ++i)
             files.push_back(makeModel({.fftSize = 32, .windowSize = 32, .hopSize = 16, .processingMode = 1}));
-        ASSERT_TRUE(processor.loadModelFiles(files));
-        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+        prepare(processor, files);
         ASSERT_EQ(processor.busOutputs.size(), static_cast<std::size_t>(2 * count - 1));
         for (std::size_t n = 1; n <= 40; ++n) {
-            EXPECT_TRUE(processor.process(makeSpectrum(1, 17, static_cast<unsigned>(n))).empty());
+            EXPECT_TRUE(processor.process(noiseSpectrum(1, 17, static_cast<unsigned>(n))).empty());
             EXPECT_EQ(processor.inputFrames.size(), n);
             // Each file fills the lists after those of the file before it.
             for (std::size_t list = 0; list < processor.busOutputs.size(); ++list)
@@ -428,15 +386,15 @@ TEST_F(ZevrantProcessorTest, aListThatStaysEmptyKeepsMemoryBoundedAndFramesAlign
     const TestModel options{.fftSize = 32, .windowSize = 32, .hopSize = 16, .processingMode = 1};
     ASSERT_TRUE(processor.loadModelFiles({makeModel(options)}));
     processor.outputBusNames.push_front("Late");
-    ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+    ASSERT_TRUE(processor.setFormat(makeFormat(1), makeFormat(1)));
     ASSERT_EQ(processor.busOutputs.size(), 2u);
-    const auto makeFrame = [](int n) { return makeSpectrum(1, 17, static_cast<unsigned>(n)); };
+    const auto makeFrame = [](int n) { return noiseSpectrum(1, 17, static_cast<unsigned>(n)); };
     constexpr int bound = static_cast<int>(ZevrantProcessor::mostFrames), excess = 100;
     for (int n = 0; n < bound + excess; ++n) EXPECT_TRUE(processor.process(makeFrame(n)).empty());
     EXPECT_EQ(processor.inputFrames.size(), std::size_t{bound});
     EXPECT_EQ(processor.busOutputs[0].size(), std::size_t{bound});
-    EXPECT_TRUE(isSame(processor.inputFrames.front(), makeFrame(excess)));
-    EXPECT_TRUE(isSame(processor.busOutputs[0].front(), makeFrame(excess)));
+    EXPECT_EQ(rowsOf(processor.inputFrames.front()), rowsOf(makeFrame(excess)));
+    EXPECT_EQ(rowsOf(processor.busOutputs[0].front()), rowsOf(makeFrame(excess)));
 
     // The late results come at last, from the first frame on: those of dropped frames are dropped.
     for (int n = 0; n < excess + 3; ++n) {
@@ -444,7 +402,7 @@ TEST_F(ZevrantProcessorTest, aListThatStaysEmptyKeepsMemoryBoundedAndFramesAlign
         processor.appendToBusOutputs(busIndex, 1, {makeFrame(n)});
     }
     ASSERT_EQ(processor.busOutputs[1].size(), 3u);
-    EXPECT_TRUE(isSame(processor.busOutputs[1].front(), makeFrame(excess)));
+    EXPECT_EQ(rowsOf(processor.busOutputs[1].front()), rowsOf(makeFrame(excess)));
 
     // A list that is filled without end is bounded as well.
     for (int n = 0; n < bound + excess; ++n) {
@@ -461,41 +419,26 @@ TEST_F(ZevrantProcessorTest, whatAModelThrowsInThePoolArrivesWhenAllModelsAreDon
     const File good = makeModel({}), bad(folder.getPath("failing"));
     for (const auto& files : {std::vector{good, bad}, std::vector{bad, good, good}}) {
         ZevrantProcessor processor;
-        ASSERT_TRUE(processor.loadModelFiles(files));
-        ASSERT_TRUE(processor.setFormat(makeFormat(1, 48000.0), makeFormat(1, 48000.0)));
+        prepare(processor, files);
         for (unsigned n = 0; n < 50; ++n) {
-            EXPECT_THROW(processor.process(makeSpectrum(1, 129, n)), std::runtime_error);
+            EXPECT_THROW(processor.process(noiseSpectrum(1, 129, n)), std::runtime_error);
             processor.reset();  // would race with a model that still runs
         }
     }
 }
 
-// ---- controls ---------------------------------------------------------------------------------
-
-TEST_F(ZevrantProcessorTest, controlsAreLimitedAndIndexed) {
+// The controls' limits are those of the parameters of the interface; beyond the busses there is nothing.
+TEST_F(ZevrantProcessorTest, bussesBeyondTheControlsReadZero) {
     ZevrantProcessor processor;
-    for (int bus : {0, 7, 15}) {
-        EXPECT_EQ(processor.getGain(bus), 1.0f);
-        EXPECT_EQ(processor.getSensitivity(bus), 0.0f);
-        for (float value : {-1e9f, -100.5f, -100.0f, -3.0f, 0.0f, 0.25f, 99.0f, 101.0f, 1e9f}) {
-            processor.setGain(bus, value);
-            EXPECT_EQ(processor.getGain(bus), value < 0.0f ? 0.0f : value);
-            processor.setSensitivity(bus, value);
-            EXPECT_EQ(processor.getSensitivity(bus), value < -100.0f  ? -100.0f
-                                                     : value > 100.0f ? 100.0f
-                                                                      : value);
-        }
-    }
     for (int bus : {-1, 16, 44, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
         processor.setGain(bus, 2.0f);
         processor.setSensitivity(bus, 2.0f);
         EXPECT_EQ(processor.getGain(bus), 0.0f);
         EXPECT_EQ(processor.getSensitivity(bus), 0.0f);
     }
-    EXPECT_TRUE(processor.getMaskExtrapolationEnabled());
-    for (float stored : {0.0f, -0.0f}) {
+    for (float stored : {0.0f, -0.0f, 0.1f}) {
         processor.maskExtrapolation = stored;
-        EXPECT_FALSE(processor.getMaskExtrapolationEnabled());
+        EXPECT_EQ(processor.getMaskExtrapolationEnabled(), stored != 0.0f);
     }
 }
 

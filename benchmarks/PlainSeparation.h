@@ -1,5 +1,6 @@
 // The separations of the shipped models, computed plainly: a whole recording at once, in double precision,
-// with loops over the neighbours of each bin. Shares nothing with the engine and serves to check it.
+// with loops over the neighbours of each bin. Shares nothing with the engine; its tests compare
+// the engine with it as well.
 #pragma once
 
 #include <complex>

@@ -1,4 +1,4 @@
-#include "models/PlainSeparation.h"
+#include "PlainSeparation.h"
 
 #include <algorithm>
 #include <cmath>
