@@ -53,57 +53,6 @@ TEST(EndToEnd, neutralControlsGiveTheInputBack) {
             }
 }
 
-TEST(EndToEnd, gainsAndSensitivitiesOfConstantMasksMakeOneFactor) {
-    ModelFolder models;
-    const std::vector<float> masks{0.5f, 0.2f}, gains{0.7f, 3.0f, 0.4f}, sensitivities{-60.0f, 30.0f, 80.0f};
-    TestModel model{.channels = 2, .delay = 1, .busGains = masks};
-    model.constantMasks = true;
-    AudioHost host = models.open(model, 2, rate);
-    setGains(host, gains);
-    for (int bus : {0, 1, 2})
-        zevrantSetParameterValue(host.handle.get(), 512 + bus, sensitivities[static_cast<std::size_t>(bus)]);
-    const auto shape = [&](std::size_t bus, double m) {
-        const double curve = std::exp(0.0075 * sensitivities[bus]);
-        return m * std::pow(curve < 1.0 ? m : 0.5 - 0.5 * std::cos(m * M_PI), curve - 1.0);
-    };
-    const double first = shape(0, 0.5), second = shape(1, 0.2);
-    const double factor = 0.7 * first + 3.0 * second + 0.4 * shape(2, 1.0 - first - second);
-    const Audio in = makeNoise(2, 6000, 2);
-    EXPECT_LT(calcDifference(host.stream(in, inBlocksOf(100)), in, factor), -100.0);
-}
-
-TEST(EndToEnd, gainsOfSpectraWeighTheInputAndTheResidual) {
-    ModelFolder models;
-    for (int hostChannels : {1, 2}) {
-        AudioHost host =
-            models.open({.channels = hostChannels, .delay = 4, .processingMode = 1, .busGains = {0.5f, 0.2f}},
-                        hostChannels, rate);
-        for (const auto& gains : {std::vector{1.0f, 1.0f, 0.0f}, {0.0f, 2.0f, 1.0f}, {0.25f, 0.0f, 0.0f}}) {
-            zevrantResetProcessorState(host.handle.get());
-            setGains(host, gains);
-            const double factor = 0.5 * gains[0] + 0.2 * gains[1] + 0.3 * gains[2];
-            const Audio in = makeNoise(hostChannels, 5000, 3);
-            EXPECT_LT(calcDifference(host.stream(in, inBlocksOf(333)), in, factor), -100.0);
-        }
-    }
-}
-
-// A mono model's masks leave the stereo image, its spectra are the average of both channels.
-TEST(EndToEnd, aMonoModelServesAStereoHost) {
-    ModelFolder models;
-    for (int mode : {0, 1}) {
-        TestModel model{.processingMode = mode, .busGains = {0.5f}};
-        model.constantMasks = true;
-        AudioHost host = models.open(model, 2, rate);
-        setGains(host, {1.0f, 0.0f});
-        const Audio in = makeNoise(2, 4000, 4);
-        Audio expected = in;
-        for (std::size_t i = 0; mode == 1 && i < in[0].size(); ++i)
-            expected[0][i] = expected[1][i] = 0.5f * (in[0][i] + in[1][i]);
-        EXPECT_LT(calcDifference(host.stream(in, inBlocksOf(512)), expected, 0.5), -100.0) << mode;
-    }
-}
-
 // A host that plays a block for every block it pushes starts with as much silence as is in and not ready
 // at the worst moment. Blocks that the hop does not divide come as close to a whole hop as their common
 // divisor lets them.

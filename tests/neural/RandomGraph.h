@@ -241,25 +241,25 @@ class RandomGraph {
     }
 
     bool addActivation(std::size_t source) {
+        using namespace modelwriter;
+        const struct {
+            const char* kind;
+            SingleSourceLayer layer;
+            Bounded (*function)(Bounded);
+        } plain[] = {{"ReLU", ReLU(), relu},
+                     {"ELU", ELU(), elu},
+                     {"Sigmoid", Sigmoid(), sigmoid},
+                     {"HardSigmoid", HardSigmoid(), hardSigmoid},
+                     {"Softplus", Softplus(), softplus}};
         const Sequence& in = nodes[source].values;
-        const auto all = [&in](auto function) { return mapValues(in, function); };
-        switch (between(0, 5)) {
-            case 0:
-                return takePlain("ReLU", modelwriter::ReLU(), source, all(relu));
-            case 1:
-                return takePlain("ELU", modelwriter::ELU(), source, all(elu));
-            case 2:
-                return takePlain("Sigmoid", modelwriter::Sigmoid(), source, all(sigmoid));
-            case 3:
-                return takePlain("HardSigmoid", modelwriter::HardSigmoid(), source, all(hardSigmoid));
-            case 4:
-                return takePlain("Softplus", modelwriter::Softplus(), source, all(softplus));
-            default:
-                break;
+        const auto choice = static_cast<std::size_t>(between(0, 5));
+        if (choice < std::size(plain)) {
+            const auto& [kind, layer, function] = plain[choice];
+            return takePlain(kind, layer, source, mapValues(in, function));
         }
         const float alpha = static_cast<float>(between(-300, 300)) / 512.0f;
         return takePlain("LeakyReLU", modelwriter::LeakyReLU{alpha}, source,
-                         all([alpha](Bounded x) { return leakyRelu(x, alpha); }));
+                         mapValues(in, [alpha](Bounded x) { return leakyRelu(x, alpha); }));
     }
 
     bool addNorm(std::size_t source) {
