@@ -169,6 +169,7 @@ TEST(FourierTransform, emptySignalsChangeNothing) {
 
 TEST(FourierTransform, keepsItsSetupOverMovesAndLosesItWithFree) {
     FourierTransform transform;
+    EXPECT_EQ(transform.size, 0);
     transform.allocate(1000, true);
     EXPECT_EQ(transform.size, 1000);
     EXPECT_EQ(transform.order, 9);

@@ -43,9 +43,8 @@ inline BlockSizes inBlocksOf(int size) {
     return [size] { return size; };
 }
 inline BlockSizes inRandomBlocks(unsigned seed, int largest) {
-    return [random = std::mt19937(seed), largest]() mutable {
-        return std::uniform_int_distribution(0, largest)(random);
-    };
+    std::mt19937 generator(seed);
+    return [=]() mutable { return std::uniform_int_distribution(0, largest)(generator); };
 }
 
 // A processor handle with its channel count.

@@ -5,12 +5,8 @@
 
 #include <array>
 #include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
-#include "files/TemporaryFolder.h"
-#include "modelwriter/ModelWriter.h"
+#include "interface/AudioHost.h"
 
 // Shows the handle, which the adapter keeps to itself.
 @interface OpenAdapter : EngineAdapterObjC
@@ -25,23 +21,11 @@
 
 namespace {
 
-using namespace zevrant::modelwriter;
-
 class EngineAdapterObjCTest : public testing::Test {
   protected:
     EngineAdapterObjCTest() {
-        ModelWriter("Half")
-            .setFrames(256, 256, 64)
-            .setPacking(Packing::magnitudes(129))
-            .addLayer("half", "input", Conv{.weights = {{1, 1, 1, 1}, {0.0f}}, .bias = {{1}, {0.5f}}})
-            .setOutput("half")
-            .write(path);
-        std::mt19937 random(11);
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        for (auto& row : rows)
-            for (float& sample : row) sample = value(random);
-        for (int i = 0; i < length; ++i)
-            for (std::size_t c = 0; c < 2; ++c) interleaved.push_back(rows[c][static_cast<std::size_t>(i)]);
+        for (std::size_t i = 0; i < length; ++i)
+            for (const auto& row : rows) interleaved.push_back(row[i]);
     }
     ~EngineAdapterObjCTest() override { [pool release]; }
 
@@ -51,9 +35,9 @@ class EngineAdapterObjCTest : public testing::Test {
 
     static constexpr int length = 1000;
     NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
-    zevrant::TemporaryFolder folder;
-    const std::string path = folder.getPath("half.model");
-    std::array<std::array<float, length>, 2> rows;
+    zevrant::ModelFolder models;
+    const std::string path = models.write({.busGains = {0.5f}, .constantMasks = true});
+    const zevrant::Audio rows = zevrant::makeNoise(2, length, 11);
     std::vector<float> interleaved;
 };
 

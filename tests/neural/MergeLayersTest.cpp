@@ -87,7 +87,7 @@ TEST(ArithmeticLayer, combinesItsInputsFromTheFirstOn) {
                              << "operation " << operation << ", " << numOfSources << " inputs");
                 std::vector<Sequence> inputs;
                 for (int i = 0; i < numOfSources; ++i)
-                    inputs.push_back(noiseSequence(4, 3, C, 40u + static_cast<unsigned>(i)));
+                    inputs.push_back(noiseSequence(4, C == 1 ? 1 : 3, C, 40u + static_cast<unsigned>(i)));
                 ASSERT_NO_FATAL_FAILURE(
                     expectMerged<ArithmeticLayer<float>>(arithmeticRecord(operation, numOfSources), inputs, 1,
                                                          combineAll(operation, pointTo(inputs))));
