@@ -7,6 +7,7 @@
 //   vs_loop    the plain loop's time over ours      vs_onednn   our time over oneDNN's
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -187,8 +188,12 @@ void transposed(benchmark::State& state, const ConvCase& c) {
         onednn::makeTransposed(shape));
 }
 
-void dense(benchmark::State& state, int F, int channels) {
-    const LayerAlone layer(14, writer::Dense{.weights = noiseTensor({F, F, channels})});
+// With weights of half precision where these are multiples of 1 / 1024.
+void dense(benchmark::State& state, int F, int channels, bool hasHalves) {
+    writer::WeightTensor values = noiseTensor({F, F, channels});
+    if (hasHalves)
+        for (float& value : values.values) value = std::round(1024 * value) / 1024;
+    const LayerAlone layer(14, writer::Dense{.weights = values});
     const Tensor<float> slice = sliceOf(F, channels);
     const Values in = noise(std::ptrdiff_t{F} * channels), weights = noise(std::ptrdiff_t{F} * F * channels);
     Values out(in.size());
@@ -264,7 +269,10 @@ const int registered = [] {
     add("D_channelwise_3x3_64_F128", channelWise, ConvCase{3, 3, 1, 64, 128, 1});
     add("E_conv_5x5_2to16_F513", convolution, ConvCase{5, 5, 2, 16, 513, 1});
     add("F_transposed_2x4_64to32_F64to128", transposed, ConvCase{2, 4, 64, 32, 64, 2});
-    add("G_dense_F128_16", dense, 128, 16);
+    add("G_dense_F128_16", dense, 128, 16, false);
+    add("G_dense_F128_16_halves", dense, 128, 16, true);
+    add("G_dense_F256_16", dense, 256, 16, false);
+    add("G_dense_F256_16_halves", dense, 256, 16, true);
     add("H_elu_16384", activation, 5, writer::SingleSourceLayer(writer::ELU{}));
     add("H_sigmoid_16384", activation, 6, writer::SingleSourceLayer(writer::Sigmoid{}));
     add("H_hardsigmoid_16384", activation, 20, writer::SingleSourceLayer(writer::HardSigmoid{}));

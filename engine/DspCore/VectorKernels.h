@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "DspCore/RecyclingPool.h"
@@ -30,6 +31,8 @@ struct PackedWeights {
     std::ptrdiff_t numOfLanes = 0;    // of the instruction set that the order suits
     std::ptrdiff_t vectorsPerBlock = 0;
     AlignedValues values;
+    std::vector<std::uint16_t, RecyclingAllocator<std::uint16_t>>
+        halves;  // in place of values: see packDense()
 };
 
 // Where the weight of a matrix, a term and an output stands in unpacked weights.
@@ -116,7 +119,9 @@ void convolveTransposedChannels(const TransposedConvolution& shape, const float*
                                 float* const* slots);
 
 // out[o][c] = sum over i, in order from 0, of in[i][c] * weights[o][i][c]: a matrix across frequency for
-// each channel. Weights stream past once, so they are packed into the order of use.
+// each channel. Weights stream past once, so they are packed into the order of use. Many weights that all are
+// numbers of IEEE half precision, as a model file may hold them, are packed as such and widened on their way:
+// half the traffic, and the same sums.
 PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels);
 void multiplyDense(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
                    const PackedWeights& weights, float* out);

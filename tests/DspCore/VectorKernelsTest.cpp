@@ -222,6 +222,44 @@ TEST_P(VectorKernels, multiplyDenseIsThePlainLoop) {
         }
 }
 
+// Every number of half precision up to 1, of both signs.
+Values halves(std::size_t count) {
+    Values values(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const int bits = static_cast<int>(i / 2 % 0x3c01), exponent = bits >> 10, fraction = bits & 0x3ff;
+        const float magnitude = exponent == 0 ? std::ldexp(float(fraction), -24)
+                                              : std::ldexp(float(1024 + fraction), exponent - 25);
+        values[i] = i % 2 ? -magnitude : magnitude;
+    }
+    return values;
+}
+
+TEST_P(VectorKernels, weightsAreKeptAsHalvesWhereThatChangesNothing) {
+    const bool canWiden = GetParam().name.starts_with("AVX") || GetParam().name.starts_with("NEON");
+    constexpr std::ptrdiff_t frequencies = 130;
+    for (const std::ptrdiff_t channels : {16, 19})
+        for (const float odd : {1.0f, 1.0f / 3, 65536.0f, 1e-8f, INFINITY}) {
+            SCOPED_TRACE(testing::Message() << channels << " channels, one weight is " << odd);
+            const Values in = noise(frequencies * channels, 1);
+            Values weights = halves(static_cast<std::size_t>(frequencies * frequencies * channels));
+            weights[weights.size() / 2] = odd;
+            const PackedWeights packed = packDense(weights.data(), frequencies, channels);
+            EXPECT_EQ(!packed.halves.empty(), canWiden && (odd == 1.0f || std::isinf(odd)));
+            EXPECT_NE(packed.halves.empty(), packed.values.empty());
+            Values out(in.size()), expected(in.size());
+            multiplyDense(in.data(), frequencies, channels, packed, out.data());
+            plain::multiplyDense(in.data(), frequencies, channels, weights.data(), expected.data());
+            for (std::size_t i = 0; i < out.size(); ++i)  // an infinity is in no tolerance
+                if (std::isinf(expected[i])) {
+                    ASSERT_EQ(out[i], expected[i]);
+                    out[i] = expected[i] = 0.0f;
+                }
+            const float scale = std::isinf(odd) ? 1.0f : std::max(odd, 1.0f);
+            for (std::size_t i = 0; i < out.size(); ++i) out[i] /= scale, expected[i] /= scale;
+            ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, frequencies));
+        }
+}
+
 TEST_P(VectorKernels, combineRowsIsThePlainLoop) {
     for (std::ptrdiff_t numOfRows : {1, 2, 5})
         for (std::ptrdiff_t count : {0, 1, 3, 16, 127, 128, 129, 300}) {

@@ -74,6 +74,10 @@ struct Geometry {
 
 constexpr std::ptrdiff_t kVectorsPerDenseBlock = 8;
 
+// From this number on, the weights of a dense layer come from the second level of cache or from further away,
+// and widening halves costs less than reading floats.
+constexpr std::size_t kMinWeightsAsHalves = std::size_t{1} << 18;
+
 // Weights that every tile reads anew stay in the first level of cache up to this number; more are asked
 // for some terms ahead.
 constexpr std::ptrdiff_t kMaxWeightsAtHand = 6144;
@@ -863,12 +867,41 @@ void transposeChannels(const TransposedConvolution& shape, const float* in, cons
         }
 }
 
+HWY_INLINE Vector loadWeights(const float* weights) {
+    return hn::Load(Floats(), weights);
+}
+
+#if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_SSE4
+bool packAsHalves(const float*, std::size_t, std::uint16_t*) {
+    return false;  // widening takes many instructions there
+}
+#else
+using Halves = hn::Rebind<hwy::float16_t, Floats>;
+
+HWY_INLINE Vector loadWeights(const std::uint16_t* weights) {
+    return hn::PromoteTo(Floats(), hn::Load(Halves(), reinterpret_cast<const hwy::float16_t*>(weights)));
+}
+
+// Whole vectors. False where a value would change.
+bool packAsHalves(const float* values, std::size_t count, std::uint16_t* halves) {
+    const Floats d;
+    const hn::RebindToUnsigned<Floats> bits;
+    for (std::size_t i = 0; i < count; i += hn::Lanes(d)) {
+        const Vector value = hn::Load(d, values + i);
+        hn::Store(hn::DemoteTo(Halves(), value), Halves(), reinterpret_cast<hwy::float16_t*>(halves + i));
+        if (!hn::AllTrue(bits, hn::Eq(hn::BitCast(bits, value), hn::BitCast(bits, loadWeights(halves + i)))))
+            return false;
+    }
+    return true;
+}
+#endif
+
 // Vectors sums over all input frequencies, their weights being one stream that is read once. With
 // isAlongChannels a vector holds channels of one output frequency, and they share the input vector;
 // otherwise it holds output frequencies of one channel, and they share the input value.
-template <int Vectors>
+template <int Vectors, class Weight>
 void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
-              const float* HWY_RESTRICT weights, bool isAlongChannels, float* HWY_RESTRICT sums) {
+              const Weight* HWY_RESTRICT weights, bool isAlongChannels, float* HWY_RESTRICT sums) {
     const Floats d;
     const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
     Vector sum[Vectors];
@@ -878,8 +911,8 @@ void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std
         const Vector x = isAlongChannels ? hn::LoadU(d, in) : hn::Set(d, *in);
         ZEVRANT_UNROLL
         for (int v = 0; v < Vectors; ++v) {
-            hwy::Prefetch(weights + 512);
-            sum[v] = hn::MulAdd(x, hn::Load(d, weights), sum[v]);
+            hwy::Prefetch(weights + 2048 / sizeof(Weight));
+            sum[v] = hn::MulAdd(x, loadWeights(weights), sum[v]);
             weights += numOfLanes;
         }
     }
@@ -887,23 +920,26 @@ void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std
     for (int v = 0; v < Vectors; ++v) hn::Store(sum[v], d, sums + v * numOfLanes);
 }
 
-using SumDense = void (*)(const float*, std::ptrdiff_t, std::ptrdiff_t, const float*, bool, float*);
-constexpr std::array<SumDense, kVectorsPerDenseBlock> kDenseBlocks = {
-    sumDense<1>, sumDense<2>, sumDense<3>, sumDense<4>, sumDense<5>, sumDense<6>, sumDense<7>, sumDense<8>};
+template <class Weight>
+using SumDense = void (*)(const float*, std::ptrdiff_t, std::ptrdiff_t, const Weight*, bool, float*);
+template <class Weight>
+constexpr std::array<SumDense<Weight>, kVectorsPerDenseBlock> kDenseBlocks = {
+    sumDense<1, Weight>, sumDense<2, Weight>, sumDense<3, Weight>, sumDense<4, Weight>,
+    sumDense<5, Weight>, sumDense<6, Weight>, sumDense<7, Weight>, sumDense<8, Weight>};
 
-void multiplyDensePlane(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
-                        const PackedWeights& packed, float* out) {
+template <class Weight>
+void multiplyDenseBy(const Weight* weights, const float* in, std::ptrdiff_t numOfFrequencies,
+                     std::ptrdiff_t numOfChannels, const PackedWeights& packed, float* out) {
     HWY_ALIGN float sums[kVectorsPerDenseBlock * HWY_MAX_BYTES / sizeof(float)];
     const std::ptrdiff_t numOfLanes = packed.numOfLanes, numOfVectors = getNumOfVectors(packed);
     const bool isAlongChannels = packed.numOfMatrices != numOfChannels;
     const std::ptrdiff_t channelStep = isAlongChannels ? numOfLanes : 1;
     const EvenSplit blocks(numOfVectors, packed.vectorsPerBlock);
-    const float* weights = packed.values.data();
     for (std::ptrdiff_t c = 0; c < numOfChannels; c += channelStep)
         for (std::ptrdiff_t b = 0, o = 0; b < blocks.numOfParts; ++b) {
             const std::ptrdiff_t vectors = blocks.sizeOf(b);
-            kDenseBlocks[static_cast<std::size_t>(vectors - 1)](in + c, numOfFrequencies, numOfChannels,
-                                                                weights, isAlongChannels, sums);
+            kDenseBlocks<Weight>[static_cast<std::size_t>(vectors - 1)](
+                in + c, numOfFrequencies, numOfChannels, weights, isAlongChannels, sums);
             weights += vectors * numOfLanes * packed.numOfTerms;
             if (isAlongChannels) {
                 for (std::ptrdiff_t v = 0; v < vectors; ++v, ++o)
@@ -913,6 +949,15 @@ void multiplyDensePlane(const float* in, std::ptrdiff_t numOfFrequencies, std::p
                 for (const float* sum = sums; o < end; ++o) out[o * numOfChannels + c] = *sum++;
             }
         }
+}
+
+void multiplyDensePlane(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
+                        const PackedWeights& packed, float* out) {
+#if HWY_TARGET != HWY_SCALAR && HWY_TARGET != HWY_SSE4
+    if (!packed.halves.empty())
+        return multiplyDenseBy(packed.halves.data(), in, numOfFrequencies, numOfChannels, packed, out);
+#endif
+    multiplyDenseBy(packed.values.data(), in, numOfFrequencies, numOfChannels, packed, out);
 }
 
 template <int Vectors>
@@ -1035,6 +1080,7 @@ HWY_EXPORT(convolveSlices);
 HWY_EXPORT(convolveChannelSlices);
 HWY_EXPORT(transposeSlice);
 HWY_EXPORT(transposeChannels);
+HWY_EXPORT(packAsHalves);
 HWY_EXPORT(multiplyDensePlane);
 HWY_EXPORT(combineAllRows);
 HWY_EXPORT(addToAllRows);
@@ -1139,8 +1185,11 @@ void convolveTransposedChannels(const TransposedConvolution& shape, const float*
     HWY_DYNAMIC_DISPATCH(transposeChannels)(shape, in, weights, slots);
 }
 
+namespace {
+
 // Vectors run along channels where these fill them, otherwise along the output frequency.
-PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels) {
+PackedWeights packDenseValues(const float* weights, std::ptrdiff_t numOfFrequencies,
+                              std::ptrdiff_t numOfChannels) {
     const std::ptrdiff_t numOfLanes = HWY_DYNAMIC_DISPATCH(getGeometry)().numOfLanes;
     const std::ptrdiff_t f = numOfFrequencies, c = numOfChannels;
     if (c <= 0 || c % numOfLanes != 0 || numOfLanes == 1)
@@ -1160,6 +1209,20 @@ PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, s
             for (std::ptrdiff_t i = 0; i < f; ++i)
                 for (std::ptrdiff_t v = 0; v < blocks.sizeOf(b); ++v, out += numOfLanes)
                     std::copy_n(weights + ((o + v) * f + i) * c + channel, numOfLanes, out);
+    return packed;
+}
+
+}  // namespace
+
+PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels) {
+    PackedWeights packed = packDenseValues(weights, numOfFrequencies, numOfChannels);
+    const std::size_t count = packed.values.size();
+    if (count < kMinWeightsAsHalves) return packed;
+    packed.halves.resize(count);
+    if (HWY_DYNAMIC_DISPATCH(packAsHalves)(packed.values.data(), count, packed.halves.data()))
+        packed.values = AlignedValues();
+    else
+        packed.halves.clear();
     return packed;
 }
 
