@@ -6,10 +6,17 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <vector>
 
 #include "DspCore/simd/TargetOverride.h"
+
+namespace zevrant::simd {
+void PrintTo(const Target& target, std::ostream* out) {
+    *out << target.name;
+}
+}  // namespace zevrant::simd
 
 namespace zevrant::kernels {
 namespace {
