@@ -1,8 +1,11 @@
 // Signals that tests send through the engine, and what they compare of them.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <complex>
 #include <cstddef>
+#include <cstdint>
 #include <random>
 #include <type_traits>
 #include <vector>

@@ -41,6 +41,19 @@ TEST(ModelWriter, headerFollowsItsVersionFieldByField) {
     }
 }
 
+TEST(ModelWriter, fieldsThatAreNotGivenAreNeutral) {
+    const WeightTensor kernel{{1, 1, 2, 1}, {0.25f, 0.5f}};
+    const test::Weights weights{kernel.shape, kernel.values}, none;
+    const auto start = [&] { return test::Record().string("src").tensor(weights).tensor(none); };
+    EXPECT_EQ(encodeLayer("src", Conv{.weights = kernel}),
+              start().int8(1).int8(1).int8(1).int8(0).int8(0).bytes);
+    EXPECT_EQ(encodeLayer("src", TransposedConv{.weights = kernel}),
+              start().int16(2).int8(1).int8(1).int8(1).int8(0).int8(0).bytes);
+    EXPECT_EQ(encodeLayer("src", SelfAttention{.channelMatrix = kernel}), start().int8(0).tensor(none).bytes);
+    EXPECT_EQ(encodeLayer("src", Norm{.gain = kernel}),
+              test::Record().string("src").int8(0).tensor(weights).tensor(none).bytes);
+}
+
 // Every half that the writer makes is the nearest one, and of two equally near the even one. The oracle
 // looks through the neighbours in double.
 TEST(ModelWriter, halvesAreTheNearestOfTheFormat) {
