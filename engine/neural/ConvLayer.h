@@ -22,7 +22,8 @@ namespace zevrant {
 //          for every timeStride-th slice from timeOffset on. In between the consumers are triggered.
 // Order    An output value takes its terms by r, then k, then c, and rounds accordingly.
 // Memory   A ring of 1 + timeDilation * (kernelTime - 1) slices, zero at the start of a stream, and the
-//          weights a second time in the order in which the kernel reads them.
+//          weights a second time in the order in which the kernel reads them. A ring of one slice shares
+//          the buffer of the tensor that was pushed, until the next push.
 // Latency  timeOffset slices.   Threads: only the one that runs the model; no locks.
 // Errors   What the file's numbers or the tensor make impossible (a stride of 0, a slice unlike the ring's,
 //          no kernel) throws std::invalid_argument or std::length_error in that push, before memory is

@@ -29,6 +29,7 @@ namespace zevrant {
 //          The bias comes last.
 // Memory   A ring of max(timeStride, kernelTime) slices, the queue, and the weights a second time in the
 //          order in which the kernel reads them. In steady motion no buffer and no list node is new.
+//          A tensor of one slice is shared as inputSlice, a longer one copied slice by slice.
 // Latency  timeOffset output slices, which are dropped at the start of the stream.
 // Threads  Only the one that runs the model; no locks.
 // Errors   What the file's numbers or the tensor make impossible (a stride of 0, a slice unlike the ring's,
