@@ -236,12 +236,13 @@ HWY_INLINE void storeTile(const Vector (&tile)[Rows][Vectors], float* out, std::
 
 // Adds numOfTerms products to each sum of a tile. The inputs of a row lie side by side, those of the next
 // row step further; each weight vector is loaded once for all rows, each input once for all vectors.
-template <int Rows, int Vectors, bool isAhead>
+// Rows before First and from Last on are left out.
+template <int Rows, int Vectors, bool isAhead, int First = 0, int Last = Rows>
 HWY_INLINE void addTerms(const float* HWY_RESTRICT in, std::ptrdiff_t step, const float* HWY_RESTRICT weights,
                          std::ptrdiff_t numOfTerms, Vector (&sums)[Rows][Vectors]) {
     const Floats d;
     const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
-    RowPointers<const float, Rows> rows(in, step);
+    RowPointers<const float, Last - First> rows(in + First * step, step);
     for (std::ptrdiff_t term = 0; term < numOfTerms; ++term, ++rows) {
         Vector w[Vectors];
         ZEVRANT_UNROLL
@@ -251,8 +252,8 @@ HWY_INLINE void addTerms(const float* HWY_RESTRICT in, std::ptrdiff_t step, cons
         }
         weights += Vectors * numOfLanes;
         ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) {
-            const Vector x = hn::Set(d, *rows[row]);
+        for (int row = First; row < Last; ++row) {
+            const Vector x = hn::Set(d, *rows[row - First]);
             ZEVRANT_UNROLL
             for (int v = 0; v < Vectors; ++v) sums[row][v] = hn::MulAdd(x, w[v], sums[row][v]);
         }
@@ -271,6 +272,12 @@ HWY_INLINE void addTapOfSomeRows(const Column& column, std::ptrdiff_t p, const f
     while (begin < end && p + begin * stride < 0) ++begin;
     while (begin < end && p + (end - 1) * stride >= column.inputFrequencies) --end;
     if (begin == end) return;
+    if constexpr (Rows > 1) {  // usually one row misses it
+        if (begin == 1 && end == Rows)
+            return addTerms<Rows, Vectors, false, 1, Rows>(in, step, weights, column.numOfInputs, sums);
+        if (begin == 0 && end == Rows - 1)
+            return addTerms<Rows, Vectors, false, 0, Rows - 1>(in, step, weights, column.numOfInputs, sums);
+    }
     for (std::ptrdiff_t term = 0; term < column.numOfInputs; ++term, weights += Vectors * numOfLanes) {
         ZEVRANT_UNROLL
         for (int row = 0; row < Rows; ++row) {
@@ -408,6 +415,7 @@ void sumColumns(Column column, std::ptrdiff_t numOfRows, const PackedWeights& pa
     const std::ptrdiff_t numOfVectors = getNumOfVectors(packed), numOfLanes = packed.numOfLanes;
     const EvenSplit blocks(numOfVectors, packed.vectorsPerBlock);
     SliceStoring storing(column.store, column.inputFrequencies * column.numOfInputs);
+    if (numOfRows < 1) return storing.copyAll();
     // The rows that miss a tap, and as many beside them as make a tile.
     const std::ptrdiff_t stride = column.frequencyStride;
     const std::ptrdiff_t rowsBefore = ceilOfQuotient(-column.start, stride);
@@ -1052,6 +1060,7 @@ HWY_NOINLINE void sumBands(const float* in, std::ptrdiff_t numOfChannels, std::p
 
 void rescaleAllBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff_t numOfBands,
                      const int* starts, const int* counts, const float* const* factors, float* out) {
+    if (numOfBands < 1) return;
     const Floats d;
     const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
     const auto loadAll = [](const float* row) HWY_ATTR { return hn::LoadU(Floats(), row); };
