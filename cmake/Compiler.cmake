@@ -9,6 +9,7 @@ function(zevrant_compile_settings target)
     $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>  # g++ 12 falsely sees its own std::string overlap
     $<$<BOOL:${ZEVRANT_WERROR}>:-Werror>)
   if(ZEVRANT_SANITIZE)
+    target_compile_definitions(${target} PRIVATE ZEVRANT_SANITIZED)
     target_compile_options(${target} PRIVATE -fsanitize=${ZEVRANT_SANITIZE} -fno-sanitize-recover=all
       -fno-omit-frame-pointer
       $<$<OR:$<C_COMPILER_ID:Clang>,$<CXX_COMPILER_ID:Clang>>:-fno-sanitize=function,vptr>)  # they need C++ in C programs
