@@ -67,8 +67,8 @@ struct Convolution {
 // Weights [slices][taps][inputs][outputs] as one matrix with a term per slice, tap and input.
 PackedWeights packConvolution(const float* weights, const Convolution& shape);
 
-// A slice that is not in its place yet: a kernel that takes one copies it there on its way, row by row before
-// it reads them, because a copy in advance would fill the cache with rows that are not needed yet.
+// A slice that is not in its place yet: a kernel that takes one copies it there on its way, as far as it has
+// come with its rows, because a copy in advance would fill the cache with rows that are not needed yet.
 struct SliceToStore {
     const float* from = nullptr;  // null when there is nothing to do
     float* to = nullptr;          // one of the slices of the convolution
