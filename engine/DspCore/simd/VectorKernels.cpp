@@ -674,13 +674,12 @@ void sumChannelRows(const Convolution& shape, const float* const* slices, const 
 void convolveChannelSlices(const Convolution& whole, const float* const* slices, const float* weights,
                            const float* first, std::ptrdiff_t firstStep, float* out,
                            const SliceToStore& store) {
-    const std::ptrdiff_t numOfChannels = whole.numOfOutputs, stride = whole.frequencyStride;
+    const std::ptrdiff_t numOfChannels = whole.numOfOutputs;
     SliceStoring storing(store, whole.inputFrequencies * numOfChannels);
-    // The rows that have all taps.
+    // The rows that have all taps; with sliding tiles a row is a step of one frequency.
     const SlidingTiles* const slidingTiles = findSlidingTiles(whole);
     const std::ptrdiff_t rows = whole.outputFrequencies;
-    const std::ptrdiff_t begin =
-        slidingTiles ? std::clamp<std::ptrdiff_t>(ceilOfQuotient(-whole.start, stride), 0, rows) : rows;
+    const std::ptrdiff_t begin = slidingTiles ? std::clamp<std::ptrdiff_t>(-whole.start, 0, rows) : rows;
     const std::ptrdiff_t end =
         std::clamp(whole.inputFrequencies - whole.numOfTaps - whole.start + 1, begin, rows);
 
