@@ -53,8 +53,8 @@ bool FrequencyRescaleLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     if (computes) {
         require(everyEntryHasTaps, "frequency rescale layer: an entry without taps");
         require(firstBin >= 0, "frequency rescale layer: an entry starts before the band");
-        require((F * (axes.times - 1) + binBehind) * C <= tensor.getNumOfElements(),
-                "frequency rescale layer: an entry reaches past the end of the tensor");
+        requireElements(tensor, (F * (axes.times - 1) + binBehind) * C,
+                        "frequency rescale layer: an entry reaches past the end of the buffer");
     }
     output.ensureShape({axes.times, outputBins, axes.channels});
     output.ensureUniqueForOverwrite();
