@@ -108,10 +108,25 @@ struct TransposedConvolution {
     std::ptrdiff_t start;
 };
 
+// Where a slot goes that no later slice reaches:
+//
+//   out[f][o] = slot[f][o] + bias[o]
+//
+// after which the slot is cleared for its next use. A null bias adds nothing; with a null out the slot stays.
+struct WholeSlot {
+    const float* bias = nullptr;
+    float* out = nullptr;
+};
+
+void finishSlot(float* slot, std::ptrdiff_t outputFrequencies, std::ptrdiff_t numOfOutputs,
+                const WholeSlot& whole);
+
 // Weights [slots][taps][outputs][inputs]: a matrix per slot and tap, or one for all where outputs are few.
 PackedWeights packTransposed(const float* weights, const TransposedConvolution& shape);
+
+// firstSlot: what becomes of slots[0] once these contributions are in it, in the same pass.
 void convolveTransposed(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
-                        float* const* slots);
+                        float* const* slots, const WholeSlot& firstSlot = {});
 
 // The same without sums over channels: slots[r][...][o] += in[i][o] * weights[r][k][o], one multiply-add
 // for each slot, input frequency and tap in this order. numOfInputs is not read.
@@ -130,10 +145,6 @@ void multiplyDense(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdif
 // With one factor or none it is the bare product of the first row.
 void combineRows(const float* const* rows, const float* factors, std::ptrdiff_t numOfRows,
                  std::ptrdiff_t count, float* out);
-
-// out[row * length + i] = plane[row * length + i] + values[i]
-void addToRows(const float* plane, const float* values, std::ptrdiff_t numOfRows, std::ptrdiff_t length,
-               float* out);
 
 // Bands as weighted runs of bins: out[o][c] = in[starts[o]][c] * factors[o][0], then
 // + in[starts[o] + k][c] * factors[o][k] for k from 1 to counts[o] - 1 in order.

@@ -120,15 +120,16 @@ bool TransposedConvLayer<T>::pushTimeSlice(const Tensor<T>& slice) {
         accumulator.setToZero();
     }
     accumulator.ensureUnique();
-    if (hasTerms() && getAxis(slice, 1) > 0) addSlice(slice);
-    finishSlices();
-    clearFinishedSlots();
+    const bool isFinished = hasTerms() && getAxis(slice, 1) > 0 && addSlice(slice);
+    if (!isFinished) finishSlices();
     timeIndex += timeStride;
     return forwardFromQueue();
 }
 
+// Returns whether the slices that are due went on with it: usually that is one, and the kernel sends it on
+// its way.
 template <class T>
-void TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
+bool TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
     const kernels::TransposedConvolution shape = {
         kernelTime,      kernelFrequency,
         inputChannels,   outputChannels,
@@ -139,11 +140,20 @@ void TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
     const T* in = slice.getReadPointer();
     const T* kernel = weights.getReadPointer();
     const bool isChannelWise = kernelOutputs == 1 && outputChannels != 1;
-    if (isChannelWise && inputChannels == outputChannels)
-        return kernels::convolveTransposedChannels(shape, in, kernel, slots.data());
-    if (kernelOutputs != outputChannels) return addAcrossRows(slice, shape.start);
+    if (isChannelWise && inputChannels == outputChannels) {
+        kernels::convolveTransposedChannels(shape, in, kernel, slots.data());
+        return false;
+    }
+    if (kernelOutputs != outputChannels) {
+        addAcrossRows(slice, shape.start);
+        return false;
+    }
     if (!kernels::isSuited(packedWeights)) packedWeights = kernels::packTransposed(kernel, shape);
-    kernels::convolveTransposed(shape, in, packedWeights, slots.data());
+    const bool isOneDue = timeStride == 1 && timeIndex >= timeOffset;
+    kernels::convolveTransposed(shape, in, packedWeights, slots.data(),
+                                isOneDue ? openOutput() : kernels::WholeSlot());
+    if (isOneDue) reserve.append(outputQueue, outputSlice);
+    return isOneDue;
 }
 
 // The rows of the kernel and of the ring do not line up: from the place of its first tap on, an input
@@ -185,29 +195,25 @@ void TransposedConvLayer<T>::addAcrossRows(const Tensor<T>& slice, std::ptrdiff_
         });
 }
 
+template <class T>
+kernels::WholeSlot TransposedConvLayer<T>::openOutput() {
+    outputSlice.ensureShape({1, accumulator.shape[1], outputChannels});
+    outputSlice.ensureUniqueForOverwrite();
+    return {bias.hasElements() ? bias.getReadPointer() : nullptr, outputSlice.getWritePointer()};
+}
+
 // The oldest slices of the ring are whole; those before timeOffset are not sent.
 template <class T>
 void TransposedConvLayer<T>::finishSlices() {
-    const std::int64_t ready = std::min<std::int64_t>(timeStride, timeIndex + timeStride - timeOffset);
-    const int outputFrequencies = accumulator.shape[1];
-    for (std::int64_t time = timeIndex + timeStride - ready; time < timeIndex + timeStride; ++time) {
-        outputSlice.ensureShape({1, outputFrequencies, outputChannels});
-        outputSlice.ensureUniqueForOverwrite();
-        const T* slot = getSlot(time);
-        T* out = outputSlice.getWritePointer();
-        if (bias.hasElements())
-            kernels::addToRows(slot, bias.getReadPointer(), outputFrequencies, outputChannels, out);
-        else
-            vo::copy(slot, out, outputFrequencies * outputChannels);
+    const int frequencies = accumulator.shape[1];
+    for (std::int64_t time = timeIndex; time < timeIndex + timeStride; ++time) {
+        if (time < timeOffset) {
+            vo::setToZero(getSlot(time), frequencies * outputChannels);
+            continue;
+        }
+        kernels::finishSlot(getSlot(time), frequencies, outputChannels, openOutput());
         reserve.append(outputQueue, outputSlice);
     }
-}
-
-template <class T>
-void TransposedConvLayer<T>::clearFinishedSlots() {
-    if (timeStride >= kernelTime) return accumulator.setToZero();
-    for (int i = 0; i < timeStride; ++i)
-        vo::setToZero(getSlot(timeIndex + i), accumulator.shape[1] * accumulator.shape[2]);
 }
 
 template <class T>

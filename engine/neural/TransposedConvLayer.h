@@ -78,11 +78,10 @@ class TransposedConvLayer : public BaseLayer<T> {
     int getRingLength() const;
     T* getSlot(std::int64_t time);
     void requirePossible(const Tensor<T>& slice) const;
-    void requireRoom(int frequencies) const;
-    void addSlice(const Tensor<T>& slice);
+    bool addSlice(const Tensor<T>& slice);
     void addAcrossRows(const Tensor<T>& slice, std::ptrdiff_t start);
+    kernels::WholeSlot openOutput();
     void finishSlices();
-    void clearFinishedSlots();
 
     kernels::PackedWeights packedWeights;
     std::vector<T*> slots;  // the open slices that the kernel rows meet

@@ -190,9 +190,18 @@ TEST_P(VectorKernels, convolveTransposedIsThePlainLoop) {
             Rows slots(shape.numOfSlots, shape.outputFrequencies * shape.numOfOutputs, 3), expected = slots;
             for (std::size_t r = 0; r < expected.rows.size(); ++r)
                 expected.pointers[r] = expected.rows[r].data();
-            convolveTransposed(shape, in.data(), packTransposed(weights.data(), shape),
-                               slots.pointers.data());
+            const Values bias = noise(shape.numOfOutputs, 4);
+            Values out(expected.rows[0].size()), expectedOut = out;
+            const WholeSlot whole = {turn % 5 == 0 ? nullptr : bias.data(),
+                                     turn % 3 == 0 ? nullptr : out.data()};
+            convolveTransposed(shape, in.data(), packTransposed(weights.data(), shape), slots.pointers.data(),
+                               whole);
             plain::convolveTransposed(shape, in.data(), weights.data(), expected.pointers.data());
+            for (std::size_t i = 0; whole.out && i < out.size(); ++i) {
+                expectedOut[i] = expected.rows[0][i] + (whole.bias ? bias[i % bias.size()] : 0.0f);
+                expected.rows[0][i] = 0.0f;
+            }
+            ASSERT_NO_FATAL_FAILURE(expectSame(out, expectedOut, shape.numOfTaps * shape.numOfInputs));
             for (std::size_t r = 0; r < expected.rows.size(); ++r)
                 ASSERT_NO_FATAL_FAILURE(
                     expectSame(slots.rows[r], expected.rows[r], shape.numOfTaps * shape.numOfInputs));
@@ -276,17 +285,6 @@ TEST_P(VectorKernels, combineRowsIsThePlainLoop) {
             combineRows(rows.pointers.data(), factors.data(), numOfRows, count, out.data());
             plain::combineRows(rows.pointers.data(), factors.data(), numOfRows, count, expected.data());
             ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, numOfRows));
-        }
-}
-
-TEST_P(VectorKernels, addToRowsIsASum) {
-    for (std::ptrdiff_t numOfRows : {0, 1, 2, 5, 37})
-        for (std::ptrdiff_t length : kWidths) {
-            const Values plane = noise(numOfRows * length, 1), values = noise(length, 2);
-            Values out(plane.size()), expected(plane.size());
-            for (std::size_t i = 0; i < plane.size(); ++i) expected[i] = plane[i] + values[i % values.size()];
-            addToRows(plane.data(), values.data(), numOfRows, length, out.data());
-            ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, 0));
         }
 }
 

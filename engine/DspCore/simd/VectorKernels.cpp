@@ -68,7 +68,8 @@ struct Column {
     std::ptrdiff_t outStep;
     std::size_t lanesOfLastVector;
     SliceToStore store;
-    bool addsToOut;  // the sums start from zero and are added to out when they are whole
+    bool addsToOut;   // the sums start from zero and are added to out when they are whole
+    WholeSlot whole;  // with addsToOut: where out goes on to
 };
 
 struct Geometry {
@@ -237,6 +238,26 @@ HWY_INLINE void storeTile(const Vector (&tile)[Rows][Vectors], float* out, std::
     }
 }
 
+template <int Rows, int Vectors>
+HWY_INLINE void addTile(const Vector (&tile)[Rows][Vectors], Vector (&sums)[Rows][Vectors]) {
+    ZEVRANT_UNROLL
+    for (int row = 0; row < Rows; ++row) {
+        ZEVRANT_UNROLL
+        for (int v = 0; v < Vectors; ++v) sums[row][v] = hn::Add(tile[row][v], sums[row][v]);
+    }
+}
+
+template <int Rows, int Vectors>
+HWY_INLINE void clearTile(float* out, std::ptrdiff_t step, std::size_t lanes) {
+    Vector zeros[Rows][Vectors];
+    ZEVRANT_UNROLL
+    for (int row = 0; row < Rows; ++row) {
+        ZEVRANT_UNROLL
+        for (int v = 0; v < Vectors; ++v) zeros[row][v] = hn::Zero(Floats());
+    }
+    storeTile<Rows, Vectors>(zeros, out, step, lanes);
+}
+
 // Adds numOfTerms products to each sum of a tile. The inputs of a row lie side by side, those of the next
 // row step further; each weight vector is loaded once for all rows, each input once for all vectors.
 // Rows before First and from Last on are left out.
@@ -342,13 +363,17 @@ void sumTile(const Column& column, std::ptrdiff_t f) {
     }
 
     float* out = column.out + f * column.outStep;
-    if (column.addsToOut) {
+    if (band == Band::inside && column.addsToOut) {
         Vector before[Rows][Vectors];
         loadTile<Rows, Vectors>(out, column.outStep, rest, before);
-        ZEVRANT_UNROLL
-        for (int row = 0; row < Rows; ++row) {
-            ZEVRANT_UNROLL
-            for (int v = 0; v < Vectors; ++v) sums[row][v] = hn::Add(before[row][v], sums[row][v]);
+        addTile<Rows, Vectors>(before, sums);
+        if (column.whole.out) {
+            clearTile<Rows, Vectors>(out, column.outStep, rest);
+            if (column.whole.bias) {
+                loadTile<Rows, Vectors>(column.whole.bias, 0, rest, before);
+                addTile<Rows, Vectors>(before, sums);
+            }
+            out = column.whole.out + f * column.outStep;
         }
     }
     storeTile<Rows, Vectors>(sums, out, column.outStep, rest);
@@ -444,6 +469,8 @@ void sumColumns(Column column, std::ptrdiff_t numOfRows, const PackedWeights& pa
         column.weights += packed.numOfTerms * vectors * numOfLanes;
         column.out += numOfOutputs;
         if (column.first) column.first += numOfOutputs;
+        if (column.whole.out) column.whole.out += numOfOutputs;
+        if (column.whole.bias) column.whole.bias += numOfOutputs;
     }
     storing.copyAll();
 }
@@ -734,7 +761,7 @@ struct ValidInputs {
 // A product of rows of inputs with one matrix.
 void multiplyRows(const TransposedConvolution& shape, const float* in, std::ptrdiff_t numOfRows,
                   const PackedWeights& weights, std::ptrdiff_t matrix, float* out, std::ptrdiff_t outStep,
-                  bool addsToOut) {
+                  bool addsToOut, const WholeSlot& whole = {}) {
     Column column = {};
     column.slices = &in;
     column.numOfSlices = 1;
@@ -745,25 +772,80 @@ void multiplyRows(const TransposedConvolution& shape, const float* in, std::ptrd
     column.out = out;
     column.outStep = outStep;
     column.addsToOut = addsToOut;
+    column.whole = whole;
     sumColumns(column, numOfRows, weights, matrix);
+}
+
+// A slot that is whole goes on: out = slot + bias, and the slot is cleared. Rows shorter than a vector run
+// together: their biases repeat every length vectors.
+void finishRows(float* slot, const float* bias, std::ptrdiff_t numOfRows, std::ptrdiff_t length, float* out) {
+    const Floats d;
+    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
+    constexpr std::size_t maxLanes = HWY_MAX_BYTES / sizeof(float);
+    HWY_ALIGN float pattern[maxLanes * maxLanes];
+    std::ptrdiff_t period = length, count = length;
+    if (length < numOfLanes || !bias) {
+        period = length * numOfLanes;
+        count = numOfRows * length;
+        numOfRows = 1;
+    }
+    if (length < numOfLanes && bias) {
+        for (std::ptrdiff_t i = 0; i < period; ++i) pattern[i] = bias[i % length];
+        bias = pattern;
+    }
+    for (std::ptrdiff_t row = 0; row < numOfRows; ++row, slot += count, out += count)
+        for (std::ptrdiff_t i = 0, at = 0; i < count; i += numOfLanes) {
+            const auto lanes = static_cast<std::size_t>(std::min(numOfLanes, count - i));
+            Vector sum = loadFirst(slot + i, lanes);
+            if (bias) sum = hn::Add(sum, loadFirst(bias + at, lanes));
+            storeFirst(sum, out + i, lanes);
+            storeFirst(hn::Zero(d), slot + i, lanes);
+            at = at + numOfLanes < period ? at + numOfLanes : 0;
+        }
+}
+
+// Input frequencies whose taps from k on, as many as a matrix has, all fall into the band.
+ValidInputs findInputsInside(const TransposedConvolution& shape, std::ptrdiff_t k, std::ptrdiff_t taps) {
+    ValidInputs inside(shape, k);
+    inside.begin = std::min(inside.begin, shape.inputFrequencies);
+    inside.end = std::clamp(ValidInputs(shape, k + taps - 1).end, inside.begin, shape.inputFrequencies);
+    return inside;
+}
+
+// Finishes the rows that transposeByTaps() leaves because no matrix meets them inside the band.
+void finishOtherRows(const TransposedConvolution& shape, std::ptrdiff_t taps, float* slot,
+                     const WholeSlot& whole) {
+    const std::ptrdiff_t length = shape.numOfOutputs, stride = shape.frequencyStride;
+    for (std::ptrdiff_t tap = 0; tap < stride; ++tap) {
+        const ValidInputs done = findInputsInside(shape, tap / taps * taps, taps);
+        const bool isMet = tap < shape.numOfTaps;
+        std::ptrdiff_t i = ceilOfQuotient(-shape.start - tap, stride);
+        for (std::ptrdiff_t f = 0; (f = shape.start + tap + i * stride) < shape.outputFrequencies; ++i)
+            if (!isMet || i < done.begin || i >= done.end)
+                finishRows(slot + f * length, whole.bias, 1, length, whole.out + f * length);
+    }
 }
 
 // For an output the contributions come in the order of the input frequency, so of falling taps: the last
 // taps first. The taps of one stride give outputs that lie side by side, and beside those of the next input
 // frequency, so they are one matrix product; otherwise a tap goes alone, with outputs a stride apart.
-// The slot that is due first comes last, so that it is at hand when it is sent.
+// The slot that is whole with this slice comes last, and goes on in the pass of its last contributions: those
+// of the taps of the first stride.
 void transposeByTaps(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
-                     float* const* slots) {
+                     float* const* slots, const WholeSlot& whole) {
     const std::ptrdiff_t numOfOutputs = shape.numOfOutputs, stride = shape.frequencyStride;
     const std::ptrdiff_t taps = weights.numOfOutputs / numOfOutputs, outStep = stride * numOfOutputs;
     HWY_ALIGN float sums[kMaxTableWidth];
+    HWY_ALIGN float biasOfTaps[kMaxTableWidth];
+    if (whole.bias && taps > 1)
+        for (std::ptrdiff_t o = 0; o < weights.numOfOutputs; ++o)
+            biasOfTaps[o] = whole.bias[o % numOfOutputs];
     for (std::ptrdiff_t r = shape.numOfSlots - 1; r >= 0; --r)
         for (std::ptrdiff_t k = shape.numOfTaps - taps; k >= 0; k -= taps) {
             const std::ptrdiff_t matrix = (r * shape.numOfTaps + k) / taps;
-            float* const out = slots[r] + (shape.start + k) * numOfOutputs;
-            const std::ptrdiff_t last = shape.inputFrequencies;
-            const std::ptrdiff_t begin = std::min(ValidInputs(shape, k).begin, last);
-            const std::ptrdiff_t end = std::clamp(ValidInputs(shape, k + taps - 1).end, begin, last);
+            const std::ptrdiff_t offset = (shape.start + k) * numOfOutputs;
+            float* const out = slots[r] + offset;
+            const auto [begin, end] = findInputsInside(shape, k, taps);
             // At the edges of the band some of the taps fall outside.
             const auto addClippedRow = [&](std::ptrdiff_t row) {
                 const std::ptrdiff_t p = shape.start + row * stride + k;
@@ -775,11 +857,16 @@ void transposeByTaps(const TransposedConvolution& shape, const float* in, const 
                     out[row * outStep + o] += sums[o];
             };
             for (std::ptrdiff_t row = 0; row < begin; ++row) addClippedRow(row);
+            for (std::ptrdiff_t row = end; row < shape.inputFrequencies; ++row) addClippedRow(row);
+            WholeSlot rows;
+            if (r == 0 && k < stride && whole.out)
+                rows = {whole.bias && taps > 1 ? biasOfTaps : whole.bias,
+                        whole.out + offset + begin * outStep};
             if (begin < end)
                 multiplyRows(shape, in + begin * shape.numOfInputs, end - begin, weights, matrix,
-                             out + begin * outStep, outStep, true);
-            for (std::ptrdiff_t row = end; row < last; ++row) addClippedRow(row);
+                             out + begin * outStep, outStep, true, rows);
         }
+    if (whole.out) finishOtherRows(shape, taps, slots[0], whole);
 }
 
 // inOut[i] += values[i] in rows of a few values, which lie valuesStep and inOutStep apart.
@@ -832,7 +919,7 @@ void addTable(const TransposedConvolution& shape, const float* table, std::ptrdi
 // Few outputs leave lanes empty, so all slots, taps and outputs share vectors: the sums of some input
 // frequencies go to a small table first, and from there to the slots.
 void transposeThroughTable(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
-                           float* const* slots) {
+                           float* const* slots, const WholeSlot& whole) {
     alignas(64) float table[kTableRows * kMaxTableWidth];
     const std::ptrdiff_t width = weights.numOfOutputs;
     for (std::ptrdiff_t i = 0; i < shape.inputFrequencies; i += kTableRows) {
@@ -841,16 +928,16 @@ void transposeThroughTable(const TransposedConvolution& shape, const float* in, 
         for (std::ptrdiff_t r = 0; r < shape.numOfSlots; ++r)
             addTable(shape, table + r * shape.numOfTaps * shape.numOfOutputs, width, i, count, slots[r]);
     }
+    if (whole.out) finishRows(slots[0], whole.bias, shape.outputFrequencies, shape.numOfOutputs, whole.out);
 }
 
 void transposeSlice(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
-                    float* const* slots) {
-    if (shape.inputFrequencies < 1) return;
+                    float* const* slots, const WholeSlot& whole) {
     const std::ptrdiff_t taps = weights.numOfOutputs / shape.numOfOutputs;
     if (taps == 1 || (taps == shape.frequencyStride && shape.numOfTaps % taps == 0))
-        transposeByTaps(shape, in, weights, slots);
+        transposeByTaps(shape, in, weights, slots, whole);
     else
-        transposeThroughTable(shape, in, weights, slots);
+        transposeThroughTable(shape, in, weights, slots, whole);
 }
 
 // inOut[i] += a[i] * b[i]
@@ -1006,29 +1093,6 @@ void combineAllRows(const float* const* rows, const float* factors, std::ptrdiff
                           out);
 }
 
-// Rows shorter than a vector run together: their values repeat every length vectors.
-void addToAllRows(const float* plane, const float* values, std::ptrdiff_t numOfRows, std::ptrdiff_t length,
-                  float* out) {
-    const Floats d;
-    const auto numOfLanes = static_cast<std::ptrdiff_t>(hn::Lanes(d));
-    constexpr std::size_t maxLanes = HWY_MAX_BYTES / sizeof(float);
-    HWY_ALIGN float pattern[maxLanes * maxLanes];
-    std::ptrdiff_t period = length, count = length;
-    if (length < numOfLanes) {
-        period = length * numOfLanes;
-        count = numOfRows * length;
-        for (std::ptrdiff_t i = 0; i < period; ++i) pattern[i] = values[i % length];
-        values = pattern;
-        numOfRows = 1;
-    }
-    for (std::ptrdiff_t row = 0; row < numOfRows; ++row, plane += count, out += count)
-        for (std::ptrdiff_t i = 0, at = 0; i < count; i += numOfLanes) {
-            const auto lanes = static_cast<std::size_t>(std::min(numOfLanes, count - i));
-            storeFirst(hn::Add(loadFirst(plane + i, lanes), loadFirst(values + at, lanes)), out + i, lanes);
-            at = at + numOfLanes < period ? at + numOfLanes : 0;
-        }
-}
-
 // What the bands of a rescaling share, for one vector of channels.
 template <class Load, class Store>
 struct Bands {
@@ -1182,11 +1246,11 @@ HWY_EXPORT(getGeometry);
 HWY_EXPORT(convolveSlices);
 HWY_EXPORT(convolveChannelSlices);
 HWY_EXPORT(transposeSlice);
+HWY_EXPORT(finishRows);
 HWY_EXPORT(transposeChannels);
 HWY_EXPORT(packAsHalves);
 HWY_EXPORT(multiplyDensePlane);
 HWY_EXPORT(combineAllRows);
-HWY_EXPORT(addToAllRows);
 HWY_EXPORT(rescaleAllBands);
 
 namespace {
@@ -1278,9 +1342,14 @@ PackedWeights packTransposed(const float* weights, const TransposedConvolution& 
 }
 
 void convolveTransposed(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
-                        float* const* slots) {
+                        float* const* slots, const WholeSlot& whole) {
     requireSuited(weights);
-    HWY_DYNAMIC_DISPATCH(transposeSlice)(shape, in, weights, slots);
+    HWY_DYNAMIC_DISPATCH(transposeSlice)(shape, in, weights, slots, whole);
+}
+
+void finishSlot(float* slot, std::ptrdiff_t outputFrequencies, std::ptrdiff_t numOfOutputs,
+                const WholeSlot& whole) {
+    HWY_DYNAMIC_DISPATCH(finishRows)(slot, whole.bias, outputFrequencies, numOfOutputs, whole.out);
 }
 
 void convolveTransposedChannels(const TransposedConvolution& shape, const float* in, const float* weights,
@@ -1338,11 +1407,6 @@ void multiplyDense(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdif
 void combineRows(const float* const* rows, const float* factors, std::ptrdiff_t numOfRows,
                  std::ptrdiff_t count, float* out) {
     HWY_DYNAMIC_DISPATCH(combineAllRows)(rows, factors, numOfRows, count, out);
-}
-
-void addToRows(const float* plane, const float* values, std::ptrdiff_t numOfRows, std::ptrdiff_t length,
-               float* out) {
-    HWY_DYNAMIC_DISPATCH(addToAllRows)(plane, values, numOfRows, length, out);
 }
 
 void rescaleBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff_t numOfBands, const int* starts,
