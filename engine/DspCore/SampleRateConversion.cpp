@@ -82,11 +82,12 @@ void SampleRateConversion::interpolate(double step, Signal32& output) {
         throw std::out_of_range("the table has no such number of phases");
     widened.ensureDimensions(queued.numOfChannels, queued.numOfSamples);
     double** rows = widened.getWritePointer();
-    float** outputRows = output.getWritePointer();
+    output.ensureUnique();
     for (int c = 0; c < queued.numOfChannels; ++c)
         vo::convert32To64(queued.getReadChannelPtr(c), rows[c], queued.numOfSamples);
 
-    const int lastStart = queued.numOfSamples - filterLength - 1;  // of a filter and of the phase after it
+    const int numOfTaps = std::max(filterLength, identityPhase < 0 ? 0 : 1);
+    const int lastStart = queued.numOfSamples - numOfTaps - 1;  // of a filter and of the phase after it
     double at = position;
     for (int i = 0; i < output.numOfSamples; ++i) {
         const double scaled = at * numOfPhases;
@@ -99,7 +100,7 @@ void SampleRateConversion::interpolate(double step, Signal32& output) {
             const double* input = rows[c] + start;
             double value = calculateSubSampleValue(phase, input);
             if (interpolatePhases) value += (calculateSubSampleValue(phase + 1, input) - value) * fraction;
-            outputRows[c][i] = static_cast<float>(value);
+            output.data->getRow(c)[i] = static_cast<float>(value);
         }
         at += step;
     }

@@ -27,7 +27,7 @@ class SignalData {
     int stride;          // elements from one row to the next: numOfSamples in whole 64-byte units
     int alignment = 64;  // bytes, of every row
     T* data = nullptr;   // stride * numOfChannels elements, null when there are none
-    std::vector<T*, RecyclingAllocator<T*>> channelPointers;  // row starts, empty until first asked for
+    std::vector<T*> channelPointers;  // row starts, empty until first asked for
 };
 
 // A rectangle of samples, numOfChannels rows by numOfSamples columns, with value semantics.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace zevrant {
 
@@ -18,7 +19,8 @@ constexpr mode_t folderMode = 0755;
 
 std::string getHomePath() {
     const char* home = std::getenv("HOME");
-    return home != nullptr ? home : "";
+    if (!home) throw std::runtime_error("HOME is not set");
+    return home;
 }
 
 std::string getUserCachePath() {

@@ -10,11 +10,11 @@ namespace zevrant {
 //
 // The path is plain text with "/" as its delimiter: nothing is normalised, resolved or checked for
 // validity. A File keeps nothing open and caches nothing; each question goes to the file system.
-// Errors   None of its own: bool results tell the outcome.
+// Errors   bool results tell the outcome; only getSystemFolder() throws.
 // Threads  A value without shared state. rand() and getenv() bring the limits of the C library.
 class File {
   public:
-    // UserCache to UserMusic lie below the folder that HOME names; without HOME they lie below "/".
+    // Below the folder that HOME names; without HOME those throw std::runtime_error.
     enum SystemFolderID {
         UserCache = 0,         // HOME + "/Library/Caches/Zevrant/", created when missing
         SystemLibrary = 1,     // "/Library"

@@ -68,9 +68,10 @@ void ProcessorState::addAudio(const float** channels, int numOfSamples) {
 
 void ProcessorState::addAudioInterleaved(const float* samples, int numOfSamples) {
     Signal32 input(numOfInputChannels, numOfSamples);
-    float* const* rows = input.getWritePointer();
-    for (int i = 0; i < numOfSamples; ++i)
-        for (int c = 0; c < numOfInputChannels; ++c) rows[c][i] = *samples++;
+    for (int c = 0; c < numOfInputChannels; ++c) {
+        float* row = input.getWriteChannelPtr(c);
+        for (int i = 0; i < numOfSamples; ++i) row[i] = samples[std::ptrdiff_t{i} * numOfInputChannels + c];
+    }
     outputQueue.add(process(input));
 }
 
@@ -84,6 +85,8 @@ Signal32 ProcessorState::process(const Signal32& input) {
 // Takes numOfSamples from the queue. False, with nothing touched, when fewer are there.
 bool ProcessorState::takeQueued(int numOfSamples, Signal32& audio) {
     if (outputQueue.numOfSamples < numOfSamples) return false;
+    if (numOfSamples > 0 && outputQueue.numOfChannels < numOfOutputChannels)
+        throw std::out_of_range("the queued audio lacks output channels");
     audio = Signal32(outputQueue.numOfChannels, numOfSamples);
     outputQueue.get(audio);
     return true;
@@ -102,9 +105,10 @@ bool ProcessorState::getAudioInterleaved(float* samples, int numOfSamples) {
     Signal32 audio;
     if (!takeQueued(numOfSamples, audio)) return false;
     if (numOfSamples < 1) return true;
-    float* const* rows = audio.getWritePointer();
-    for (int i = 0; i < numOfSamples; ++i)
-        for (int c = 0; c < numOfOutputChannels; ++c) *samples++ = rows[c][i];
+    for (int c = 0; c < numOfOutputChannels; ++c) {
+        const float* row = audio.getReadChannelPtr(c);
+        for (int i = 0; i < numOfSamples; ++i) samples[std::ptrdiff_t{i} * numOfOutputChannels + c] = row[i];
+    }
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "DspCore/VectorOperations.h"
 #include "interface/ModelState.h"
@@ -13,9 +14,9 @@
 namespace {
 
 // Clears size bytes of text and copies the first length characters of source, or all it has.
-void fillText(char* text, int size, const char* source, int length) {
+void fillText(char* text, int size, std::string_view source, int length) {
     std::memset(text, 0, static_cast<std::size_t>(size));
-    std::memcpy(text, source, std::min(std::strlen(source), static_cast<std::size_t>(length)));
+    std::memcpy(text, source.data(), std::min(source.size(), static_cast<std::size_t>(length)));
 }
 
 }  // namespace
@@ -77,7 +78,7 @@ int zevrantGetNumOfOutputBusses(ProcessorState* handle) {
 
 void zevrantGetOutputBusName(ProcessorState* handle, int bus, char* name, int size) {
     if (size < 1) return;
-    fillText(name, size, handle->processor.getOutputBusName(bus).c_str(), size - 1);
+    fillText(name, size, handle->processor.getOutputBusName(bus), size - 1);
 }
 
 void zevrantGetProcessorInfo(ProcessorState* handle, ProcessorInfo* info) {

@@ -163,6 +163,17 @@ void OutputLayer<T>::takeResults(Tensor<T>& joined) {
 template <class T>
 void OutputLayer<T>::joinResults(Tensor<T>& joined) {
     if (results.empty()) return joined.dropContent();
+    try {
+        copyResults(joined);
+    } catch (...) {
+        reserve.clear(results);
+        throw;
+    }
+    reserve.clear(results);
+}
+
+template <class T>
+void OutputLayer<T>::copyResults(Tensor<T>& joined) const {
     std::int64_t times = 0;
     std::int64_t numOfElements = 0;
     for (const Tensor<T>& result : results) {
@@ -184,7 +195,6 @@ void OutputLayer<T>::joinResults(Tensor<T>& joined) {
         vo::copy(result.getReadPointer(), destination, count);
         destination += count;
     }
-    reserve.clear(results);
 }
 
 template <class T>
@@ -196,7 +206,6 @@ BaseQueuedLayer<T>::BaseQueuedLayer(const LayerMap& layers, std::shared_ptr<Inpu
         queues.push_back({{}, source});
         inputLayers.push_back(source);
     }
-    inputSet.resize(inputLayers.size());
 }
 
 template <class T>
@@ -227,6 +236,7 @@ bool BaseQueuedLayer<T>::forwardFromQueue() {
     std::size_t numOfSets = std::numeric_limits<std::size_t>::max();
     for (const InputQueue& queue : queues) numOfSets = std::min(numOfSets, queue.tensors.size());
 
+    inputSet.resize(queues.size());
     bool reachedOutput = false;
     for (std::size_t i = 0; i < numOfSets; ++i) {
         auto input = inputSet.begin();

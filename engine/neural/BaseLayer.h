@@ -172,7 +172,7 @@ class OutputLayer : public BaseLayer<T> {
 
     // Everything that arrived since the last call, joined along time into a new tensor: [sum of T, F, C]
     // with F and C of the first. A default tensor when nothing arrived. Throws std::length_error when the
-    // elements do not fit into that shape.
+    // elements do not fit into that shape; results are gone then, too.
     Tensor<T> getResults();
 
     // The same into the caller's tensor. A single result is handed over as it is, without a copy, so it
@@ -183,6 +183,7 @@ class OutputLayer : public BaseLayer<T> {
 
   private:
     void joinResults(Tensor<T>& joined);
+    void copyResults(Tensor<T>& joined) const;
 
     ListNodeReserve<Tensor<T>> reserve;
 };

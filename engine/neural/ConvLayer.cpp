@@ -34,11 +34,16 @@ ConvLayer<T>::ConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> str
     inputChannels = getAxis(weights, 2);
     outputChannels = getAxis(weights, 3);
     historyLength = saturate(1 + std::int64_t{timeDilation} * (std::int64_t{kernelTime} - 1));
-    if (!hasTerms() || !weights.data) return;
-    rows.resize(static_cast<std::size_t>(kernelTime));
-    packedWeights = kernels::packWeights(weights.getReadPointer(), 1,
-                                         std::ptrdiff_t{kernelTime} * kernelFrequency * inputChannels,
-                                         outputChannels, {0, outputChannels, 1});
+    if (hasTerms() && weights.data) packWeights();
+}
+
+template <class T>
+const kernels::PackedWeights& ConvLayer<T>::packWeights() {
+    return packedKernel.get(
+        weights, {kernelTime, kernelFrequency, inputChannels, outputChannels}, [this](const T* kernel) {
+            const std::ptrdiff_t numOfTerms = std::ptrdiff_t{kernelTime} * kernelFrequency * inputChannels;
+            return kernels::packWeights(kernel, 1, numOfTerms, outputChannels, {0, outputChannels, 1});
+        });
 }
 
 template <class T>
@@ -76,8 +81,13 @@ void ConvLayer<T>::requirePossible(const Tensor<T>& tensor, const SliceAxes& axe
                                          ? std::int64_t{frequencies} * channels
                                          : std::int64_t{times} * frequencies * historyChannels;
     requireElements(tensor, numOfValues, "convolution: the tensor is shorter than its slices");
-    if (timeIndex + times <= timeOffset) return;
+    if (timeIndex + times > timeOffset)
+        requireComputable(frequencies, historyChannels, inputChannels == 1 && channels != 1);
+}
 
+// Whether a ring with slices of this size can be convolved.
+template <class T>
+void ConvLayer<T>::requireComputable(int frequencies, int historyChannels, bool isChannelWise) const {
     require(timeStride > 0 && frequencyStride > 0, "convolution: a stride has to be positive");
     const int outputFrequencies = frequencies / frequencyStride;
     Tensor<T>::countElements(std::array{outputFrequencies, std::max(outputChannels, 1)});
@@ -89,8 +99,8 @@ void ConvLayer<T>::requirePossible(const Tensor<T>& tensor, const SliceAxes& axe
     if (!hasTerms()) return;
     requireElements(weights, std::int64_t{kernelTime} * kernelFrequency * inputChannels * outputChannels,
                     "convolution: the kernel is shorter than its shape");
-    // One kernel input takes several channels as they are; otherwise each input needs its channel.
-    require(inputChannels == 1 || inputChannels <= channels, "convolution: the slice has too few channels");
+    require((isChannelWise ? outputChannels : inputChannels) <= historyChannels,
+            "convolution: the slice has too few channels");
 }
 
 template <class T>
@@ -139,15 +149,19 @@ void ConvLayer<T>::storeNewSlice() {
 
 template <class T>
 bool ConvLayer<T>::processTimeSlice(int inputChannelCount) {
+    const SliceAxes ring = getSliceAxes(history);
+    const bool isChannelWise = inputChannels == 1 && inputChannelCount != 1;
+    if (timeIndex >= timeOffset) requireComputable(ring.frequencies, ring.channels, isChannelWise);
     if (timeIndex < timeOffset || (timeIndex - timeOffset) % timeStride != 0) {
         storeNewSlice();
         BaseLayer<T>::triggerForward();
         return false;
     }
-    const int outputFrequencies = getSliceAxes(history).frequencies / frequencyStride;
+    const int outputFrequencies = ring.frequencies / frequencyStride;
+    if (hasTerms() && outputFrequencies > 0) requireRing(history, historyLength, ring);
     output.ensureShape({1, outputFrequencies, outputChannels});
     output.ensureUniqueForOverwrite();
-    convolve(outputFrequencies, inputChannels == 1 && inputChannelCount != 1);
+    convolve(outputFrequencies, isChannelWise);
     return this->forward(output);
 }
 
@@ -164,12 +178,13 @@ void ConvLayer<T>::convolve(int outputFrequencies, bool isChannelWise) {
                                   outputFrequencies,
                                   frequencyStride,
                                   -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
-    if (!hasTerms()) {
+    if (!hasTerms() || outputFrequencies < 1) {
         storeNewSlice();
         return kernels::plain::convolve(shape, nullptr, 0, nullptr, first, 0, out);
     }
 
     shape.numOfSlices = kernelTime;
+    rows.resize(static_cast<std::size_t>(kernelTime));
     const T* slots = history.getReadPointer();
     for (int r = 0; r < kernelTime; ++r) {
         const std::int64_t slot = (timeIndex + 1 + std::int64_t{r} * timeDilation) % length;
@@ -182,8 +197,7 @@ void ConvLayer<T>::convolve(int outputFrequencies, bool isChannelWise) {
     }
     const kernels::SliceToStore store = std::exchange(newSlice, {});
     if (isChannelWise) return kernels::convolveChannels(shape, rows.data(), kernel, first, 0, out, store);
-    if (!kernels::isSuited(packedWeights)) packedWeights = kernels::packConvolution(kernel, shape);
-    kernels::convolve(shape, rows.data(), packedWeights, first, 0, out, store);
+    kernels::convolve(shape, rows.data(), packWeights(), first, 0, out, store);
 }
 
 template <class T>

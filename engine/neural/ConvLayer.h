@@ -5,6 +5,7 @@
 
 #include "DspCore/VectorKernels.h"
 #include "neural/BaseLayer.h"
+#include "neural/PackedKernel.h"
 
 namespace zevrant {
 
@@ -22,12 +23,12 @@ namespace zevrant {
 //          for every timeStride-th slice from timeOffset on. In between the consumers are triggered.
 // Order    An output value takes its terms by r, then k, then c, and rounds accordingly.
 // Memory   A ring of 1 + timeDilation * (kernelTime - 1) slices, zero at the start of a stream, and the
-//          weights a second time in the order in which the kernel reads them. A ring of one slice shares
+//          weights a second time in the order of use. A ring of one slice shares
 //          the buffer of the tensor that was pushed, until the next push.
 // Latency  timeOffset slices.   Threads: only the one that runs the model; no locks.
 // Errors   What the file's numbers or the tensor make impossible (a stride of 0, a slice unlike the ring's,
 //          no kernel) throws std::invalid_argument or std::length_error in that push, before memory is
-//          touched.
+//          touched, and so does a ring that is unlike the kernel in processTimeSlice().
 template <class T>
 class ConvLayer : public BaseLayer<T> {
   public:
@@ -65,11 +66,12 @@ class ConvLayer : public BaseLayer<T> {
   private:
     bool hasTerms() const;
     void requirePossible(const Tensor<T>& tensor, const SliceAxes& axes, int historyChannels) const;
+    void requireComputable(int frequencies, int historyChannels, bool isChannelWise) const;
+    const kernels::PackedWeights& packWeights();
     void convolve(int outputFrequencies, bool isChannelWise);
-
     void storeNewSlice();
 
-    kernels::PackedWeights packedWeights;
+    PackedKernel<T> packedKernel;
     std::vector<const T*> rows;  // the slices that the kernel rows meet
     kernels::SliceToStore newSlice;
 };

@@ -23,10 +23,10 @@ DenseLayer<T>::DenseLayer(const LayerMap& layers, std::shared_ptr<InputStream> s
 }
 
 template <class T>
-void DenseLayer<T>::packWeights(int frequencies, int channels) {
-    packedWeights = kernels::packDense(weights.getReadPointer(), frequencies, channels);
-    packedFrequencies = frequencies;
-    packedChannels = channels;
+const kernels::PackedWeights& DenseLayer<T>::packWeights(int frequencies, int channels) {
+    return packedKernel.get(weights, {frequencies, channels}, [=](const T* kernel) {
+        return kernels::packDense(kernel, frequencies, channels);
+    });
 }
 
 template <class T>
@@ -36,14 +36,12 @@ bool DenseLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     requireElements(weights, std::int64_t{sliceLength} * F, "dense layer: fewer weights than F * F * C");
     const bool hasBias = bias.hasElements();
     if (hasBias) requireElements(bias, sliceLength, "dense layer: bias is shorter than a slice");
-    if (sliceLength > 0 && (F != packedFrequencies || C != packedChannels)) packWeights(F, C);
-
     output.ensureShape(tensor.shape);
     output.ensureUniqueForOverwrite();
     for (int t = 0; sliceLength > 0 && t < axes.times; ++t) {
         const T* in = tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength;
         T* out = output.getWritePointer() + std::ptrdiff_t{t} * sliceLength;
-        kernels::multiplyDense(in, F, C, packedWeights, out);
+        kernels::multiplyDense(in, F, C, packWeights(F, C), out);
         if (hasBias) vo::add(out, bias.getReadPointer(), out, sliceLength);
     }
     return this->forward(output);

@@ -6,6 +6,7 @@
 
 #include "DspCore/VectorKernels.h"
 #include "neural/BaseLayer.h"
+#include "neural/PackedKernel.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {
@@ -33,11 +34,9 @@ class DenseLayer : public BaseLayer<T> {
     Tensor<T> output;   // [T, F, C]
 
   private:
-    void packWeights(int frequencies, int channels);
+    const kernels::PackedWeights& packWeights(int frequencies, int channels);
 
-    kernels::PackedWeights packedWeights;
-    int packedFrequencies = 0;
-    int packedChannels = 0;
+    PackedKernel<T> packedKernel;
 };
 
 // A filter along time, then one along frequency, with one short kernel each that all channels share:

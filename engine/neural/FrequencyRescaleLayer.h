@@ -16,10 +16,10 @@ namespace zevrant {
 //   out[t][o][c] = sum over k of in[t][startBins[o] + k][c] * taps[o][k]
 //
 // Shapes   in [T, F, C], out [T, outputBins, C]. F is only the distance between slices: a run past the band
-//          reads on behind it, on purpose, as far as the tensor has elements.
+//          reads on behind it, on purpose, as far as the tensor's buffer goes.
 // Order    The first term is a product, applied whatever the tap count is; the others follow by k, fused.
 // Memory   None between pushes.   Latency: none.   Threads: only the one that runs the model; no locks.
-// Errors   A run that starts before the tensor or ends behind it, or an entry without a tap, throws
+// Errors   A run that starts before the buffer or ends behind it, or an entry without a tap, throws
 //          std::invalid_argument in that push, before output is written.
 template <class T>
 class FrequencyRescaleLayer : public BaseLayer<T> {

@@ -26,7 +26,6 @@ bool SelfAttentionLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int historyLength = timeWeights.hasElements() ? timeWeights.shape[0] : 0;
     if (axes.times > 0) requireWeights(axes, historyLength);
     const int sliceLength = axes.times > 0 ? axes.frequencies * axes.channels : 0;
-    if (sliceLength > 0 && packedMatrix.numOfOutputs != axes.channels) packMatrix(axes.channels);
 
     if (startDelay >= 1)
         output.ensureShape({1, axes.frequencies, axes.channels});
@@ -93,13 +92,14 @@ const T* SelfAttentionLayer<T>::filterTime(const T* in, const SliceAxes& axes, i
 template <class T>
 void SelfAttentionLayer<T>::mixChannels(const T* in, const SliceAxes& axes, T* out) {
     const T* first = positionBias.hasElements() ? positionBias.getReadPointer() : nullptr;
-    kernels::multiplyMatrix(in, axes.frequencies, packedMatrix, first, axes.channels, out);
+    kernels::multiplyMatrix(in, axes.frequencies, packMatrix(axes.channels), first, axes.channels, out);
 }
 
 template <class T>
-void SelfAttentionLayer<T>::packMatrix(int channels) {
-    packedMatrix =
-        kernels::packWeights(channelMatrix.getReadPointer(), 1, channels, channels, {0, channels, 1});
+const kernels::PackedWeights& SelfAttentionLayer<T>::packMatrix(int channels) {
+    return packedMatrix.get(channelMatrix, {channels}, [channels](const T* matrix) {
+        return kernels::packWeights(matrix, 1, channels, channels, {0, channels, 1});
+    });
 }
 
 template <class T>

@@ -6,6 +6,7 @@
 
 #include "DspCore/VectorKernels.h"
 #include "neural/BaseLayer.h"
+#include "neural/PackedKernel.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {
@@ -52,10 +53,10 @@ class SelfAttentionLayer : public BaseLayer<T> {
     void prepareHistory(const SliceAxes& axes, int historyLength);
     const T* filterTime(const T* in, const SliceAxes& axes, int historyLength);
     void mixChannels(const T* in, const SliceAxes& axes, T* out);
-    void packMatrix(int channels);
+    const kernels::PackedWeights& packMatrix(int channels);
 
-    kernels::PackedWeights packedMatrix;  // channelMatrix in the order of use
-    std::vector<const T*> rows;           // the slices of the ring, oldest first
+    PackedKernel<T> packedMatrix;
+    std::vector<const T*> rows;  // the slices of the ring, oldest first
 };
 
 }  // namespace zevrant

@@ -40,9 +40,10 @@ void widenHalves(const std::uint16_t* halves, float* out, int count) {
     }
 }
 
-void readExactly(InputStream& stream, void* destination, int numOfBytes) {
-    const auto numOfBytesRead = stream.read(destination, numOfBytes);
-    if (numOfBytesRead != numOfBytes) throw std::out_of_range("tensor: the stream ends inside its elements");
+// Whatever the stream does not hold any more stays zero, and loading goes on.
+void readOrClear(InputStream& stream, void* destination, int numOfBytes) {
+    std::memset(destination, 0, static_cast<std::size_t>(numOfBytes));
+    stream.read(destination, numOfBytes);
 }
 
 // Halves are read in one piece to where the second half of the floats will stand, and widened from there
@@ -51,7 +52,7 @@ void readExactly(InputStream& stream, void* destination, int numOfBytes) {
 void readHalves(InputStream& stream, float* elements, int count) {
     const auto* source =
         reinterpret_cast<const unsigned char*>(elements) + 2 * static_cast<std::size_t>(count);
-    readExactly(stream, const_cast<unsigned char*>(source), 2 * count);
+    readOrClear(stream, const_cast<unsigned char*>(source), 2 * count);
     std::array<std::uint16_t, 1024> block;
     std::array<float, 1024> widened;
     for (int first = 0; first < count; first += static_cast<int>(block.size())) {
@@ -63,16 +64,13 @@ void readHalves(InputStream& stream, float* elements, int count) {
     }
 }
 
-// Elements in a storage format that is not known cost a file nothing, so nothing in it limits their number.
-void requireModestSize(int count) {
-    if (count > 1 << 24) throw std::length_error("tensor: too many elements for a format that stores none");
-}
-
-// A length of 0 is what a stream answers that does not know it; the reading itself then finds the end.
-void requireBytesLeft(const InputStream& stream, std::int64_t numOfBytes) {
+// Elements that a file does not hold cost it nothing, so nothing in it limits their number. A length of 0 is
+// what a stream answers that does not know it.
+void requireModestSize(int count, const InputStream& stream, std::int64_t numOfBytes) {
     const long long length = stream.getLength();
-    if (length > 0 && numOfBytes > length - stream.getPosition())
-        throw std::out_of_range("tensor: more elements than the stream still holds");
+    const bool isHeld = numOfBytes > 0 && (length <= 0 || numOfBytes <= length - stream.getPosition());
+    if (!isHeld && count > 1 << 24)
+        throw std::length_error("tensor: too many elements that its file does not hold");
 }
 
 }  // namespace
@@ -123,21 +121,11 @@ Tensor<T>::Tensor(std::shared_ptr<InputStream> stream, int version) {
 
     const int count = countElements(shape);
     if (count <= 0) return;
-    switch (storageFormat) {
-        case halfPrecision:
-            requireBytesLeft(*stream, std::int64_t{2} * count);
-            data = makeTensorData<T>(count);
-            readHalves(*stream, data->data, count);
-            break;
-        case singlePrecision:
-            requireBytesLeft(*stream, std::int64_t{4} * count);
-            data = makeTensorData<T>(count);
-            readExactly(*stream, data->data, 4 * count);
-            break;
-        default:
-            requireModestSize(count);
-            data = makeTensorData<T>(count);
-    }
+    const int bytesPerElement = storageFormat == halfPrecision ? 2 : storageFormat == singlePrecision ? 4 : 0;
+    requireModestSize(count, *stream, std::int64_t{bytesPerElement} * count);
+    data = makeTensorData<T>(count);
+    if (storageFormat == halfPrecision) readHalves(*stream, data->data, count);
+    if (storageFormat == singlePrecision) readOrClear(*stream, data->data, 4 * count);
 }
 
 template <class T>

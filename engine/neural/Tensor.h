@@ -47,8 +47,9 @@ class Tensor {
     //
     // Half precision has no infinities here: the largest exponent is one more binade of ordinary numbers,
     // up to 131008. An unknown format is not an error: its elements stay undefined.
+    // What a stream ends without is zero.
     // Errors   std::length_error for a negative rank, for 2 GiB of elements or more, and for more than 2^24
-    //          of an unknown format; std::out_of_range for more elements than the stream still holds.
+    //          that the stream does not hold.
     Tensor(std::shared_ptr<InputStream> stream, int version);
 
     // Gives the tensor this shape. A buffer that is large enough stays, with its contents, its size and

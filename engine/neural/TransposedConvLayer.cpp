@@ -38,12 +38,17 @@ TransposedConvLayer<T>::TransposedConvLayer(const LayerMap& layers, std::shared_
     timeDilation = readNumber<std::int8_t>(*stream);
     reservedParameter = readNumber<std::int8_t>(*stream);
     timeOffset = readNumber<std::int8_t>(*stream);
-    if (!hasTerms() || !weights.data) return;
-    slots.resize(static_cast<std::size_t>(kernelTime));
-    if (kernelOutputs == outputChannels)
-        packedWeights = kernels::packTransposed(
-            weights.getReadPointer(),
-            {kernelTime, kernelFrequency, inputChannels, kernelOutputs, 0, 0, frequencyStride, 0});
+    if (hasTerms() && weights.data && kernelOutputs == outputChannels) packWeights();
+}
+
+template <class T>
+const kernels::PackedWeights& TransposedConvLayer<T>::packWeights() {
+    return packedKernel.get(
+        weights, {kernelTime, kernelFrequency, kernelOutputs, inputChannels, frequencyStride},
+        [this](const T* kernel) {
+            return kernels::packTransposed(kernel, {kernelTime, kernelFrequency, inputChannels, kernelOutputs,
+                                                    0, 0, frequencyStride, 0});
+        });
 }
 
 // Whether the kernel's axes tell of anything to add.
@@ -135,6 +140,7 @@ bool TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
         inputChannels,   outputChannels,
         slice.shape[1],  accumulator.shape[1],
         frequencyStride, -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
+    slots.resize(static_cast<std::size_t>(kernelTime));
     for (int r = 0; r < kernelTime; ++r) slots[static_cast<std::size_t>(r)] = getSlot(timeIndex + r);
 
     const T* in = slice.getReadPointer();
@@ -148,9 +154,8 @@ bool TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
         addAcrossRows(slice, shape.start);
         return false;
     }
-    if (!kernels::isSuited(packedWeights)) packedWeights = kernels::packTransposed(kernel, shape);
     const bool isOneDue = timeStride == 1 && timeIndex >= timeOffset;
-    kernels::convolveTransposed(shape, in, packedWeights, slots.data(),
+    kernels::convolveTransposed(shape, in, packWeights(), slots.data(),
                                 isOneDue ? openOutput() : kernels::WholeSlot());
     if (isOneDue) reserve.append(outputQueue, outputSlice);
     return isOneDue;

@@ -6,6 +6,7 @@
 
 #include "DspCore/VectorKernels.h"
 #include "neural/BaseLayer.h"
+#include "neural/PackedKernel.h"
 
 namespace zevrant {
 
@@ -78,12 +79,13 @@ class TransposedConvLayer : public BaseLayer<T> {
     int getRingLength() const;
     T* getSlot(std::int64_t time);
     void requirePossible(const Tensor<T>& slice) const;
+    const kernels::PackedWeights& packWeights();
     bool addSlice(const Tensor<T>& slice);
     void addAcrossRows(const Tensor<T>& slice, std::ptrdiff_t start);
     kernels::WholeSlot openOutput();
     void finishSlices();
 
-    kernels::PackedWeights packedWeights;
+    PackedKernel<T> packedKernel;
     std::vector<T*> slots;  // the open slices that the kernel rows meet
     ListNodeReserve<Tensor<T>> reserve;
 };

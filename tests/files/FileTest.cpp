@@ -157,9 +157,11 @@ TEST(File, systemFoldersLieBelowHome) {
     }
 }
 
-TEST(File, systemFoldersWithoutHomeLieBelowTheRoot) {
+TEST(File, foldersOfTheUserNeedHome) {
     const ScopedVariable variable("HOME", nullptr);
-    EXPECT_EQ(File::getSystemFolder(File::UserMusic).getFullPath(), "/Music");
+    for (const auto folder : {File::UserCache, File::UserLibrary, File::UserDocuments, File::UserMusic})
+        EXPECT_THROW(File::getSystemFolder(folder), std::runtime_error);
+    EXPECT_EQ(File::getSystemFolder(File::SystemLibrary).getFullPath(), "/Library");
     EXPECT_EQ(File::getSystemFolder(static_cast<File::SystemFolderID>(6)).getFullPath(), "");
 }
 

@@ -93,6 +93,12 @@ TEST(ProcessorState, formatsThatCannotBeFramedThrowWhenAudioComes) {
         EXPECT_EQ(zevrantGetNumOfPendingSamples(host.handle.get()), 0);
     }
     EXPECT_THROW(models.open({}, 1, INFINITY), std::length_error);
+
+    AudioHost host = models.open({.channels = 2}, 2, rate);
+    host.handle->outputQueue.add(Signal32(1, 10, 0.5f));
+    std::vector<float> samples(20);
+    EXPECT_THROW(zevrantGetAudioInterleaved(host.handle.get(), samples.data(), 10), std::out_of_range)
+        << "a queue with less channels than the host has";
 }
 
 }  // namespace

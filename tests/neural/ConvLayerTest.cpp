@@ -210,6 +210,34 @@ TEST(ConvLayer, oddBandsAndBiases) {
     }
 }
 
+// The ring can be convolved without a push, too, and whatever it then meets is checked.
+TEST(ConvLayer, aSliceCanBeProcessedByItself) {
+    Conv test({{{2, 1, 1, 1}, {10.0f, 1.0f}}});
+    EXPECT_TRUE(test.layer->processTimeSlice(1)) << "a ring without frequencies gives a slice without them";
+    EXPECT_EQ(test.sink.shapes, (std::vector<std::vector<int>>{{1, 0, 1}}));
+    test.push(tensorOf({2, 2, 1}, {1, 2, 3, 4}));
+    test.sink.clear();
+    EXPECT_TRUE(test.layer->processTimeSlice(1));
+    EXPECT_EQ(test.sink.values, (std::vector<float>{31, 42})) << "timeIndex 2 takes slice 1 for the oldest";
+    test.layer->history = tensorOf({1, 2, 1}, {1, 2});
+    EXPECT_THROW(test.layer->processTimeSlice(1), std::invalid_argument);
+    test.layer->frequencyStride = 0;
+    EXPECT_THROW(test.layer->processTimeSlice(1), std::invalid_argument);
+}
+
+TEST(ConvLayer, otherWeightsAreTakenUpWithTheNextPush) {
+    Conv test({{{1, 1, 1, 1}, {2.0f}}});
+    const Tensor<float> slice = tensorOf({1, 2, 1}, {1, 2});
+    test.push(slice);
+    test.layer->weights.ensureUnique();
+    test.layer->weights.getWritePointer()[0] = 5.0f;
+    test.push(slice);
+    test.layer->weights = tensorOf({1, 3, 1, 1}, {1, 10, 100});
+    test.layer->kernelFrequency = 3;
+    test.push(slice);
+    EXPECT_EQ(test.sink.values, (std::vector<float>{2, 4, 5, 10, 210, 21}));
+}
+
 // What the numbers of a file make impossible loads, and stops the push that would need it.
 TEST(ConvLayer, impossibleNumbersThrowInThePush) {
     const Weights kernel = noiseWeights({2, 3, 2, 3}, 1);

@@ -221,7 +221,7 @@ TEST(OutputLayer, joinsWhatArrivedInOrder) {
 TEST(OutputLayer, resultsThatFitNoCommonShapeAreAnError) {
     OutputLayer<float> output;
     const auto arrive = [&](std::initializer_list<Shape> shapes) {
-        output.reset();
+        EXPECT_TRUE(output.results.empty()) << "those of an error are gone, too";
         for (const Shape& shape : shapes) output.push(makeTensor(shape), nullptr);
     };
     arrive({{}, {2, 3, 4}});  // two slices of nothing
@@ -301,6 +301,18 @@ TEST_F(QueuedLayer, matchesSlicesByTheirOrderHoweverTheyArrive) {
                 ASSERT_EQ(queueOfLayer->tensors.size(), sent[q].size() - numOfSets);
         }
     }
+}
+
+TEST_F(QueuedLayer, sourcesMayJoinAfterLoading) {
+    Merger merger(layers, {"a"});
+    merger.queues.push_back({{}, &source("b")});
+    merger.inputLayers.push_back(&source("b"));
+    source("b").consumers.push_back(&merger);
+    source("a").push(makeTensor({1, 2, 3}, 1), nullptr);
+    EXPECT_TRUE(merger.sets.empty());
+    source("b").push(makeTensor({1, 2, 3}, 2), nullptr);
+    ASSERT_EQ(merger.sets.size(), 1u);
+    EXPECT_EQ(merger.sets[0].size(), 2u);
 }
 
 TEST_F(QueuedLayer, anEmptyTensorStillReleasesWhatWaits) {
