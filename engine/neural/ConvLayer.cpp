@@ -111,7 +111,7 @@ bool ConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     if (times > 0) requirePossible(tensor, axes, historyChannels);
     if (historyLength == 1 && times == 1 && channels == historyChannels && tensor.shape.size() == 3) {
         history = tensor;  // a ring of one slice is that slice, so it is shared and not copied
-        const bool hasReachedOutput = processTimeSlice(channels);
+        const bool hasReachedOutput = processCheckedSlice(channels);
         ++timeIndex;
         return hasReachedOutput;
     }
@@ -135,7 +135,7 @@ bool ConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
             // Every slice of the tensor takes the values of the first one, on purpose.
             for (int i = 0; i < frequencies * channels; ++i, slot += repeat) std::fill_n(slot, repeat, in[i]);
         }
-        hasReachedOutput |= processTimeSlice(channels);
+        hasReachedOutput |= processCheckedSlice(channels);
         ++timeIndex;
     }
     return hasReachedOutput;
@@ -150,18 +150,24 @@ void ConvLayer<T>::storeNewSlice() {
 template <class T>
 bool ConvLayer<T>::processTimeSlice(int inputChannelCount) {
     const SliceAxes ring = getSliceAxes(history);
-    const bool isChannelWise = inputChannels == 1 && inputChannelCount != 1;
-    if (timeIndex >= timeOffset) requireComputable(ring.frequencies, ring.channels, isChannelWise);
+    if (timeIndex >= timeOffset) {
+        requireComputable(ring.frequencies, ring.channels, inputChannels == 1 && inputChannelCount != 1);
+        if (hasTerms() && ring.frequencies >= frequencyStride) requireRing(history, historyLength, ring);
+    }
+    return processCheckedSlice(inputChannelCount);
+}
+
+template <class T>
+bool ConvLayer<T>::processCheckedSlice(int inputChannelCount) {
     if (timeIndex < timeOffset || (timeIndex - timeOffset) % timeStride != 0) {
         storeNewSlice();
         BaseLayer<T>::triggerForward();
         return false;
     }
-    const int outputFrequencies = ring.frequencies / frequencyStride;
-    if (hasTerms() && outputFrequencies > 0) requireRing(history, historyLength, ring);
+    const int outputFrequencies = getSliceAxes(history).frequencies / frequencyStride;
     output.ensureShape({1, outputFrequencies, outputChannels});
     output.ensureUniqueForOverwrite();
-    convolve(outputFrequencies, isChannelWise);
+    convolve(outputFrequencies, inputChannels == 1 && inputChannelCount != 1);
     return this->forward(output);
 }
 

@@ -68,6 +68,7 @@ class ConvLayer : public BaseLayer<T> {
     void requirePossible(const Tensor<T>& tensor, const SliceAxes& axes, int historyChannels) const;
     void requireComputable(int frequencies, int historyChannels, bool isChannelWise) const;
     const kernels::PackedWeights& packWeights();
+    bool processCheckedSlice(int inputChannelCount);
     void convolve(int outputFrequencies, bool isChannelWise);
     void storeNewSlice();
 
