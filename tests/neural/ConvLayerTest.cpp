@@ -1,7 +1,6 @@
 #include "neural/ConvLayer.h"
 
 #include <array>
-#include <cmath>
 #include <tuple>
 
 #include "neural/LayerTesting.h"
@@ -41,7 +40,7 @@ void expectDefinition(const ConvRecord& record, int slices, int frequencies, int
                                     << record.settings.timeOffset << ", frequency stride "
                                     << record.settings.frequencyStride);
     const Sequence input = noiseSequence(slices, frequencies, channels, 3);
-    expectStreamsAs<ConvLayer<float>>(
+    expectStreamsInOrder<ConvLayer<float>>(
         record.build(), input, convolve(input, record.weights, record.bias, record.settings), patterns);
 }
 
@@ -57,7 +56,9 @@ TEST(ConvLayer, followsTheDefinition) {
                                            turn % 2 ? noiseWeights({outputs}, 2) : Weights{},
                                            {1 + turn % 3, frequencyStride, turn % 4, turn % 6 - 2}};
                 const int frequencies = std::array{1, 2, 9, 23}[turn / 7 % 4];
-                ASSERT_NO_FATAL_FAILURE(expectDefinition(record, 9, frequencies, inputs));
+                const int channels =
+                    turn % 11 == 0 && inputs > 1 ? inputs + 2 : inputs;  // more than are read
+                ASSERT_NO_FATAL_FAILURE(expectDefinition(record, 9, frequencies, channels));
             }
 }
 
@@ -79,44 +80,6 @@ TEST(ConvLayer, channelWiseFollowsTheDefinition) {
                     if (repeat == 1) patterns.push_back({2, 3});
                     ASSERT_NO_FATAL_FAILURE(expectDefinition(record, 8, frequencies, channels, patterns));
                 }
-}
-
-// Terms by kernel row, tap and input channel, each fused: bit for bit on all that can fuse.
-TEST(ConvLayer, accumulatesInTheStatedOrder) {
-    for (const simd::Target& target : getFusingTargets()) {
-        const simd::ScopedTarget scope(target);
-        for (const auto& [inputs, channels, outputs] :
-             {std::array{3, 3, 40}, std::array{16, 16, 7}, std::array{3, 5, 16}, std::array{1, 9, 9}}) {
-            SCOPED_TRACE(testing::Message()
-                         << inputs << " of " << channels << " to " << outputs << ", " << target.name);
-            constexpr int kernelTime = 3, kernelFrequency = 4, F = 11, frequencyStride = 2, reach = 1;
-            const ConvRecord record = {noiseWeights({kernelTime, kernelFrequency, inputs, outputs}, 1),
-                                       noiseWeights({outputs}, 2),
-                                       {1, frequencyStride, 1, 2}};
-            const auto in = noise(static_cast<std::size_t>(kernelTime * F * channels), 3);
-            Conv test(record);
-            test.push(tensorOf({kernelTime, F, channels}, in));
-            std::vector<float> expected;
-            for (int f = 0; f < F / frequencyStride; ++f)
-                for (int o = 0; o < outputs; ++o) {
-                    float sum = record.bias.values[static_cast<std::size_t>(o)];
-                    for (int r = 0; r < kernelTime; ++r)
-                        for (int k = 0; k < kernelFrequency; ++k) {
-                            const int row = f * frequencyStride + k - reach;
-                            if (row < 0 || row >= F) continue;
-                            for (int c = 0; c < inputs; ++c) {
-                                const int channel = inputs == 1 ? o : c;
-                                const int at = (r * kernelFrequency + k) * inputs + c;
-                                sum = std::fma(
-                                    in[static_cast<std::size_t>((r * F + row) * channels + channel)],
-                                    record.weights.values[static_cast<std::size_t>(at * outputs + o)], sum);
-                            }
-                        }
-                    expected.push_back(sum);
-                }
-            ASSERT_EQ(test.sink.values, expected);
-        }
-    }
 }
 
 TEST(ConvLayer, theGateTriggersConsumersInBetween) {
