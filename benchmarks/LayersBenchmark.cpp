@@ -80,6 +80,7 @@ void compare(benchmark::State& state, double numOfProducts, const Work& ours, co
     std::vector<double> fractions;
     long long peakProducts = 1;
     for (auto _ : state) {
+        plain::multiplyAndAddAtPeak();  // until the clock has settled
         const double peakOfTurn = peakTime.add(1, [&] { peakProducts = plain::multiplyAndAddAtPeak(); });
         const double timeOfTurn = ourTime.add(numOfCalls, ours);
         fractions.push_back(numOfProducts / timeOfTurn * peakOfTurn / static_cast<double>(peakProducts));
