@@ -41,8 +41,8 @@ template <class T>
 const kernels::PackedWeights& ConvLayer<T>::packWeights() {
     return packedKernel.get(
         weights, {kernelTime, kernelFrequency, inputChannels, outputChannels}, [this](const T* kernel) {
-            const std::ptrdiff_t numOfTerms = std::ptrdiff_t{kernelTime} * kernelFrequency * inputChannels;
-            return kernels::packWeights(kernel, 1, numOfTerms, outputChannels, {0, outputChannels, 1});
+            return kernels::packConvolution(kernel, {kernelTime, kernelFrequency, inputChannels,
+                                                     outputChannels, 0, 0, frequencyStride, 0});
         });
 }
 

@@ -1094,7 +1094,6 @@ void combineAllRows(const float* const* rows, const float* factors, std::ptrdiff
 }
 
 // What the bands of a rescaling share, for one vector of channels.
-template <class Load, class Store>
 struct Bands {
     const float* in;
     std::ptrdiff_t numOfChannels;
@@ -1102,8 +1101,6 @@ struct Bands {
     const int* counts;
     const float* const* factors;
     float* out;
-    Load load;
-    Store store;
 };
 
 // Adds terms without a test in between, as often as that many are left.
@@ -1120,8 +1117,9 @@ HWY_INLINE void addTermsOfBand(const float*& row, std::ptrdiff_t step, const flo
 // The sum of a band is one chain of multiply-adds. The processor has those of the next bands under way before
 // it ends, as long as a band takes few instructions besides the two loads of each of its terms.
 template <class Load, class Store>
-HWY_NOINLINE void sumShortBands(const Bands<Load, Store>& bands, std::ptrdiff_t begin, std::ptrdiff_t end) {
-    const auto [in, step, starts, counts, factors, out, load, store] = bands;
+HWY_NOINLINE void sumShortBands(const Bands& bands, std::ptrdiff_t begin, std::ptrdiff_t end, Load load,
+                                Store store) {
+    const auto [in, step, starts, counts, factors, out] = bands;
     for (std::ptrdiff_t b = begin; b < end; ++b) {
         const float* row = in + starts[b] * step;
         const float* factor = factors[b];
@@ -1179,8 +1177,8 @@ HWY_INLINE void addVectorOfTerms(const LaneSpreader& spreader, std::ptrdiff_t st
 
 // Bands with at least as many terms as a vector has lanes, side by side as far as all of them reach.
 template <class Load, class Store>
-HWY_NOINLINE void sumLongBands(const Bands<Load, Store>& bands, std::ptrdiff_t end) {
-    const auto [in, step, starts, counts, allFactors, out, load, store] = bands;
+HWY_NOINLINE void sumLongBands(const Bands& bands, std::ptrdiff_t end, Load load, Store store) {
+    const auto [in, step, starts, counts, allFactors, out] = bands;
     const LaneSpreader spreader;
     for (std::ptrdiff_t first = 0; first < end; first += kLongBands) {
         const float* rows[kLongBands];
@@ -1210,11 +1208,11 @@ HWY_NOINLINE void sumLongBands(const Bands<Load, Store>& bands, std::ptrdiff_t e
 // One vector of channels of all bands. They go side by side, as far as they come in full sets, where all are
 // long.
 template <class Load, class Store>
-void sumBands(const Bands<Load, Store>& bands, std::ptrdiff_t numOfBands) {
+void sumBands(const Bands& bands, std::ptrdiff_t numOfBands, Load load, Store store) {
     const int fewest = *std::min_element(bands.counts, bands.counts + numOfBands);
     const std::ptrdiff_t end = fewest >= kFloats ? numOfBands / kLongBands * kLongBands : 0;
-    if (end > 0) sumLongBands(bands, end);
-    sumShortBands(bands, end, numOfBands);
+    if (end > 0) sumLongBands(bands, end, load, store);
+    sumShortBands(bands, end, numOfBands, load, store);
 }
 
 void rescaleAllBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff_t numOfBands,
@@ -1225,13 +1223,13 @@ void rescaleAllBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff
     for (; c + numOfLanes <= numOfChannels; c += numOfLanes) {
         const auto load = [](const float* row) HWY_ATTR { return hn::LoadU(Floats(), row); };
         const auto store = [](Vector sum, float* to) HWY_ATTR { hn::StoreU(sum, Floats(), to); };
-        sumBands(Bands{in + c, numOfChannels, starts, counts, factors, out + c, load, store}, numOfBands);
+        sumBands({in + c, numOfChannels, starts, counts, factors, out + c}, numOfBands, load, store);
     }
     if (c == numOfChannels) return;
     const auto rest = static_cast<std::size_t>(numOfChannels - c);
     const auto load = [rest](const float* row) HWY_ATTR { return loadFirst(row, rest); };
     const auto store = [rest](Vector sum, float* to) HWY_ATTR { storeFirst(sum, to, rest); };
-    sumBands(Bands{in + c, numOfChannels, starts, counts, factors, out + c, load, store}, numOfBands);
+    sumBands({in + c, numOfChannels, starts, counts, factors, out + c}, numOfBands, load, store);
 }
 
 }  // namespace
