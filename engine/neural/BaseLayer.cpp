@@ -1,6 +1,7 @@
 #include "neural/BaseLayer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <stdexcept>
 #include <utility>
@@ -12,7 +13,25 @@ namespace zevrant {
 namespace {
 
 constexpr int mostLayersOnAPath = 4096;
-constexpr std::int64_t mostPaths = std::int64_t{1} << 28;
+constexpr std::int64_t mostTriggerWays = std::int64_t{1} << 28;
+
+// One walk of measureLatency() through a graph, from the first call on this thread to its return.
+class LatencyWalk {
+  public:
+    LatencyWalk() {
+        if (numOfCalls++ == 0) current = ++numOfWalks;
+    }
+    ~LatencyWalk() { --numOfCalls; }
+    LatencyWalk(const LatencyWalk&) = delete;
+    LatencyWalk& operator=(const LatencyWalk&) = delete;
+
+    std::int64_t getNumber() const { return current; }
+
+  private:
+    inline static std::atomic<std::int64_t> numOfWalks = 0;
+    inline static thread_local std::int64_t current = 0;
+    inline static thread_local int numOfCalls = 0;
+};
 
 // The text is part of the interface and must not depend on the standard library.
 const LayerMap::mapped_type& findLayer(const LayerMap& layers, const std::string& name) {
@@ -80,10 +99,11 @@ BaseLayer<T>* BaseLayer<T>::attachToSource(const LayerMap& layers, InputStream& 
     BaseLayer<T>* source = std::get<std::shared_ptr<BaseLayer<T>>>(entry).get();
     require(source != nullptr, "layer graph: the source is null");
 
-    numOfPaths = (depth == 0 ? 0 : numOfPaths) + source->numOfPaths;
+    numOfTriggerWays += source->numOfTriggerWays + (source->triggersConsumers ? 1 : 0);
     depth = std::max(depth, source->depth + 1);
     if (depth > mostLayersOnAPath) throw std::length_error("layer graph: too deep");
-    if (numOfPaths > mostPaths) throw std::length_error("layer graph: too many paths");
+    if (numOfTriggerWays > mostTriggerWays)
+        throw std::length_error("layer graph: too many ways of a trigger");
     attachedSources.push_back(source);
     source->attachedConsumers.push_back(this);
     source->consumers.push_back(this);
@@ -117,8 +137,16 @@ bool BaseLayer<T>::forward(const Tensor<T>& output) {
 
 template <class T>
 int BaseLayer<T>::measureConsumers(int timeScale) {
+    const LatencyWalk walk;
     int latency = 0;
-    for (BaseLayer<T>* consumer : consumers) latency = std::max(latency, consumer->measureLatency(timeScale));
+    for (BaseLayer<T>* consumer : consumers) {
+        LatencyAnswer& answer = consumer->latencyAnswer;
+        if (answer.walk != walk.getNumber() || answer.timeScale != timeScale) {
+            const int measured = consumer->measureLatency(timeScale);
+            answer = {walk.getNumber(), timeScale, measured};
+        }
+        latency = std::max(latency, answer.latency);
+    }
     return latency;
 }
 

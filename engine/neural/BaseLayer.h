@@ -101,7 +101,8 @@ int countSlice(int numOfSlices, int ringLength);
 //          ensureUnique() on its output before it writes again.
 // Errors   Attaching throws std::out_of_range "map::at:  key not found" for an unknown source,
 //          std::bad_variant_access for one that is not of T, and std::length_error where a graph gets
-//          deeper than 4096 layers or has more than 2^28 paths, which no stack or frame could bear.
+//          deeper than 4096 layers, which no stack could bear, or leads a trigger along more than 2^28
+//          ways, which no frame could: skips that follow each other double them.
 // Threads  A graph is driven by one thread at a time; no locks.
 template <class T>
 class BaseLayer {
@@ -124,7 +125,8 @@ class BaseLayer {
     virtual void reset();
 
     // How many frames of the model's input a signal is delayed from here on, on the slowest path.
-    // timeScale is how many input frames one slice stands for at this place.
+    // timeScale is how many input frames one slice stands for at this place. A walk through the graph asks
+    // a layer once, however many ways lead there.
     virtual int measureLatency(int timeScale);
 
     // Asks layers further on to release what they hold back, without new data.
@@ -143,13 +145,22 @@ class BaseLayer {
     // The largest answer of the consumers, at least 0.
     int measureConsumers(int timeScale);
 
+    bool triggersConsumers = false;  // set by layers that call triggerForward() on them of their own accord
+
   private:
+    struct LatencyAnswer {
+        std::int64_t walk = 0;  // the walk that asked last
+        int timeScale = 0;
+        int latency = 0;
+    };
+    LatencyAnswer latencyAnswer;
+
     // Both ends of the links that attachToSource() made, so that either end can take them down.
     std::vector<BaseLayer<T>*> attachedSources;
     std::vector<BaseLayer<T>*> attachedConsumers;
 
-    int depth = 0;                // layers on the longest way from the input to this one
-    std::int64_t numOfPaths = 1;  // ways from the input to this one
+    int depth = 0;                      // layers on the longest way from the input to this one
+    std::int64_t numOfTriggerWays = 0;  // ways on which triggers come to this one
 };
 
 // Where a model's tensors enter; known to all layers as "input".

@@ -27,6 +27,7 @@ ConvLayer<T>::ConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> str
     timeDilation = readNumber<std::int8_t>(*stream);
     reservedParameter = readNumber<std::int8_t>(*stream);
     timeOffset = readNumber<std::int8_t>(*stream);
+    this->triggersConsumers = timeStride != 1 || timeOffset > 0;
 
     if (version <= 0x1000) weights = permuteKernels(weights);
     kernelTime = getAxis(weights, 0);
