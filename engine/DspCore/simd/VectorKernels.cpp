@@ -933,6 +933,11 @@ void transposeThroughTable(const TransposedConvolution& shape, const float* in, 
 
 void transposeSlice(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
                     float* const* slots, const WholeSlot& whole) {
+    if (shape.inputFrequencies < 1) {
+        if (whole.out)
+            finishRows(slots[0], whole.bias, shape.outputFrequencies, shape.numOfOutputs, whole.out);
+        return;
+    }
     const std::ptrdiff_t taps = weights.numOfOutputs / shape.numOfOutputs;
     if (taps == 1 || (taps == shape.frequencyStride && shape.numOfTaps % taps == 0))
         transposeByTaps(shape, in, weights, slots, whole);
