@@ -289,25 +289,27 @@ TEST_P(VectorKernels, combineRowsIsThePlainLoop) {
 }
 
 TEST_P(VectorKernels, rescaleBandsIsThePlainLoop) {
-    constexpr int numOfBins = 40, numOfBands = 21, maxCount = 12;
-    std::vector<int> starts, counts;
-    std::vector<const float*> factors;
+    constexpr int numOfBins = 70, numOfBands = 21, maxCount = 46;
     const Values values = noise(maxCount * numOfBands, 1);
-    for (int b = 0; b < numOfBands; ++b) {
-        counts.push_back(b * 5 % (maxCount + 1));  // 0 still applies the first factor
-        starts.push_back(b * 11 % (numOfBins - maxCount));
-        factors.push_back(values.data() + maxCount * b);
-    }
-    for (std::ptrdiff_t channels : kWidths)
-        for (std::ptrdiff_t bands : {0, 1, 7, 8, 9, numOfBands}) {
-            const Values in = noise(numOfBins * channels, 2);
-            Values out(static_cast<std::size_t>(bands * channels)), expected = out;
-            rescaleBands(in.data(), channels, bands, starts.data(), counts.data(), factors.data(),
-                         out.data());
-            plain::rescaleBands(in.data(), channels, bands, starts.data(), counts.data(), factors.data(),
-                                expected.data());
-            ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, maxCount));
+    for (int fewest : {0, 4, 16, 33}) {  // 0 still applies the first factor
+        std::vector<int> starts, counts;
+        std::vector<const float*> factors;
+        for (int b = 0; b < numOfBands; ++b) {
+            counts.push_back(fewest + b * 5 % 13);
+            starts.push_back(b * 11 % (numOfBins - maxCount));
+            factors.push_back(values.data() + maxCount * b);
         }
+        for (std::ptrdiff_t channels : kWidths)
+            for (std::ptrdiff_t bands : {0, 1, 7, 8, 9, numOfBands}) {
+                const Values in = noise(numOfBins * channels, 2);
+                Values out(static_cast<std::size_t>(bands * channels)), expected = out;
+                rescaleBands(in.data(), channels, bands, starts.data(), counts.data(), factors.data(),
+                             out.data());
+                plain::rescaleBands(in.data(), channels, bands, starts.data(), counts.data(), factors.data(),
+                                    expected.data());
+                ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, maxCount));
+            }
+    }
 }
 
 // The plain loop itself, against sums in double over a padded band.
