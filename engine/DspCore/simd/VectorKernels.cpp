@@ -1214,8 +1214,9 @@ HWY_NOINLINE void sumLongBands(const Bands& bands, std::ptrdiff_t end, Load load
 // long.
 template <class Load, class Store>
 void sumBands(const Bands& bands, std::ptrdiff_t numOfBands, Load load, Store store) {
-    const int fewest = *std::min_element(bands.counts, bands.counts + numOfBands);
-    const std::ptrdiff_t end = fewest >= kFloats ? numOfBands / kLongBands * kLongBands : 0;
+    int fewest = kFloats;
+    for (std::ptrdiff_t b = 0; b < numOfBands; ++b) fewest = std::min(fewest, bands.counts[b]);
+    const std::ptrdiff_t end = fewest == kFloats ? numOfBands / kLongBands * kLongBands : 0;
     if (end > 0) sumLongBands(bands, end, load, store);
     sumShortBands(bands, end, numOfBands, load, store);
 }
