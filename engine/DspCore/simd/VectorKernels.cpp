@@ -1138,7 +1138,7 @@ HWY_NOINLINE void sumShortBands(const Bands& bands, std::ptrdiff_t begin, std::p
 }
 
 constexpr int kFloats = static_cast<int>(hn::MaxLanes(Floats()));
-constexpr int kLongBands = 3;  // side by side
+constexpr int kLongBands = 4;  // side by side
 
 // Copies an odd lane of a vector to all its lanes.
 class LaneSpreader {
