@@ -819,10 +819,12 @@ void finishOtherRows(const TransposedConvolution& shape, std::ptrdiff_t taps, fl
     for (std::ptrdiff_t tap = 0; tap < stride; ++tap) {
         const ValidInputs done = findInputsInside(shape, tap / taps * taps, taps);
         const bool isMet = tap < shape.numOfTaps;
-        std::ptrdiff_t i = ceilOfQuotient(-shape.start - tap, stride);
-        for (std::ptrdiff_t f = 0; (f = shape.start + tap + i * stride) < shape.outputFrequencies; ++i)
-            if (!isMet || i < done.begin || i >= done.end)
-                finishRows(slot + f * length, whole.bias, 1, length, whole.out + f * length);
+        for (std::ptrdiff_t i = ceilOfQuotient(-shape.start - tap, stride);; ++i) {
+            if (isMet && i >= done.begin) i = std::max(i, done.end);
+            const std::ptrdiff_t f = shape.start + tap + i * stride;
+            if (f >= shape.outputFrequencies) break;
+            finishRows(slot + f * length, whole.bias, 1, length, whole.out + f * length);
+        }
     }
 }
 
