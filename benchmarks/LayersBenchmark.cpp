@@ -3,9 +3,8 @@
 //
 //   us         one push of the whole layer, its copies into and out of the rings included
 //   GFLOPs     two operations for each product that the definition has inside the band
-//   peak       fraction of the multiply-adds that this core does on registers alone: its clock changes, so
-//   each
-//              turn is held against the peak of that turn, and of ten turns the second best counts
+//   peak       fraction of the multiply-adds that this core does on registers alone: each turn beside the
+//              peak of that turn, as the clock changes; of ten turns the second best counts
 //   vs_loop    the plain loop's time over ours      vs_onednn   our time over oneDNN's
 #include <benchmark/benchmark.h>
 

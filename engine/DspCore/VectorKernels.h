@@ -118,6 +118,7 @@ struct WholeSlot {
     float* out = nullptr;
 };
 
+// The same by itself; out is needed.
 void finishSlot(float* slot, std::ptrdiff_t outputFrequencies, std::ptrdiff_t numOfOutputs,
                 const WholeSlot& whole);
 
