@@ -27,9 +27,24 @@
  *              are used during the call only; the engine keeps none of them.
  *   Failure    A null handle or a false result, without text. Only the two delete functions accept
  *              a null handle. Nothing is logged.
- *   Exceptions The functions catch none. What they let through in C++ is a standard exception: no
- *              memory, or a model whose numbers make its first frame impossible. A host in another
- *              language treats that as fatal.
+ *   Exceptions The functions catch none, so C++ exceptions leave them; all derive from
+ *              std::exception. A C program cannot catch them, and one that nobody catches ends the
+ *              process. What each function can throw:
+ *
+ *                create      std::bad_alloc (no memory); std::out_of_range, std::length_error,
+ *                            std::invalid_argument, std::logic_error (a damaged model, -1 channels,
+ *                            an infinite rate, a null path)
+ *                add         std::bad_alloc; for a model or a format with impossible numbers
+ *                            std::out_of_range, std::length_error, std::invalid_argument,
+ *                            std::logic_error, std::runtime_error
+ *                get, reset  std::bad_alloc
+ *                others      nothing
+ *
+ *              zevrant_separation.h offers the same work behind calls that never throw.
+ *   Not a      A sample that is infinite or not a number is processed like any other. It makes what
+ *   number     it meets not-a-number as well: the output for the length of a frame, and the memory
+ *              of the model for as long as that reaches back, with recursive levels until
+ *              zevrantResetProcessorState. Hosts that cannot rule it out replace such samples by 0.
  *   Threads    [host] before, between or after other calls on the handle, never during one.
  *              [audio] the host never runs two [host] or [audio] calls on one handle at once; which
  *              thread makes them does not matter. [any] any thread, also while audio is processed.
@@ -64,11 +79,19 @@ typedef struct ModelState ModelState;          ///< a model that runs on tensors
 /// The host's channel count and sample rate are free of the model's: channels are adapted through
 /// mono where they differ, and frame sizes follow the sample rate by a power of two.
 ///
-/// @param modelPath      path of the model file, absolute or relative to the working directory
+/// @param modelPath      path of the model file, absolute or relative to the working directory; a
+///                       null pointer throws std::logic_error
 /// @param numOfChannels  channels that go in and come out, 1 or more
-/// @param sampleRate     of the host's audio, hertz, above 0
+/// @param sampleRate     of the host's audio, hertz, above 0 and finite
 /// @return the handle, to be deleted with zevrantDeleteProcessor; null when the file cannot be
-///         opened or read as a model, or a format cannot be set, and then nothing stays behind
+///         opened or is no model, and then nothing stays behind. A damaged model gives null or
+///         throws a standard exception.
+///
+/// The two numbers are not checked, on purpose. 0 channels, or a rate of 0, below 0 or not a number,
+/// give a handle whose first complete frame throws. A negative number of channels and an infinite
+/// rate throw here, and so do numbers for which frames would take more than 2 GiB
+/// (std::length_error). A rate far below the model's gives frames of no samples, which pass audio
+/// on as it is.
 /// [host] Reads files and allocates memory.
 ZEVRANT_EXPORT struct ProcessorState* zevrantCreateProcessor(const char* modelPath, int numOfChannels,
                                                              double sampleRate);
@@ -86,7 +109,8 @@ ZEVRANT_EXPORT struct ProcessorState* zevrantCreateProcessor(const char* modelPa
 /// @param modelPaths     numOfModels paths
 /// @param numOfChannels  as for zevrantCreateProcessor
 /// @param sampleRate     as for zevrantCreateProcessor
-/// @return as zevrantCreateProcessor; null also when the models disagree
+/// @return as zevrantCreateProcessor; null also when the models disagree. The header comment tells
+///         what it may throw.
 /// [host] Reads files, allocates memory and starts threads.
 ZEVRANT_EXPORT struct ProcessorState* zevrantCreateStemSeparator(int numOfModels, const char** modelPaths,
                                                                  int numOfChannels, double sampleRate);
@@ -105,7 +129,8 @@ ZEVRANT_EXPORT void zevrantDeleteProcessor(struct ProcessorState* handle);
 /// @param numOfSamples  samples per channel, any number; 0 adds nothing
 ///
 /// An exception leaves the handle usable, but the audio of the frame at hand is lost, and frames
-/// may be out of step until zevrantResetProcessorState.
+/// may be out of step until zevrantResetProcessorState. A model with impossible numbers throws at
+/// its first complete frame and at every one after that.
 /// [audio]
 ZEVRANT_EXPORT void zevrantAddAudio(struct ProcessorState* handle, const float** channels, int numOfSamples);
 
@@ -172,7 +197,9 @@ ZEVRANT_EXPORT void zevrantResetProcessorState(struct ProcessorState* handle);
 /// [any]
 ZEVRANT_EXPORT float zevrantGetParameterValue(struct ProcessorState* handle, int id);
 
-/// Writes a parameter. It takes effect with the next bus of the frame at hand, at the earliest.
+/// Writes a parameter. It takes effect with the next bus of the frame at hand, at the earliest:
+/// in sound that went in up to ProcessorInfo::latency samples before. Overlap-add fades from the
+/// old value to the new one over one hop.
 ///
 /// @param id     see the table; an id that is not in it, or a bus from 16 up, is ignored
 /// @param value  limited to the range of the table, but that a bus gain has no upper limit
@@ -233,7 +260,7 @@ ZEVRANT_EXPORT void zevrantGetVectorArithmeticWrapperName(char* name, int size);
 ///
 /// @param modelPath  path of the model file
 /// @return the handle, to be deleted with zevrantDeleteModel; null when the file cannot be opened
-///         or read as a model
+///         or is no model. A damaged model gives null or throws a standard exception.
 /// [host] Reads a file and allocates memory.
 ZEVRANT_EXPORT struct ModelState* zevrantCreateModel(const char* modelPath);
 

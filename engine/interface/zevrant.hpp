@@ -1,6 +1,8 @@
 /// @file
 /// The interface for C++ hosts: the functions of zevrant.h as two handles that own themselves. Header-only,
-/// C++20; every member is one inline call of the C function of its name, so it costs what that call costs.
+/// C++20. A member calls the C function of its name and costs what that call costs; only creating (which says
+/// what is wrong with a file or a format) and adding audio (which looks for samples that are not finite) do a
+/// little more.
 ///
 ///   auto processor = zevrant::Processor::create("model.zevrant", 2, 48000.0);
 ///   if (!processor) return fail();
@@ -11,28 +13,119 @@
 /// Handles move and do not copy. A handle that was moved from is empty: it may be assigned to, destroyed or
 /// asked for with `if (handle)`, and nothing else. Counts are samples per channel. Units, ranges and threads
 /// are those of zevrant.h: [host] and [audio] calls on one handle never overlap, [any] may run during them.
-/// What leaves an audio or tensor call as an exception is a standard one.
+/// What leaves an audio or tensor call as an exception is a standard one. Loading a model from memory, the
+/// exact reason why one was refused, and calls that never throw are the separation library's
+/// (zevrant_separation.h).
 #pragma once
 
+#if !defined(__cplusplus) || (__cplusplus < 202002L && !(defined(_MSVC_LANG) && _MSVC_LANG >= 202002L))
+#error "zevrant.hpp needs C++20"
+#else
+
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cassert>
+#include <cmath>
 #include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "zevrant.h"
 
+/// The version of this header and of the library that it came with: the build takes its number from here.
+#define ZEVRANT_VERSION_MAJOR 0
+#define ZEVRANT_VERSION_MINOR 1
+#define ZEVRANT_VERSION_PATCH 0
+#define ZEVRANT_DETAIL_TEXT(number) #number
+#define ZEVRANT_DETAIL_DOTTED(major, minor, patch) \
+    ZEVRANT_DETAIL_TEXT(major) "." ZEVRANT_DETAIL_TEXT(minor) "." ZEVRANT_DETAIL_TEXT(patch)
+#define ZEVRANT_VERSION \
+    ZEVRANT_DETAIL_DOTTED(ZEVRANT_VERSION_MAJOR, ZEVRANT_VERSION_MINOR, ZEVRANT_VERSION_PATCH)
+
 namespace zevrant {
 
-/// No handle could be made: a file is missing or is no model, models disagree, or the format is impossible.
+/// ZEVRANT_VERSION of the header that the program was compiled with. [any]
+inline constexpr std::string_view getVersion() noexcept {
+    return ZEVRANT_VERSION;
+}
+
+/// No handle could be made. The text names the file or the argument.
 class CreationError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    /// What went wrong, as far as it can be told from outside the library.
+    enum class Kind {
+        Missing,         ///< there is no such file
+        NotReadable,     ///< it is there and cannot be read
+        NoModel,         ///< it does not start as a model file does
+        UnusableFormat,  ///< the channel count is below 1, or the sample rate is not a positive number
+        OutOfMemory,     ///< no memory
+        Refused          ///< a damaged model, models that disagree, or a format that the frames cannot follow
+    };
+
+    CreationError(Kind kindOfFailure, const std::string& text)
+        : std::runtime_error(text), kind(kindOfFailure) {}
+
+    Kind getKind() const noexcept { return kind; }  ///< what went wrong
+
+  private:
+    Kind kind;
 };
+
+namespace detail {
+
+/// Throws CreationError unless the file is there, can be read and starts as a model does.
+inline void requireModelFile(const std::string& path) {
+    constexpr std::string_view magic = "zevrant.model";
+    using Kind = CreationError::Kind;
+    std::error_code error;
+    const auto type = std::filesystem::status(path, error).type();
+    if (type == std::filesystem::file_type::not_found)
+        throw CreationError(Kind::Missing, path + ": no such file");
+    if (type == std::filesystem::file_type::directory)
+        throw CreationError(Kind::NotReadable, path + ": is a folder");
+    if (type != std::filesystem::file_type::regular) return;  // what is read once is left to the library
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw CreationError(Kind::NotReadable, path + ": cannot be read");
+    std::array<char, 4 + magic.size()> start{};  // the length of the magic as an int32, and the magic
+    file.read(start.data(), static_cast<std::streamsize>(start.size()));
+    if (std::string_view(start.data() + 4, magic.size()) != magic)
+        throw CreationError(Kind::NoModel, path + ": no zevrant model");
+}
+
+/// Calls a create function of zevrant.h and gives its handle, or throws CreationError with what is known.
+template <class Create>
+auto createOrThrow(const std::string& path, const Create& create) {
+    using Kind = CreationError::Kind;
+    std::string reason;
+    try {
+        if (auto* handle = create()) return handle;
+    } catch (const std::bad_alloc&) {
+        throw CreationError(Kind::OutOfMemory, path + ": no memory");
+    } catch (const std::exception& error) {
+        reason = std::string(" (") + error.what() + ")";
+    }
+    throw CreationError(Kind::Refused,
+                        path + ": refused" + reason + "; 'zevrant check' tells what is wrong with a model");
+}
+
+/// Neither infinite nor not-a-number. By its bits, since a host may be compiled to assume that there are no
+/// others.
+inline bool isFinite(float sample) noexcept {
+    return (std::bit_cast<std::uint32_t>(sample) & 0x7f800000u) != 0x7f800000u;
+}
+
+}  // namespace detail
 
 /// The name of the vector arithmetic that this build runs on. [any]
 inline std::string getVectorArithmeticWrapperName() {
@@ -52,40 +145,67 @@ class Processor {
 
     /// Opens a processor on one model file; throws CreationError when that fails. [host]
     Processor(const std::string& modelPath, int numOfChannels, double sampleRate)
-        : Processor(zevrantCreateProcessor(modelPath.c_str(), numOfChannels, sampleRate), numOfChannels) {
-        if (!handle) throw CreationError("cannot open a processor on " + modelPath);
-    }
+        : Processor(std::span(&modelPath, 1), numOfChannels, sampleRate) {}
 
     /// The same on several model files, whose busses follow each other in the order of the paths. [host]
     Processor(std::span<const std::string> modelPaths, int numOfChannels, double sampleRate)
-        : Processor(createStemSeparator(modelPaths, numOfChannels, sampleRate), numOfChannels) {
-        if (!handle) throw CreationError("cannot open a processor on these models");
-    }
+        : handle(open(modelPaths, numOfChannels, sampleRate)), channelsPerFrame(numOfChannels) {}
 
     /// As the constructors, with an empty optional for a failure. [host]
     static std::optional<Processor> create(const std::string& modelPath, int numOfChannels,
                                            double sampleRate) {
-        return wrap(zevrantCreateProcessor(modelPath.c_str(), numOfChannels, sampleRate), numOfChannels);
+        return create(std::span(&modelPath, 1), numOfChannels, sampleRate);
     }
 
     /// The same on several model files. [host]
     static std::optional<Processor> create(std::span<const std::string> modelPaths, int numOfChannels,
                                            double sampleRate) {
-        return wrap(createStemSeparator(modelPaths, numOfChannels, sampleRate), numOfChannels);
+        try {
+            return Processor(modelPaths, numOfChannels, sampleRate);
+        } catch (const CreationError&) {
+            return std::nullopt;
+        }
     }
 
     /// Takes a block of planar audio, one pointer per channel, and processes the frames that it completes.
     /// [audio]
     void addAudio(std::span<const float* const> channels, int numOfSamples) {
         assert(static_cast<int>(channels.size()) == channelsPerFrame);
-        // The C function reads the table and takes it without the const that it keeps.
-        zevrantAddAudio(handle.get(), const_cast<const float**>(channels.data()), numOfSamples);
+        const auto length = static_cast<std::size_t>(std::max(numOfSamples, 0));
+        const auto hasOnlyNumbers = [length](const float* row) {
+            return std::all_of(row, row + length, detail::isFinite);
+        };
+        if (!replacesNonFinite || std::all_of(channels.begin(), channels.end(), hasOnlyNumbers)) {
+            // The C function reads the table and takes it without the const that it keeps.
+            return zevrantAddAudio(handle.get(), const_cast<const float**>(channels.data()), numOfSamples);
+        }
+        replaced.resize(channels.size() * length);
+        std::vector<const float*> rows;
+        for (const float* row : channels) {
+            float* copy = replaced.data() + rows.size() * length;
+            copyFinite({row, length}, copy);
+            rows.push_back(copy);
+        }
+        zevrantAddAudio(handle.get(), rows.data(), numOfSamples);
     }
 
     /// The same from interleaved audio, frame by frame; a last frame that is not whole is left out. [audio]
     void addAudioInterleaved(std::span<const float> samples) {
+        if (replacesNonFinite && !std::all_of(samples.begin(), samples.end(), detail::isFinite)) {
+            replaced.resize(samples.size());
+            copyFinite(samples, replaced.data());
+            samples = replaced;
+        }
         zevrantAddAudioInterleaved(handle.get(), samples.data(), countFrames(samples.size()));
     }
+
+    /// Whether samples that are not finite become 0 before they enter, as they do at first. One such sample
+    /// otherwise stays in the model's memory: for a second, or with some models until a reset. A block
+    /// without any is not copied; one with them takes memory. [host]
+    void setReplacingNonFinite(bool enabled) noexcept { replacesNonFinite = enabled; }
+
+    /// How many samples have been replaced so far, over all channels. [audio]
+    std::int64_t getNumOfReplacedSamples() const noexcept { return numOfReplacedSamples; }
 
     /// Processed samples that are ready. [audio]
     int getNumOfPendingSamples() const { return zevrantGetNumOfPendingSamples(handle.get()); }
@@ -109,8 +229,10 @@ class Processor {
     /// Reads a parameter by its number in the table of zevrant.h. [any]
     float getParameterValue(int id) const { return zevrantGetParameterValue(handle.get(), id); }
 
-    /// Writes a parameter by its number. [any]
-    void setParameterValue(int id, float value) { zevrantSetParameterValue(handle.get(), id, value); }
+    /// Writes a parameter by its number. A value that is not a number is ignored. [any]
+    void setParameterValue(int id, float value) {
+        if (detail::isFinite(value) || std::isinf(value)) zevrantSetParameterValue(handle.get(), id, value);
+    }
 
     /// The range of a parameter by its number. [any]
     Range getParameterRange(int id) const {
@@ -177,20 +299,32 @@ class Processor {
         void operator()(ProcessorState* state) const noexcept { zevrantDeleteProcessor(state); }
     };
 
-    Processor(ProcessorState* state, int channels) : handle(state), channelsPerFrame(channels) {}
-
-    static std::optional<Processor> wrap(ProcessorState* state, int numOfChannels) {
-        if (!state) return std::nullopt;
-        return Processor(state, numOfChannels);
+    static ProcessorState* open(std::span<const std::string> modelPaths, int numOfChannels,
+                                double sampleRate) {
+        using Kind = CreationError::Kind;
+        if (numOfChannels < 1)
+            throw CreationError(Kind::UnusableFormat, std::to_string(numOfChannels) + " channels");
+        if (!(sampleRate > 0.0) || std::isinf(sampleRate))
+            throw CreationError(Kind::UnusableFormat, "a sample rate of " + std::to_string(sampleRate));
+        if (modelPaths.empty()) throw CreationError(Kind::Missing, "no model file is named");
+        std::vector<const char*> paths;
+        for (const auto& path : modelPaths) {
+            detail::requireModelFile(path);
+            paths.push_back(path.c_str());
+        }
+        const std::string name = paths.size() == 1 ? modelPaths.front() : "these models";
+        return detail::createOrThrow(name, [&] {
+            return zevrantCreateStemSeparator(static_cast<int>(paths.size()), paths.data(), numOfChannels,
+                                              sampleRate);
+        });
     }
 
-    static ProcessorState* createStemSeparator(std::span<const std::string> modelPaths, int numOfChannels,
-                                               double sampleRate) {
-        std::vector<const char*> paths;
-        paths.reserve(modelPaths.size());
-        for (const auto& path : modelPaths) paths.push_back(path.c_str());
-        return zevrantCreateStemSeparator(static_cast<int>(paths.size()), paths.data(), numOfChannels,
-                                          sampleRate);
+    void copyFinite(std::span<const float> samples, float* copy) {
+        for (const float sample : samples) {
+            const bool isFinite = detail::isFinite(sample);
+            *copy++ = isFinite ? sample : 0.0f;
+            numOfReplacedSamples += isFinite ? 0 : 1;
+        }
     }
 
     int countFrames(std::size_t numOfValues) const {
@@ -199,6 +333,9 @@ class Processor {
 
     std::unique_ptr<ProcessorState, Delete> handle;
     int channelsPerFrame;
+    bool replacesNonFinite = true;
+    std::int64_t numOfReplacedSamples = 0;
+    std::vector<float> replaced;  // the copy of a block that had such samples
 };
 
 /// One model, run directly on tensors.
@@ -207,15 +344,18 @@ class Model {
     using Shape = std::array<int, 3>;  ///< time, frequency, channels; channels are contiguous
 
     /// Opens a model file; throws CreationError when that fails. [host]
-    explicit Model(const std::string& modelPath) : Model(zevrantCreateModel(modelPath.c_str())) {
-        if (!handle) throw CreationError("cannot open the model " + modelPath);
+    explicit Model(const std::string& modelPath) {
+        detail::requireModelFile(modelPath);
+        handle.reset(detail::createOrThrow(modelPath, [&] { return zevrantCreateModel(modelPath.c_str()); }));
     }
 
     /// As the constructor, with an empty optional for a failure. [host]
     static std::optional<Model> create(const std::string& modelPath) {
-        Model model(zevrantCreateModel(modelPath.c_str()));
-        if (!model) return std::nullopt;
-        return model;
+        try {
+            return Model(modelPath);
+        } catch (const CreationError&) {
+            return std::nullopt;
+        }
     }
 
     /// Runs the model on one tensor, whose elements lie row by row. Throws std::length_error when data is
@@ -274,9 +414,9 @@ class Model {
         void operator()(ModelState* state) const noexcept { zevrantDeleteModel(state); }
     };
 
-    explicit Model(ModelState* state) : handle(state) {}
-
     std::unique_ptr<ModelState, Delete> handle;
 };
 
 }  // namespace zevrant
+
+#endif  // C++20

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <numbers>
+#include <utility>
 
 #include "AudioHost.h"
 
@@ -136,6 +138,31 @@ TEST(Parameters, informationIsTheModelsAndOnlyLatencyFollowsTheHost) {
         EXPECT_EQ(info.hopSize, 64);
         EXPECT_EQ(info.latency, static_cast<int>((3 + 2) * 64 * ratio));
     }
+}
+
+// Sound that went in before the call: a set fades in over the hop that ends where the guide for hosts says.
+TEST(Parameters, aSetLandsALatencyBeforeTheEndOfItsHop) {
+    ModelFolder models;
+    for (const auto& [window, delay] : {std::pair(128, 0), {128, 2}, {256, 0}, {256, 5}})
+        for (const int added : {1280, 1281, 1343}) {
+            SCOPED_TRACE(testing::Message() << "window " << window << ", delay " << delay << ", " << added);
+            const TestModel model{.windowSize = window, .delay = delay, .constantMasks = true};
+            AudioHost host = models.open(model, 1, rate);
+            ProcessorInfo info;
+            zevrantGetProcessorInfo(host.handle.get(), &info);
+            const Audio ones(1, std::vector<float>(2048, 1.0f));
+            Audio out(1);
+            host.push(ones, 0, added);
+            for (const int bus : {0, 1}) zevrantSetParameterValue(host.handle.get(), 256 + bus, 0.0f);
+            host.push(ones, added, 2048 - added);
+            ASSERT_TRUE(host.pull(out, zevrantGetNumOfPendingSamples(host.handle.get())));
+            const auto start = static_cast<std::size_t>((added / 64 + 1) * 64 - info.latency);
+            for (std::size_t i = start - 64; i < start + 128; ++i) {
+                const double phase = (static_cast<double>(i) - static_cast<double>(start) + 0.5) / 64.0;
+                const double fade = 0.5 + 0.5 * std::cos(std::numbers::pi * std::clamp(phase, 0.0, 1.0));
+                EXPECT_NEAR(out[0][i], fade, 1e-4) << i;
+            }
+        }
 }
 
 }  // namespace

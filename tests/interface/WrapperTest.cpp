@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <tuple>
 #include <type_traits>
 
 #include "interface/AudioHost.h"
@@ -109,16 +114,64 @@ TEST_F(Wrapper, tellsWhatTheFileSays) {
     EXPECT_EQ(processor.getInfo().hopSize, 64);
     EXPECT_EQ(zevrant::Model(path).getInfo().fftSize, 256);
     EXPECT_FALSE(zevrant::getVectorArithmeticWrapperName().empty());
+    EXPECT_EQ(zevrant::getVersion(), ZEVRANT_PROJECT_VERSION);
 }
 
-TEST_F(Wrapper, failedCreationIsAnEmptyOptionalOrAnException) {
-    const std::string missing = path + ".missing", paths[] = {path, missing};
-    EXPECT_FALSE(zevrant::Processor::create(missing, 2, 48000.0));
-    EXPECT_FALSE(zevrant::Processor::create(paths, 2, 48000.0));
-    EXPECT_FALSE(zevrant::Model::create(missing));
-    EXPECT_THROW(zevrant::Processor(missing, 2, 48000.0), zevrant::CreationError);
-    EXPECT_THROW(zevrant::Processor(paths, 2, 48000.0), zevrant::CreationError);
-    EXPECT_THROW(zevrant::Model{missing}, zevrant::CreationError);
+TEST_F(Wrapper, failedCreationIsAnEmptyOptionalOrAnExceptionThatTellsWhatItKnows) {
+    using Kind = zevrant::CreationError::Kind;
+    const std::string folder = std::filesystem::path(path).parent_path(), text = folder + "/text",
+                      damaged = folder + "/damaged", good = path;
+    std::ofstream(text) << "no model, but longer than the start of one";
+    std::ofstream(damaged, std::ios::binary).write("\x0d\0\0\0zevrant.model\x0a\x10\0\0", 21);
+    const double nan = std::nan(""), infinite = std::numeric_limits<double>::infinity();
+    const std::tuple<Kind, std::vector<std::string>, int, double> cases[] = {
+        {Kind::Missing, {path + ".missing"}, 2, 48e3},
+        {Kind::Missing, {path, path + ".missing"}, 2, 48e3},
+        {Kind::Missing, {}, 2, 48e3},
+        {Kind::NotReadable, {folder}, 2, 48e3},
+        {Kind::NoModel, {text}, 2, 48e3},
+        {Kind::Refused, {damaged}, 2, 48e3},
+        {Kind::UnusableFormat, {path}, 0, 48e3},
+        {Kind::UnusableFormat, {path}, -1, 48e3},
+        {Kind::UnusableFormat, {path}, 2, 0.0},
+        {Kind::UnusableFormat, {path}, 2, nan},
+        {Kind::UnusableFormat, {path}, 2, infinite},
+        {Kind::Refused, {path}, 2, 1e18}};
+    for (const auto& [kind, paths, channels, rate] : cases) {
+        SCOPED_TRACE(testing::Message() << testing::PrintToString(paths) << channels << " at " << rate);
+        EXPECT_FALSE(zevrant::Processor::create(paths, channels, rate));
+        try {
+            zevrant::Processor(paths, channels, rate);
+            ADD_FAILURE() << "no exception";
+        } catch (const zevrant::CreationError& error) {
+            EXPECT_EQ(error.getKind(), kind) << error.what();
+        }
+    }
+    EXPECT_FALSE(zevrant::Model::create(damaged));
+    EXPECT_THROW(zevrant::Model{text}, zevrant::CreationError);
+}
+
+TEST_F(Wrapper, whatIsNoNumberDoesNotEnter) {
+    const float nan = std::nanf(""), infinite = std::numeric_limits<float>::infinity();
+    std::vector<float> odd = zevrant::makeNoise(1, 1000, 3)[0], zeroed = odd;
+    for (const auto& [index, value] : {std::pair(10, nan), {11, infinite}, {999, -infinite}}) {
+        odd[std::size_t(index)] = value;
+        zeroed[std::size_t(index)] = 0.0f;
+    }
+    std::vector<float> outputs[3];
+    for (int form = 0; form < 3; ++form) {  // the zeros themselves, planar, interleaved
+        zevrant::Processor processor(path, 1, 48000.0);
+        const float* channels[] = {form == 0 ? zeroed.data() : odd.data()};
+        form == 2 ? processor.addAudioInterleaved(odd) : processor.addAudio(channels, 1000);
+        EXPECT_EQ(processor.getNumOfReplacedSamples(), form == 0 ? 0 : 3);
+        outputs[form].resize(std::size_t(processor.getNumOfPendingSamples()));
+        ASSERT_TRUE(processor.getAudioInterleaved(outputs[form]));
+        processor.setBusGain(0, 0.5f);
+        processor.setBusGain(0, nan);
+        EXPECT_EQ(processor.getBusGain(0), 0.5f);
+    }
+    EXPECT_EQ(outputs[1], outputs[0]);
+    EXPECT_EQ(outputs[2], outputs[0]);
 }
 
 TEST_F(Wrapper, tensorsGoInAndComeOut) {
