@@ -1,6 +1,6 @@
 # PFFFT as a static library. Its sources come with a pinned npm package (npm ci puts them under
-# node_modules), or from the copy that PFFFT_ROOT names: a folder with pffft.c and pffft.h.
-set(PFFFT_ROOT "" CACHE PATH "Folder with pffft.c and pffft.h; empty for the pinned npm package")
+# node_modules), or from the copy that PFFFT_ROOT names, here or in the environment: a folder with pffft.c and pffft.h.
+set(PFFFT_ROOT "$ENV{PFFFT_ROOT}" CACHE PATH "Folder with pffft.c and pffft.h; empty for the pinned npm package")
 set(pffft_folder "${PFFFT_ROOT}")
 if(NOT pffft_folder)
   set(pffft_folder "${PROJECT_SOURCE_DIR}/node_modules/@echogarden/pffft-wasm/src")
