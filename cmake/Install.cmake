@@ -41,15 +41,16 @@ install(FILES "${PROJECT_BINARY_DIR}/zevrant.pc"
 install(FILES examples/stream_file.c examples/realtime_host.cpp
   DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/libzevrant-dev/examples" COMPONENT development)
 
-# The notices go with every package that holds code of others.
-set(notices_runtime "libzevrant${PROJECT_VERSION_MAJOR}")
-set(notices_development libzevrant-dev)
-set(notices_tools zevrant-tools)
-foreach(component runtime development)
-  install(FILES THIRD_PARTY_NOTICES.md
-    DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_${component}}" COMPONENT ${component})
-endforeach()
+# What each component is called as a package, and the papers that go with it: whose work is inside, under which terms,
+# and what changed.
+set(zevrant_package_runtime "libzevrant${PROJECT_VERSION_MAJOR}")
+set(zevrant_package_development libzevrant-dev)
+set(zevrant_package_tools zevrant-tools)
+set(zevrant_components runtime development)
 if(ZEVRANT_TOOLS)
-  install(FILES THIRD_PARTY_NOTICES.md
-    DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_tools}" COMPONENT tools)
+  list(APPEND zevrant_components tools)
 endif()
+foreach(component IN LISTS zevrant_components)
+  install(FILES THIRD_PARTY_NOTICES.md CHANGELOG.md
+    DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${zevrant_package_${component}}" COMPONENT ${component})
+endforeach()

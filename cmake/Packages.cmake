@@ -9,31 +9,55 @@ set(CPACK_VERBATIM_VARIABLES ON)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
-if(ZEVRANT_TOOLS)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
-endif()
+set(CPACK_COMPONENTS_ALL ${zevrant_components})
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libzevrant${PROJECT_VERSION_MAJOR}")
+# The loader's cache is the business of a trigger; the scripts that CPack writes for it are taken out again.
+set(CPACK_POST_BUILD_SCRIPTS "${PROJECT_SOURCE_DIR}/cmake/FinishPackages.cmake")
+file(WRITE "${PROJECT_BINARY_DIR}/packaging/triggers" "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/packaging/triggers")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "${zevrant_package_runtime}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION 
-  "The shared library: runs streaming neural networks on audio, block by block, behind a plain C interface.")
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds the shared library, which has a plain C interface.")
 
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzevrant-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "${zevrant_package_development}")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libhwy-dev)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION 
-  "C and C++ headers, the static library (which takes libhwy-dev to link), a CMake package and a pkg-config file.")
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds C and C++ headers, the static library, a CMake package,
+a pkg-config file and example hosts.")
 
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zevrant-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "${zevrant_package_tools}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION 
-  "The programs that come with the engine, with the models that it ships.")
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds the program, which splits recordings into stems, mixes
+them anew and describes models, and the models that ship.")
+
+# What Debian wants beside the files: a changelog in its own form, and a copyright file.
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(WRITE "${PROJECT_BINARY_DIR}/packaging/changelog" "zevrant (${PROJECT_VERSION}) unstable; urgency=medium\n
+  * CHANGELOG.md in this folder lists what changed.\n
+ -- ${CPACK_PACKAGE_CONTACT}  ${date}\n")
+file(READ LICENSE licence)
+file(WRITE "${PROJECT_BINARY_DIR}/packaging/copyright" "Copyright (C) 2026 the owner of zevrant\n\n${licence}
+THIRD_PARTY_NOTICES.md in this folder holds the terms of the code of others.
+The Apache License, version 2.0, is in /usr/share/common-licenses/Apache-2.0.\n")
+find_program(ZEVRANT_GZIP gzip)
+if(ZEVRANT_GZIP)
+  execute_process(COMMAND "${ZEVRANT_GZIP}" -9n -f -k changelog WORKING_DIRECTORY "${PROJECT_BINARY_DIR}/packaging")
+  foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    install(FILES "${PROJECT_BINARY_DIR}/packaging/changelog.gz" "${PROJECT_BINARY_DIR}/packaging/copyright"
+      DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${zevrant_package_${component}}" COMPONENT ${component})
+  endforeach()
+endif()
 
 include(CPack)
