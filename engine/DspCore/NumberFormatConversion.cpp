@@ -5,8 +5,8 @@
 #include <cstring>
 #include <limits>
 
+#include "DspCore/PackedFormats.h"
 #include "DspCore/VectorOperations.h"
-#include "DspCore/simd/PackedFormats.h"
 
 namespace zevrant {
 

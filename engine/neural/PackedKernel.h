@@ -3,7 +3,7 @@
 #include <array>
 #include <memory>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/VectorKernels.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {

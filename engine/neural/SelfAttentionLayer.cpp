@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "kernels/VectorKernels.h"
 
 namespace zevrant {
 

@@ -1,4 +1,4 @@
-#include "DspCore/VectorKernels.h"
+#include "kernels/VectorKernels.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "DspCore/simd/TargetOverride.h"
+#include "simd/TargetOverride.h"
 
 namespace zevrant::simd {
 void PrintTo(const Target& target, std::ostream* out) {

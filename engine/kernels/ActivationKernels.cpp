@@ -1,15 +1,15 @@
 #include <cstddef>
 
-#include "DspCore/VectorKernels.h"
-#include "DspCore/simd/Targets.h"
+#include "kernels/VectorKernels.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/ActivationKernels.cpp"
+#define HWY_TARGET_INCLUDE "kernels/ActivationKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/Rows-inl.h"
+#include "simd/VectorMath-inl.h"
 
 // A value is loaded once, goes through all its operations in registers and is stored once; in separate passes
 // every intermediate value is loaded and stored again. Each operation rounds as the pass of its name does.

@@ -1,14 +1,14 @@
 #include <cstddef>
 
-#include "DspCore/VectorKernels.h"
-#include "DspCore/simd/Targets.h"
+#include "kernels/VectorKernels.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/NormKernels.cpp"
+#define HWY_TARGET_INCLUDE "kernels/NormKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
 #include "hwy/highway.h"
+#include "simd/Rows-inl.h"
 
 // Rows of a norm are short: as separate passes each row pays for three calls, and waits for its own root and
 // quotients. In one loop over the rows the processor works on the next ones meanwhile.

@@ -1,18 +1,18 @@
-#include "DspCore/simd/PackedFormats.h"
+#include "DspCore/PackedFormats.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/PackedFormats.cpp"
+#define HWY_TARGET_INCLUDE "DspCore/PackedFormats.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/VectorMath-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace zevrant::simd::HWY_NAMESPACE {

@@ -4,15 +4,15 @@
 #include <cstring>
 #include <limits>
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/VectorOperations.cpp"
+#define HWY_TARGET_INCLUDE "DspCore/VectorOperations.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/Rows-inl.h"
+#include "simd/VectorMath-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace zevrant::simd::HWY_NAMESPACE {

@@ -1,4 +1,4 @@
-#include "DspCore/VectorKernels.h"
+#include "kernels/VectorKernels.h"
 
 #include <algorithm>
 #include <array>
@@ -6,10 +6,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/VectorKernels.cpp"
+#define HWY_TARGET_INCLUDE "kernels/VectorKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "hwy/cache_control.h"

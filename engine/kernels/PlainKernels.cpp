@@ -1,4 +1,4 @@
-#include "DspCore/VectorKernels.h"
+#include "kernels/VectorKernels.h"
 
 #include <algorithm>
 #include <cmath>
