@@ -1,4 +1,4 @@
-#include "kernels/VectorKernels.h"
+#include "kernels/PlainKernels.h"
 
 #include <algorithm>
 #include <cmath>

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
-#include "kernels/VectorKernels.h"
+#include "kernels/ActivationKernels.h"
 
 namespace zevrant {
 

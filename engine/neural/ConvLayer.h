@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "kernels/VectorKernels.h"
+#include "kernels/Shapes.h"
 #include "neural/BaseLayer.h"
 #include "neural/PackedKernel.h"
 

@@ -4,7 +4,8 @@
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
-#include "kernels/VectorKernels.h"
+#include "kernels/ChannelKernels.h"
+#include "kernels/DenseKernels.h"
 
 namespace zevrant {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
-#include "kernels/VectorKernels.h"
+#include "kernels/NormKernels.h"
 
 namespace zevrant {
 

@@ -3,7 +3,8 @@
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
-#include "kernels/VectorKernels.h"
+#include "kernels/ChannelKernels.h"
+#include "kernels/ConvolutionKernels.h"
 
 namespace zevrant {
 
