@@ -2,7 +2,7 @@
 // for the very processor that builds them; and what that processor can do at most.
 #pragma once
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/Shapes.h"
 
 namespace plain {
 

@@ -21,6 +21,7 @@
 #include "Interleaved.h"
 #include "LayerLoops.h"
 #include "OneDnnLayers.h"
+#include "kernels/PackedWeights.h"
 #include "modelwriter/ModelWriter.h"
 #include "neural/LayerTable.h"
 #include "neural/MemoryStream.h"

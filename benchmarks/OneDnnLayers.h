@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/Shapes.h"
 
 namespace onednn {
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <limits>
 
+#include "DspCore/PackedFormats.h"
 #include "DspCore/VectorOperations.h"
-#include "DspCore/simd/PackedFormats.h"
 
 namespace zevrant {
 
@@ -33,8 +33,8 @@ constexpr int kBlockLength = 512;
 
 template <std::size_t numOfBytes>
 struct Decoder {
-    decltype(simd::PackedFormat::decode) decode;
-    decltype(simd::PackedFormat::decodeEverySecond) decodeEverySecond;
+    decltype(PackedFormat::decode) decode;
+    decltype(PackedFormat::decodeEverySecond) decodeEverySecond;
 
     void operator()(const void* source, float* destination, int numOfSamples, int stride) const {
         if (numOfSamples <= 0) return;
@@ -58,7 +58,7 @@ struct Decoder {
 
 template <std::size_t numOfBytes>
 struct Encoder {
-    decltype(simd::PackedFormat::encode) encode;
+    decltype(PackedFormat::encode) encode;
 
     void operator()(const float* source, void* destination, int numOfSamples, int stride) const {
         if (numOfSamples <= 0) return;
@@ -96,7 +96,7 @@ void gatherFloats(const void* source, float* destination, int numOfSamples, int 
 
 template <std::size_t numOfBytes>
 void setFunctions(NumberFormatConversion& conversion) {
-    const simd::PackedFormat packed = simd::getPackedFormat(conversion.format, conversion.bigEndian);
+    const PackedFormat packed = getPackedFormat(conversion.format, conversion.bigEndian);
     conversion.toFloat = Decoder<numOfBytes>{packed.decode, packed.decodeEverySecond};
     conversion.fromFloat = Encoder<numOfBytes>{packed.encode};
 }

@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "DspCore/VectorOperations.h"
-#include "DspCore/simd/FloatingPointState.h"
 #include "files/File.h"
+#include "simd/FloatingPointState.h"
 
 using namespace zevrant;
 

@@ -9,8 +9,8 @@
 #include "DspCore/AudioFormat.h"
 #include "DspCore/MathEx.h"
 #include "DspCore/VectorOperations.h"
-#include "DspCore/simd/FloatingPointState.h"
 #include "files/File.h"
+#include "simd/FloatingPointState.h"
 
 using namespace zevrant;
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "kernels/ActivationKernels.h"
 
 namespace zevrant {
 

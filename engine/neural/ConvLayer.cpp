@@ -6,6 +6,9 @@
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
+#include "kernels/ChannelKernels.h"
+#include "kernels/ConvolutionKernels.h"
+#include "kernels/PlainKernels.h"
 #include "neural/StreamNumbers.h"
 
 namespace zevrant {

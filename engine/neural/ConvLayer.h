@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/Shapes.h"
 #include "neural/BaseLayer.h"
 #include "neural/PackedKernel.h"
 

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "kernels/ChannelKernels.h"
+#include "kernels/DenseKernels.h"
 
 namespace zevrant {
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/BandKernels.h"
 
 namespace zevrant {
 

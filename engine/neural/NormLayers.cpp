@@ -4,8 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "kernels/NormKernels.h"
 
 namespace zevrant {
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <memory>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/PackedWeights.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {

@@ -2,8 +2,9 @@
 
 #include <utility>
 
-#include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "kernels/ChannelKernels.h"
+#include "kernels/ConvolutionKernels.h"
 
 namespace zevrant {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/PackedWeights.h"
 #include "neural/BaseLayer.h"
 #include "neural/PackedKernel.h"
 #include "neural/Tensor.h"

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "DspCore/VectorOperations.h"
+#include "kernels/ChannelKernels.h"
 #include "neural/StreamNumbers.h"
 
 namespace zevrant {

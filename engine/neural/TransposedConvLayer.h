@@ -4,7 +4,7 @@
 #include <list>
 #include <vector>
 
-#include "DspCore/VectorKernels.h"
+#include "kernels/TransposedKernels.h"
 #include "neural/BaseLayer.h"
 #include "neural/PackedKernel.h"
 

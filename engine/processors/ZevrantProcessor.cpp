@@ -11,7 +11,7 @@
 #include <stdexcept>
 
 #include "DspCore/VectorOperations.h"
-#include "DspCore/simd/FloatingPointState.h"
+#include "simd/FloatingPointState.h"
 
 namespace zevrant {
 

@@ -1,4 +1,4 @@
-#include "DspCore/simd/FloatingPointState.h"
+#include "simd/FloatingPointState.h"
 
 #include <gtest/gtest.h>
 

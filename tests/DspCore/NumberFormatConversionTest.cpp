@@ -11,8 +11,8 @@
 #include <random>
 #include <vector>
 
-#include "DspCore/simd/TargetOverride.h"
 #include "TestSignals.h"
+#include "simd/TargetOverride.h"
 
 namespace zevrant {
 namespace {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "DspCore/simd/FloatingPointState.h"
-#include "DspCore/simd/TargetOverride.h"
 #include "TestSignals.h"
+#include "simd/FloatingPointState.h"
+#include "simd/TargetOverride.h"
 
 namespace zevrant {
 namespace {

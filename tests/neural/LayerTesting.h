@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "DspCore/simd/TargetOverride.h"
 #include "TestSignals.h"
 #include "neural/BaseLayer.h"
 #include "neural/MemoryStream.h"
 #include "neural/WholeSequence.h"
+#include "simd/TargetOverride.h"
 
 // A layer by itself: its record written by hand, a source to hang it on, and a sink that keeps what it
 // forwards.

@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "DspCore/SignalQueue.h"
-#include "DspCore/simd/FloatingPointState.h"
 #include "cli/Failure.h"
 #include "cli/StemProcessor.h"
 #include "files/File.h"
 #include "interface/zevrant.h"
+#include "simd/FloatingPointState.h"
 
 namespace zevrant::cli {
 

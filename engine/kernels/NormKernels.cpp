@@ -1,20 +1,23 @@
+#include "kernels/NormKernels.h"
+
 #include <cstddef>
 
-#include "DspCore/VectorKernels.h"
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/NormKernels.cpp"
+#define HWY_TARGET_INCLUDE "kernels/NormKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
 #include "hwy/highway.h"
+#include "simd/Rows-inl.h"
 
 // Rows of a norm are short: as separate passes each row pays for three calls, and waits for its own root and
 // quotients. In one loop over the rows the processor works on the next ones meanwhile.
 HWY_BEFORE_NAMESPACE();
-namespace zevrant::simd::HWY_NAMESPACE {
+namespace zevrant::kernels::HWY_NAMESPACE {
 namespace {
+
+using namespace zevrant::simd::HWY_NAMESPACE;
 
 void scaleOneRow(const float* in, const float* gain, const float* offset, std::size_t length, float* out) {
     if (offset)
@@ -54,21 +57,15 @@ void normaliseEachRow(const float* in, std::ptrdiff_t numOfRows, std::size_t len
 }
 
 }  // namespace
-}  // namespace zevrant::simd::HWY_NAMESPACE
+}  // namespace zevrant::kernels::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
-namespace zevrant::simd {
+namespace zevrant::kernels {
 
 HWY_EXPORT(scaleEachRow);
 HWY_EXPORT(normaliseEachRow);
-
-}  // namespace zevrant::simd
-
-namespace zevrant::kernels {
-
-using namespace zevrant::simd;
 
 void scaleRows(const float* in, std::ptrdiff_t numOfRows, std::ptrdiff_t length, const float* gain,
                const float* offset, float* out) {

@@ -1,4 +1,4 @@
-#include "DspCore/VectorKernels.h"
+#include "kernels/PlainKernels.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "DspCore/simd/FloatingPointState.h"
+#include "simd/FloatingPointState.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>

@@ -4,7 +4,7 @@
 
 #include "DspCore/NumberFormatConversion.h"
 
-namespace zevrant::simd {
+namespace zevrant {
 
 // The functions of a number format on packed rows, samples one behind the other, for the instruction set
 // in use when they were asked for. Neither row needs to be aligned.
@@ -20,4 +20,4 @@ struct PackedFormat {
 // For a format from 0 to 6.
 PackedFormat getPackedFormat(NumberFormat format, bool bigEndian);
 
-}  // namespace zevrant::simd
+}  // namespace zevrant

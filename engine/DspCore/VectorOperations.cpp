@@ -4,22 +4,22 @@
 #include <cstring>
 #include <limits>
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/VectorOperations.cpp"
+#define HWY_TARGET_INCLUDE "DspCore/VectorOperations.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/ComplexRows-inl.h"
+#include "simd/Rows-inl.h"
+#include "simd/VectorMath-inl.h"
 
 HWY_BEFORE_NAMESPACE();
-namespace zevrant::simd::HWY_NAMESPACE {
+namespace zevrant::vo::HWY_NAMESPACE {
 namespace {
 
-// Complex rows are walked as rows of twice as many floats, in pairs of real and imaginary part.
-[[maybe_unused]] constexpr std::size_t kComplex = 2;
+using namespace zevrant::simd::HWY_NAMESPACE;
 
 void fillRow(float value, float* out, std::size_t count) {
     transformRow(count, out, [value](auto d) HWY_ATTR { return hn::Set(d, value); });
@@ -50,69 +50,6 @@ void multiplyAndAddRows(const float* a, const float* b, float* inOut, std::size_
         count, inOut, [](auto, auto x, auto y, auto sum) HWY_ATTR { return hn::MulAdd(x, y, sum); }, a, b,
         static_cast<const float*>(inOut));
 }
-
-#if HWY_TARGET == HWY_SCALAR
-
-void fillComplexRow(float re, float im, float* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; i += 2) {
-        out[i] = re;
-        out[i + 1] = im;
-    }
-}
-
-void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; i += 2) {
-        const float re = a[i] * b[i] - a[i + 1] * b[i + 1];
-        const float im = a[i + 1] * b[i] + a[i] * b[i + 1];
-        out[i] = re;
-        out[i + 1] = im;
-    }
-}
-
-void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; i += 2) {
-        const float productRe = in[i] * re - in[i + 1] * im;
-        const float productIm = in[i + 1] * re + in[i] * im;
-        out[i] = productRe;
-        out[i + 1] = productIm;
-    }
-}
-
-#else
-
-void fillComplexRow(float re, float im, float* out, std::size_t count) {
-    transformRow<kComplex>(count, out,
-                           [re, im](auto d) HWY_ATTR { return hn::OddEven(hn::Set(d, im), hn::Set(d, re)); });
-}
-
-// x times a number whose parts stand as (re, re, ...) and (-im, im, -im, im, ...):
-// real lanes get x.re * re - x.im * im, imaginary ones x.im * re + x.re * im, each rounded as written.
-template <class V>
-HWY_INLINE V multiplyComplex(V x, V re, V signedIm) {
-    const hn::DFromV<V> d;
-    return hn::Add(hn::Mul(x, re), hn::Mul(hn::Reverse2(d, x), signedIm));
-}
-
-void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
-    transformRow<kComplex>(
-        count, out,
-        [](auto d, auto x, auto y) HWY_ATTR {
-            const auto realSigns = hn::OddEven(hn::Zero(d), hn::Set(d, -0.0f));
-            return multiplyComplex(x, hn::DupEven(y), hn::Xor(hn::DupOdd(y), realSigns));
-        },
-        a, b);
-}
-
-void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
-    transformRow<kComplex>(
-        count, out,
-        [re, im](auto d, auto x) HWY_ATTR {
-            return multiplyComplex(x, hn::Set(d, re), hn::OddEven(hn::Set(d, im), hn::Set(d, -im)));
-        },
-        in);
-}
-
-#endif
 
 void addToRow(const float* in, float c, float* out, std::size_t count) {
     transformRow(
@@ -274,12 +211,12 @@ void polarRow(const float* magnitude, const float* phase, float* out, std::size_
 }
 
 }  // namespace
-}  // namespace zevrant::simd::HWY_NAMESPACE
+}  // namespace zevrant::vo::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
-namespace zevrant::simd {
+namespace zevrant::vo {
 
 HWY_EXPORT(fillRow);
 HWY_EXPORT(fillComplexRow);
@@ -309,13 +246,7 @@ HWY_EXPORT(dotProductOfRows);
 HWY_EXPORT(dotProductOfWideRows);
 HWY_EXPORT(rootMeanSquareOfRow);
 
-}  // namespace zevrant::simd
-
-namespace zevrant::vo {
-
 namespace {
-
-using namespace zevrant::simd;
 
 std::size_t countOf(int n) {
     return static_cast<std::size_t>(n);

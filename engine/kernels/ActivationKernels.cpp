@@ -1,21 +1,24 @@
+#include "kernels/ActivationKernels.h"
+
 #include <cstddef>
 
-#include "DspCore/VectorKernels.h"
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/ActivationKernels.cpp"
+#define HWY_TARGET_INCLUDE "kernels/ActivationKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/Rows-inl.h"
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/Rows-inl.h"
+#include "simd/VectorMath-inl.h"
 
 // A value is loaded once, goes through all its operations in registers and is stored once; in separate passes
 // every intermediate value is loaded and stored again. Each operation rounds as the pass of its name does.
 HWY_BEFORE_NAMESPACE();
-namespace zevrant::simd::HWY_NAMESPACE {
+namespace zevrant::kernels::HWY_NAMESPACE {
 namespace {
+
+using namespace zevrant::simd::HWY_NAMESPACE;
 
 // Below this e^x no longer counts beside 1, and down to it e^x takes the short way.
 constexpr float kLeastExponent = -87.0f;
@@ -71,24 +74,18 @@ void softplusOfRow(const float* in, std::size_t count, float* out) {
 }
 
 }  // namespace
-}  // namespace zevrant::simd::HWY_NAMESPACE
+}  // namespace zevrant::kernels::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
-namespace zevrant::simd {
+namespace zevrant::kernels {
 
 HWY_EXPORT(eluOfRow);
 HWY_EXPORT(sigmoidOfRow);
 HWY_EXPORT(leakyReluOfRow);
 HWY_EXPORT(hardSigmoidOfRow);
 HWY_EXPORT(softplusOfRow);
-
-}  // namespace zevrant::simd
-
-namespace zevrant::kernels {
-
-using namespace zevrant::simd;
 
 void elu(const float* in, std::ptrdiff_t count, float* out) {
     if (count > 0) HWY_DYNAMIC_DISPATCH(eluOfRow)(in, static_cast<std::size_t>(count), out);

@@ -1,92 +1,24 @@
-#include "DspCore/simd/PackedFormats.h"
+#include "DspCore/PackedFormats.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <cstring>
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "DspCore/simd/PackedFormats.cpp"
+#define HWY_TARGET_INCLUDE "DspCore/PackedFormats.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
-#include "DspCore/simd/VectorMath-inl.h"
 #include "hwy/highway.h"
+#include "simd/Samples-inl.h"
+#include "simd/VectorMath-inl.h"
 
 HWY_BEFORE_NAMESPACE();
-namespace zevrant::simd::HWY_NAMESPACE {
+namespace zevrant::HWY_NAMESPACE {
 namespace {
 
-static_assert(std::endian::native == std::endian::little);
-
-// Vectors of T, one lane for each of D, from and to samples at any address and in either byte order.
-#if HWY_TARGET == HWY_SCALAR
-
-template <class T>
-HWY_INLINE T reverseBytes(T value) {
-    std::uint8_t bytes[sizeof(T)];
-    std::memcpy(bytes, &value, sizeof(T));
-    std::reverse(bytes, bytes + sizeof(T));
-    std::memcpy(&value, bytes, sizeof(T));
-    return value;
-}
-
-template <class T, bool bigEndian, class D>
-HWY_INLINE auto loadSamples(D, const std::uint8_t* source) {
-    T value;
-    std::memcpy(&value, source, sizeof(T));
-    return hn::Set(hn::Rebind<T, D>(), bigEndian ? reverseBytes(value) : value);
-}
-
-template <bool bigEndian, class V>
-HWY_INLINE void storeSamples(V samples, std::uint8_t* destination) {
-    const auto value = hn::GetLane(samples);
-    const auto ordered = bigEndian ? reverseBytes(value) : value;
-    std::memcpy(destination, &ordered, sizeof(value));
-}
-
-#else
-
-template <std::size_t numOfBytes, class D>
-HWY_INLINE auto reverseBytes(D d, hn::Vec<D> bytes) {
-    HWY_ALIGN std::uint8_t order[16];
-    for (std::size_t i = 0; i < 16; ++i)
-        order[i] = static_cast<std::uint8_t>(i - i % numOfBytes + numOfBytes - 1 - i % numOfBytes);
-    return hn::TableLookupBytes(bytes, hn::LoadDup128(d, order));
-}
-
-template <class T, bool bigEndian, class D>
-HWY_INLINE auto loadSamples(D, const std::uint8_t* source) {
-    const hn::Rebind<T, D> d;
-    const hn::Repartition<std::uint8_t, decltype(d)> bytes;
-    auto samples = hn::LoadU(bytes, source);
-    if constexpr (bigEndian) samples = reverseBytes<sizeof(T)>(bytes, samples);
-    return hn::BitCast(d, samples);
-}
-
-template <bool bigEndian, class V>
-HWY_INLINE void storeSamples(V samples, std::uint8_t* destination) {
-    const hn::DFromV<V> d;
-    const hn::Repartition<std::uint8_t, decltype(d)> bytes;
-    auto ordered = hn::BitCast(bytes, samples);
-    if constexpr (bigEndian) ordered = reverseBytes<sizeof(hn::TFromV<V>)>(bytes, ordered);
-    hn::StoreU(ordered, bytes, destination);
-}
-
-#endif
-
-// The same of every second sample, for samples of four bytes.
-template <class T, bool bigEndian, class D>
-HWY_INLINE auto loadEverySecondSample(D d, const std::uint8_t* source) {
-    const auto first = loadSamples<T, bigEndian>(d, source);
-#if HWY_TARGET == HWY_SCALAR
-    return first;
-#else
-    const hn::Rebind<T, D> samples;
-    return hn::ConcatEven(samples, loadSamples<T, bigEndian>(d, source + hn::MaxLanes(d) * sizeof(T)), first);
-#endif
-}
+using namespace zevrant::simd::HWY_NAMESPACE;
 
 // Encoders round first and let the conversions to integers and to smaller integers limit: the limits are
 // integers, so that is the same as to limit first.
@@ -136,19 +68,11 @@ struct SmallInteger {
         return hn::Mul(hn::ConvertTo(d, v), hn::Set(d, 1.0f / scale));
     }
 
-#if HWY_TARGET == HWY_SCALAR
-    static HWY_INLINE hn::Vec<Tag> decodeEverySecond(Tag d, const std::uint8_t* source) {
-        return decode(d, source);
-    }
-#else
-    // A pair of 16-bit samples fills a lane, of which the first one becomes the upper half.
     static HWY_INLINE hn::Vec<Tag> decodeEverySecond(Tag d,
                                                      const std::uint8_t* source) requires(sizeof(T) == 2) {
-        auto pairs = loadSamples<std::int32_t, bigEndian>(d, source);
-        if constexpr (!bigEndian) pairs = hn::ShiftLeft<16>(pairs);
-        return hn::Mul(hn::ConvertTo(d, hn::ShiftRight<16>(pairs)), hn::Set(d, 1.0f / scale));
+        const auto v = loadEverySecondOf16Bits<bigEndian>(hn::RebindToSigned<Tag>(), source);
+        return hn::Mul(hn::ConvertTo(d, v), hn::Set(d, 1.0f / scale));
     }
-#endif
 
     static HWY_INLINE void encode(Tag d, hn::Vec<Tag> x, std::uint8_t* destination) {
         const auto v = nearestInt(d, hn::Mul(x, hn::Set(d, scale)));
@@ -174,58 +98,19 @@ struct Int32 {
     }
 };
 
-#if HWY_TARGET == HWY_SCALAR
-
-template <bool bigEndian>
-struct Int24 {
-    using Tag = hn::ScalableTag<float>;
-    static constexpr std::size_t numOfBytes = 3, numOfSpareBytes = 0;
-
-    static HWY_INLINE hn::Vec<Tag> decode(Tag d, const std::uint8_t* source) {
-        std::uint8_t bytes[4] = {};
-        std::memcpy(bytes + (bigEndian ? 0 : 1), source, 3);
-        return fromFullScale(d, loadSamples<std::int32_t, bigEndian>(d, bytes));
-    }
-
-    static HWY_INLINE void encode(Tag d, hn::Vec<Tag> x, std::uint8_t* destination) {
-        std::uint8_t bytes[4];
-        storeSamples<bigEndian>(toFullScale(d, x), bytes);
-        std::memcpy(destination, bytes + (bigEndian ? 0 : 1), 3);
-    }
-};
-
-#else
-
-// Four samples, the twelve bytes of which are spread over, or gathered from, a block of sixteen.
 template <bool bigEndian>
 struct Int24 {
     using Tag = hn::CappedTag<float, 4>;
-    static constexpr std::size_t numOfBytes = 3, numOfSpareBytes = 4;
+    static constexpr std::size_t numOfBytes = 3, numOfSpareBytes = kSpareBytesOf24Bits;
 
     static HWY_INLINE hn::Vec<Tag> decode(Tag d, const std::uint8_t* source) {
-        const hn::Repartition<std::uint8_t, Tag> bytes;
-        HWY_ALIGN static constexpr std::uint8_t little[16] = {128, 0, 1, 2, 128, 3, 4,  5,
-                                                              128, 6, 7, 8, 128, 9, 10, 11};
-        HWY_ALIGN static constexpr std::uint8_t big[16] = {128, 2, 1, 0, 128, 5,  4,  3,
-                                                           128, 8, 7, 6, 128, 11, 10, 9};
-        const auto order = hn::Load(bytes, bigEndian ? big : little);
-        const auto v = hn::TableLookupBytesOr0(hn::LoadU(bytes, source), order);
-        return fromFullScale(d, hn::BitCast(hn::RebindToSigned<Tag>(), v));
+        return fromFullScale(d, load24Bits<bigEndian>(hn::RebindToSigned<Tag>(), source));
     }
 
     static HWY_INLINE void encode(Tag d, hn::Vec<Tag> x, std::uint8_t* destination) {
-        const hn::Repartition<std::uint8_t, Tag> bytes;
-        HWY_ALIGN static constexpr std::uint8_t little[16] = {1,  2,  3,  5,  6,   7,   9,   10,
-                                                              11, 13, 14, 15, 128, 128, 128, 128};
-        HWY_ALIGN static constexpr std::uint8_t big[16] = {3, 2,  1,  7,  6,   5,   11,  10,
-                                                           9, 15, 14, 13, 128, 128, 128, 128};
-        const auto order = hn::Load(bytes, bigEndian ? big : little);
-        const auto v = hn::BitCast(bytes, toFullScale(d, x));
-        hn::StoreU(hn::TableLookupBytesOr0(v, order), bytes, destination);
+        store24Bits<bigEndian>(toFullScale(d, x), destination);
     }
 };
-
-#endif
 
 template <bool bigEndian>
 struct Float32 {
@@ -349,12 +234,12 @@ PackedFormat choosePackedFormat(NumberFormat format, bool bigEndian) {
 }
 
 }  // namespace
-}  // namespace zevrant::simd::HWY_NAMESPACE
+}  // namespace zevrant::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 
-namespace zevrant::simd {
+namespace zevrant {
 
 HWY_EXPORT(choosePackedFormat);
 
@@ -362,6 +247,6 @@ PackedFormat getPackedFormat(NumberFormat format, bool bigEndian) {
     return HWY_DYNAMIC_DISPATCH(choosePackedFormat)(format, bigEndian);
 }
 
-}  // namespace zevrant::simd
+}  // namespace zevrant
 
 #endif  // HWY_ONCE

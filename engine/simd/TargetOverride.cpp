@@ -1,6 +1,6 @@
-#include "DspCore/simd/TargetOverride.h"
+#include "simd/TargetOverride.h"
 
-#include "DspCore/simd/Targets.h"
+#include "simd/Targets.h"
 
 #include <hwy/highway.h>
 
