@@ -18,6 +18,12 @@ T* prepare(Tensor<T>& tensor, const Tensor<T>& like) {
     return tensor.getWritePointer();
 }
 
+// The kernels work in one pass, so scratch has the shape of the input and no buffer.
+template <class T>
+void leaveWithoutBuffer(Tensor<T>& scratch, const Tensor<T>& like) {
+    scratch.shape = like.shape;
+}
+
 template <class T>
 int countValues(const Tensor<T>& tensor) {
     const int n = std::max(0, tensor.getNumOfElements());
@@ -45,7 +51,7 @@ ELULayer<T>::ELULayer(const LayerMap& layers, std::shared_ptr<InputStream> strea
 template <class T>
 bool ELULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int n = countValues(tensor);
-    prepare(scratch, tensor);
+    leaveWithoutBuffer(scratch, tensor);
     kernels::elu(tensor.getReadPointer(), n, prepare(output, tensor));
     return this->forward(output);
 }
@@ -57,7 +63,7 @@ SigmoidLayer<T>::SigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStrea
 template <class T>
 bool SigmoidLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int n = countValues(tensor);
-    prepare(scratch, tensor);
+    leaveWithoutBuffer(scratch, tensor);
     kernels::sigmoid(tensor.getReadPointer(), n, prepare(output, tensor));
     return this->forward(output);
 }
@@ -69,7 +75,7 @@ LeakyReLULayer<T>::LeakyReLULayer(const LayerMap& layers, std::shared_ptr<InputS
 template <class T>
 bool LeakyReLULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int n = countValues(tensor);
-    prepare(scratch, tensor);
+    leaveWithoutBuffer(scratch, tensor);
     kernels::leakyRelu(tensor.getReadPointer(), alpha, n, prepare(output, tensor));
     return this->forward(output);
 }
@@ -92,7 +98,7 @@ HardSigmoidLayer<T>::HardSigmoidLayer(const LayerMap& layers, std::shared_ptr<In
 template <class T>
 bool HardSigmoidLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int n = countValues(tensor);
-    prepare(scratch, tensor);
+    leaveWithoutBuffer(scratch, tensor);
     kernels::hardSigmoid(tensor.getReadPointer(), n, prepare(output, tensor));
     return this->forward(output);
 }

@@ -10,7 +10,7 @@ namespace zevrant {
 // The element-wise non-linearities. Each has one source, keeps nothing between pushes, adds no latency
 // and works on whatever shape it is given.
 //
-// Shapes   in any, out the same; scratch is a work buffer of that shape.
+// Shapes   in any, out the same; scratch has that shape and no elements, since one pass needs none.
 // Order    Each value goes through the operations of the formula, each rounded. They run in one pass over the
 //          data, which changes no result, because values do not meet each other.
 // Memory   output is rewritten by every push, and moves to another buffer when a consumer still holds it.

@@ -66,23 +66,18 @@ bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) 
         requireElements(frequencyKernel, frequencyTaps,
                         "separable layer: frequencyKernel is shorter than its axis");
     }
-    if (!history.hasElements()) {
-        history.ensureShape({timeTaps, axes.frequencies, axes.channels});
-        history.setToZero();
-    }
     if (axes.times > 0) requireRing(history, timeTaps, axes);
+    openRing(history, timeTaps, axes);
     timeFiltered.ensureShape({1, axes.frequencies, axes.channels});
     output.ensureShape({1, axes.frequencies, axes.channels});
     timeFiltered.ensureUnique();
-    history.ensureUnique();
 
     const int sliceLength = axes.times > 0 ? axes.frequencies * axes.channels : 0;
     const int threshold = (timeTaps + 1) / 2 - 1;
     bool reachedOutput = false;
     for (int t = 0; t < axes.times; ++t) {
         const T* in = tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength;
-        const std::ptrdiff_t slot = sliceCount % timeTaps;
-        vo::copy(in, history.getWritePointer() + slot * sliceLength, sliceLength);
+        vo::copy(in, getSlot(history, sliceCount), sliceLength);
         filterTime(timeTaps, sliceLength);
         output.ensureUniqueForOverwrite();
         filterFrequency(frequencyTaps, axes.frequencies, axes.channels);
@@ -95,11 +90,9 @@ bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) 
 // Tap 0 meets the slice before the newest, the last tap the newest.
 template <class T>
 void SeparableChannelConvLayer<T>::filterTime(int numOfTaps, int sliceLength) {
-    const int before = sliceCount % numOfTaps + numOfTaps - 1;
+    const std::int64_t before = std::int64_t{sliceCount} + numOfTaps - 1;
     rows.resize(static_cast<std::size_t>(numOfTaps));
-    for (int b = 0; b < numOfTaps; ++b)
-        rows[static_cast<std::size_t>(b)] =
-            history.getReadPointer() + std::ptrdiff_t{(before - b) % numOfTaps} * sliceLength;
+    for (int b = 0; b < numOfTaps; ++b) rows[static_cast<std::size_t>(b)] = getSlot(history, before - b);
     kernels::combineRows(rows.data(), timeKernel.getReadPointer(), numOfTaps, sliceLength,
                          timeFiltered.getWritePointer());
 }

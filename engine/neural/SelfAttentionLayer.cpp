@@ -62,12 +62,8 @@ void SelfAttentionLayer<T>::requireWeights(const SliceAxes& axes, int historyLen
 
 template <class T>
 void SelfAttentionLayer<T>::prepareHistory(const SliceAxes& axes, int historyLength) {
-    if (!history.hasElements()) {
-        history.ensureShape({historyLength, axes.frequencies, axes.channels});
-        history.setToZero();
-    }
     if (axes.times > 0) requireRing(history, historyLength, axes);
-    history.ensureUnique();
+    openRing(history, historyLength, axes);
     filtered.ensureShape({axes.frequencies, axes.channels});
     filtered.ensureUniqueForOverwrite();
 }
@@ -76,13 +72,10 @@ void SelfAttentionLayer<T>::prepareHistory(const SliceAxes& axes, int historyLen
 // convolution along time, channel by channel.
 template <class T>
 const T* SelfAttentionLayer<T>::filterTime(const T* in, const SliceAxes& axes, int historyLength) {
-    const int F = axes.frequencies, C = axes.channels, sliceLength = F * C;
-    const auto slot = [&](std::int64_t t) {
-        return history.getWritePointer() + static_cast<std::ptrdiff_t>(t % historyLength) * sliceLength;
-    };
-    vo::copy(in, slot(timeIndex), sliceLength);
+    const int F = axes.frequencies, C = axes.channels;
+    vo::copy(in, getSlot(history, timeIndex), F * C);
     rows.resize(static_cast<std::size_t>(historyLength));
-    for (int u = 0; u < historyLength; ++u) rows[static_cast<std::size_t>(u)] = slot(timeIndex + u + 1);
+    collectSlots(history, timeIndex, 1, rows);
     const kernels::Convolution alongTime = {historyLength, 1, C, C, F, F, 1, 0};
     kernels::convolveChannels(alongTime, rows.data(), timeWeights.getReadPointer(), nullptr, 0,
                               filtered.getWritePointer());

@@ -63,12 +63,6 @@ int TransposedConvLayer<T>::getRingLength() const {
 }
 
 template <class T>
-T* TransposedConvLayer<T>::getSlot(std::int64_t time) {
-    const std::ptrdiff_t slotSize = std::ptrdiff_t{accumulator.shape[1]} * accumulator.shape[2];
-    return accumulator.getWritePointer() + time % getRingLength() * slotSize;
-}
-
-template <class T>
 bool TransposedConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const int times = tensor.shape.empty() ? 0 : tensor.shape[0];
     const int frequencies = tensor.shape.empty() ? 0 : tensor.shape.at(1);
@@ -120,11 +114,7 @@ void TransposedConvLayer<T>::requirePossible(const Tensor<T>& slice) const {
 template <class T>
 bool TransposedConvLayer<T>::pushTimeSlice(const Tensor<T>& slice) {
     requirePossible(slice);
-    if (!accumulator.hasElements()) {
-        accumulator.ensureShape({getRingLength(), frequencyStride * getAxis(slice, 1), outputChannels});
-        accumulator.setToZero();
-    }
-    accumulator.ensureUnique();
+    openRing(accumulator, getRingLength(), {1, frequencyStride * getAxis(slice, 1), outputChannels});
     const bool isFinished = hasTerms() && getAxis(slice, 1) > 0 && addSlice(slice);
     if (!isFinished) finishSlices();
     timeIndex += timeStride;
@@ -141,7 +131,8 @@ bool TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
         slice.shape[1],  accumulator.shape[1],
         frequencyStride, -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
     slots.resize(static_cast<std::size_t>(kernelTime));
-    for (int r = 0; r < kernelTime; ++r) slots[static_cast<std::size_t>(r)] = getSlot(timeIndex + r);
+    for (int r = 0; r < kernelTime; ++r)
+        slots[static_cast<std::size_t>(r)] = getSlot(accumulator, timeIndex + r);
 
     const T* in = slice.getReadPointer();
     const T* kernel = weights.getReadPointer();
@@ -176,9 +167,10 @@ void TransposedConvLayer<T>::addAcrossRows(const Tensor<T>& slice, std::ptrdiff_
                 const std::ptrdiff_t p = start + i * frequencyStride;
                 const Taps taps(p, kernelFrequency, outputFrequencies);
                 if (taps.count > 0)
-                    visit(
-                        i, (std::ptrdiff_t{r} * kernelFrequency + taps.first) * kernelOutputs * inputChannels,
-                        getSlot(timeIndex + r), (p + taps.first) * outputChannels, taps.count * valuesPerTap);
+                    visit(i,
+                          (std::ptrdiff_t{r} * kernelFrequency + taps.first) * kernelOutputs * inputChannels,
+                          getSlot(accumulator, timeIndex + r), (p + taps.first) * outputChannels,
+                          taps.count * valuesPerTap);
             }
     };
     forEachRun([&](auto, auto, const T* slot, std::ptrdiff_t position, std::ptrdiff_t count) {
@@ -213,10 +205,10 @@ void TransposedConvLayer<T>::finishSlices() {
     const int frequencies = accumulator.shape[1];
     for (std::int64_t time = timeIndex; time < timeIndex + timeStride; ++time) {
         if (time < timeOffset) {
-            vo::setToZero(getSlot(time), frequencies * outputChannels);
+            vo::setToZero(getSlot(accumulator, time), frequencies * outputChannels);
             continue;
         }
-        kernels::finishSlot(getSlot(time), frequencies, outputChannels, openOutput());
+        kernels::finishSlot(getSlot(accumulator, time), frequencies, outputChannels, openOutput());
         reserve.append(outputQueue, outputSlice);
     }
 }

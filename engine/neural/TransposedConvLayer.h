@@ -77,7 +77,6 @@ class TransposedConvLayer : public BaseLayer<T> {
   private:
     bool hasTerms() const;
     int getRingLength() const;
-    T* getSlot(std::int64_t time);
     void requirePossible(const Tensor<T>& slice) const;
     const kernels::PackedWeights& packWeights();
     bool addSlice(const Tensor<T>& slice);
