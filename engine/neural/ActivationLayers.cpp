@@ -1,10 +1,12 @@
 #include "neural/ActivationLayers.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -45,6 +47,11 @@ bool ReLULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
 }
 
 template <class T>
+void ReLULayer<T>::describe(LayerReport& report) const {
+    report.kind = "ReLU";
+}
+
+template <class T>
 ELULayer<T>::ELULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int)
     : BaseLayer<T>(layers, std::move(stream), LayerTypeEnum::ELU) {}
 
@@ -54,6 +61,11 @@ bool ELULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     leaveWithoutBuffer(scratch, tensor);
     kernels::elu(tensor.getReadPointer(), n, prepare(output, tensor));
     return this->forward(output);
+}
+
+template <class T>
+void ELULayer<T>::describe(LayerReport& report) const {
+    report.kind = "ELU";
 }
 
 template <class T>
@@ -69,8 +81,13 @@ bool SigmoidLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
 }
 
 template <class T>
+void SigmoidLayer<T>::describe(LayerReport& report) const {
+    report.kind = "sigmoid";
+}
+
+template <class T>
 LeakyReLULayer<T>::LeakyReLULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int)
-    : BaseLayer<T>(layers, stream, LayerTypeEnum::LeakyReLU), alpha(readNumber<float>(*stream)) {}
+    : BaseLayer<T>(layers, stream, LayerTypeEnum::LeakyReLU), alpha(readNumber<float>(*stream, "alpha")) {}
 
 template <class T>
 bool LeakyReLULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
@@ -78,6 +95,13 @@ bool LeakyReLULayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     leaveWithoutBuffer(scratch, tensor);
     kernels::leakyRelu(tensor.getReadPointer(), alpha, n, prepare(output, tensor));
     return this->forward(output);
+}
+
+template <class T>
+void LeakyReLULayer<T>::describe(LayerReport& report) const {
+    report.kind = "leaky ReLU";
+    report.addDetail("slope " + std::to_string(alpha));
+    report.expectFinite("alpha", alpha);
 }
 
 template <class T>
@@ -92,6 +116,11 @@ bool SoftplusLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
 }
 
 template <class T>
+void SoftplusLayer<T>::describe(LayerReport& report) const {
+    report.kind = "softplus";
+}
+
+template <class T>
 HardSigmoidLayer<T>::HardSigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int)
     : BaseLayer<T>(layers, std::move(stream), LayerTypeEnum::HardSigmoid) {}
 
@@ -101,6 +130,11 @@ bool HardSigmoidLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     leaveWithoutBuffer(scratch, tensor);
     kernels::hardSigmoid(tensor.getReadPointer(), n, prepare(output, tensor));
     return this->forward(output);
+}
+
+template <class T>
+void HardSigmoidLayer<T>::describe(LayerReport& report) const {
+    report.kind = "hard sigmoid";
 }
 
 template class ReLULayer<float>;

@@ -25,6 +25,7 @@ class ReLULayer : public BaseLayer<T> {
     ReLULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
 };
@@ -36,6 +37,7 @@ class ELULayer : public BaseLayer<T> {
     ELULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -48,6 +50,7 @@ class SigmoidLayer : public BaseLayer<T> {
     SigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -61,6 +64,7 @@ class LeakyReLULayer : public BaseLayer<T> {
     LeakyReLULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     float alpha = 0.0f;  // slope for negative inputs
     Tensor<T> output;
@@ -74,6 +78,7 @@ class SoftplusLayer : public BaseLayer<T> {
     SoftplusLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
 };
@@ -85,6 +90,7 @@ class HardSigmoidLayer : public BaseLayer<T> {
     HardSigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;

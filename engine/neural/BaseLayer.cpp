@@ -4,9 +4,11 @@
 #include <atomic>
 #include <limits>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -59,7 +61,7 @@ BaseLayer<T>::~BaseLayer() {
 
 template <class T>
 BaseLayer<T>* BaseLayer<T>::attachToSource(const LayerMap& layers, InputStream& stream) {
-    const auto& entry = findLayer(layers, stream.readString());
+    const auto& entry = findLayer(layers, readText(stream, "source"));
     BaseLayer<T>* source = std::get<std::shared_ptr<BaseLayer<T>>>(entry).get();
     require(source != nullptr, "layer graph: the source is null");
 
@@ -90,6 +92,11 @@ int BaseLayer<T>::measureLatency(int timeScale) {
 template <class T>
 void BaseLayer<T>::triggerForward() {
     for (BaseLayer<T>* consumer : consumers) consumer->triggerForward();
+}
+
+template <class T>
+void BaseLayer<T>::describe(LayerReport& report) const {
+    report.kind = "layer of type " + std::to_string(type);
 }
 
 template <class T>
@@ -192,7 +199,7 @@ void OutputLayer<T>::copyResults(Tensor<T>& joined) const {
 template <class T>
 BaseQueuedLayer<T>::BaseQueuedLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int,
                                     LayerType) {
-    const int numOfInputs = readNumber<std::int16_t>(*stream);
+    const int numOfInputs = readNumber<std::int16_t>(*stream, "number of sources");
     for (int i = 0; i < numOfInputs; ++i) {
         BaseLayer<T>* source = this->attachToSource(layers, *stream);
         queues.push_back({{}, source});

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "DspCore/RecyclingPool.h"
+#include "neural/RecordStream.h"
 #include "neural/Slices.h"
-#include "neural/StreamNumbers.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {
@@ -43,6 +43,7 @@ enum LayerType : std::int32_t {
 }  // namespace LayerTypeEnum
 using LayerTypeEnum::LayerType;
 
+struct LayerReport;
 template <class T>
 class BaseLayer;
 
@@ -92,6 +93,14 @@ class BaseLayer {
 
     // Asks layers further on to release what they hold back, without new data.
     virtual void triggerForward();
+
+    // Fills in what the layer knows of itself, for the inputs that the report names: its kind, the shape and
+    // the rate of its output, its costs, and what of its record cannot work with these inputs or is ignored.
+    // The report holds an output like the first input, which is what a layer gives that overrides nothing.
+    virtual void describe(LayerReport& report) const;
+
+    // The layers that this one has attached itself to and that still exist, in the order of its record.
+    const std::vector<BaseLayer<T>*>& getSources() const { return attachedSources; }
 
     std::list<BaseLayer<T>*> consumers;  // in the order of the model file
     std::int32_t type = LayerTypeEnum::Input;

@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "DspCore/VectorOperations.h"
-#include "neural/StreamNumbers.h"
+#include "neural/KernelReport.h"
 
 namespace zevrant {
 
@@ -20,12 +20,14 @@ std::int32_t saturate(std::int64_t value) {
 
 template <class T>
 ConvLayer<T>::ConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version)
-    : BaseLayer<T>(layers, stream, LayerTypeEnum::Conv), weights(stream, version), bias(stream, version) {
-    timeStride = readNumber<std::int8_t>(*stream);
-    frequencyStride = readNumber<std::int8_t>(*stream);
-    timeDilation = readNumber<std::int8_t>(*stream);
-    reservedParameter = readNumber<std::int8_t>(*stream);
-    timeOffset = readNumber<std::int8_t>(*stream);
+    : BaseLayer<T>(layers, stream, LayerTypeEnum::Conv),
+      weights(readTensor<T>(stream, version, "weights")),
+      bias(readTensor<T>(stream, version, "bias")) {
+    timeStride = readNumber<std::int8_t>(*stream, "timeStride");
+    frequencyStride = readNumber<std::int8_t>(*stream, "frequencyStride");
+    timeDilation = readNumber<std::int8_t>(*stream, "timeDilation");
+    reservedParameter = readNumber<std::int8_t>(*stream, "reservedParameter");
+    timeOffset = readNumber<std::int8_t>(*stream, "timeOffset");
     this->triggersConsumers = timeStride != 1 || timeOffset > 0;
 
     if (version <= 0x1000) weights = permuteKernels(weights);
@@ -207,6 +209,40 @@ int ConvLayer<T>::measureLatency(int timeScale) {
     const std::int64_t scale = timeScale;
     return static_cast<int>(scale * timeOffset +
                             this->measureConsumers(static_cast<int>(scale * timeStride)));
+}
+
+template <class T>
+void ConvLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const bool isChannelWise = inputChannels == 1 && in.channels != 1;
+    const double framesPerSlice = report.slicesPerFrame > 0.0 ? 1.0 / report.slicesPerFrame : 0.0;
+    report.kind = "convolution";
+    describeKernel(*this, isChannelWise, report);
+    report.output = {frequencyStride > 0 ? in.frequencies / frequencyStride : 0, outputChannels};
+    report.slicesPerFrame /= std::max(timeStride, 1);
+    const double terms =
+        static_cast<double>(kernelTime) * kernelFrequency * (isChannelWise ? 1 : inputChannels);
+    report.multiplyAddsPerFrame =
+        terms * static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
+    const SliceShape ringSlice = {in.frequencies, isChannelWise ? outputChannels : in.channels};
+    report.keepSlices(historyLength, ringSlice);
+
+    if (historyLength < 1)
+        report.addError("timeDilation", std::to_string(timeDilation),
+                        "the rows of the kernel lead into the future");
+    if (!isKernelSound(*this, report) || in.channels < 1) return;
+    if (isChannelWise && outputChannels % in.channels != 0)
+        report.addError("weights", toText(weights.shape),
+                        "a kernel for " + std::to_string(outputChannels) + " channels meets " +
+                            std::to_string(in.channels) + ", which is no divisor of it");
+    if (!isChannelWise && inputChannels != in.channels)
+        report.addMismatch(inputChannels > in.channels, "weights", toText(weights.shape),
+                           "the kernel takes " + std::to_string(inputChannels) + " channels and gets " +
+                               std::to_string(in.channels));
+    if (in.frequencies > 0 && report.output.frequencies == 0)
+        report.addError("frequencyStride", std::to_string(frequencyStride),
+                        "larger than the band of " + std::to_string(in.frequencies) + " frequencies");
 }
 
 template class ConvLayer<float>;

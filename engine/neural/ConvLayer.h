@@ -39,6 +39,7 @@ class ConvLayer : public BaseLayer<T> {
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void reset() override;
     int measureLatency(int timeScale) override;
+    void describe(LayerReport& report) const override;
 
     // [d0, d1, d2, d3] to [d0, d1, d3, d2].
     Tensor<T> permuteKernels(Tensor<T> kernels);

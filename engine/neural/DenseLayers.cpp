@@ -1,10 +1,13 @@
 #include "neural/DenseLayers.h"
 
 #include <algorithm>
+#include <string>
+#include <tuple>
 #include <utility>
 
 #include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -16,8 +19,8 @@ DenseLayer<T>::DenseLayer(const LayerMap& layers, std::shared_ptr<InputStream> s
         readNumber<std::int8_t>(*stream);
         readNumber<std::int8_t>(*stream);
     }
-    weights = Tensor<T>(stream, version);
-    if (hasBias) bias = Tensor<T>(stream, version);
+    weights = readTensor<T>(stream, version, "weights");
+    if (hasBias) bias = readTensor<T>(stream, version, "bias");
     const std::vector<int>& shape = weights.shape;
     if (shape.size() == 3 && shape[0] == shape[1] && weights.data) packWeights(shape[1], shape[2]);
 }
@@ -52,8 +55,8 @@ SeparableChannelConvLayer<T>::SeparableChannelConvLayer(const LayerMap& layers,
                                                         std::shared_ptr<InputStream> stream, int version)
     // The code of the dense layer, on purpose; nothing reads it.
     : BaseLayer<T>(layers, stream, LayerTypeEnum::Dense),
-      timeKernel(stream, version),
-      frequencyKernel(stream, version) {}
+      timeKernel(readTensor<T>(stream, version, "timeKernel")),
+      frequencyKernel(readTensor<T>(stream, version, "frequencyKernel")) {}
 
 template <class T>
 bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
@@ -134,6 +137,43 @@ void SeparableChannelConvLayer<T>::reset() {
     history.setToZero();
     sliceCount = 0;
     timeFiltered = Tensor<T>();
+}
+
+template <class T>
+void DenseLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const double terms = static_cast<double>(in.frequencies) * static_cast<double>(in.numOfValues());
+    report.kind = "dense";
+    report.addWeights("weights", weights);
+    report.addWeights("bias", bias);
+    report.multiplyAddsPerFrame = terms * report.slicesPerFrame;
+    report.expectValues("weights", weights, multiplyLimited(in.frequencies, in.numOfValues()),
+                        "a slice of " + toText(in));
+    if (bias.hasElements()) report.expectValues("bias", bias, in.numOfValues(), "a slice of " + toText(in));
+}
+
+template <class T>
+void SeparableChannelConvLayer<T>::describe(LayerReport& report) const {
+    const int timeTaps = getAxis(timeKernel, 0), frequencyTaps = getAxis(frequencyKernel, 0);
+    report.kind = "separable convolution";
+    report.addWeights("timeKernel", timeKernel);
+    report.addWeights("frequencyKernel", frequencyKernel);
+    report.addDetail("kernels " + std::to_string(timeTaps) + " (time), " + std::to_string(frequencyTaps) +
+                     " (frequency)");
+    report.multiplyAddsPerFrame = (static_cast<double>(timeTaps) + frequencyTaps) *
+                                  static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.keepSlices(timeTaps, report.output);
+    for (const auto& [field, kernel, taps] : {std::tuple{"timeKernel", &timeKernel, timeTaps},
+                                              {"frequencyKernel", &frequencyKernel, frequencyTaps}})
+        if (taps < 1)
+            report.addError(field, toText(kernel->shape), "a kernel without taps");
+        else
+            report.expectValues(field, *kernel, taps, "the filter");
+    const int threshold = (timeTaps + 1) / 2 - 1;
+    if (threshold > 0)
+        report.addWarning("timeKernel", toText(timeKernel.shape),
+                          "the first " + std::to_string(threshold) +
+                              " slices are dropped, which the model's latency does not count");
 }
 
 template class DenseLayer<float>;

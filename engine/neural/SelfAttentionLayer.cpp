@@ -1,9 +1,12 @@
 #include "neural/SelfAttentionLayer.h"
 
+#include <algorithm>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorKernels.h"
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -11,13 +14,13 @@ template <class T>
 SelfAttentionLayer<T>::SelfAttentionLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
                                           int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::SelfAttention),
-      channelMatrix(stream, version),
-      positionBias(stream, version) {
+      channelMatrix(readTensor<T>(stream, version, "channelMatrix")),
+      positionBias(readTensor<T>(stream, version, "positionBias")) {
     const std::vector<int>& shape = channelMatrix.shape;
     if (shape.size() == 2 && shape[0] == shape[1] && channelMatrix.data) packMatrix(shape[0]);
     if (version < 0x1007) return;
-    startDelay = readNumber<std::int8_t>(*stream);
-    timeWeights = Tensor<T>(stream, version);
+    startDelay = readNumber<std::int8_t>(*stream, "startDelay");
+    timeWeights = readTensor<T>(stream, version, "timeWeights");
 }
 
 template <class T>
@@ -104,6 +107,39 @@ void SelfAttentionLayer<T>::reset() {
 template <class T>
 int SelfAttentionLayer<T>::measureLatency(int timeScale) {
     return startDelay + this->measureConsumers(timeScale);
+}
+
+template <class T>
+void SelfAttentionLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const int historyLength = getAxis(timeWeights, 0);
+    report.kind = "self-attention";
+    report.addDetail(std::to_string(historyLength) + " slices");
+    if (startDelay != 0) report.addDetail("delay " + std::to_string(startDelay));
+    report.addWeights("channelMatrix", channelMatrix);
+    report.addWeights("timeWeights", timeWeights);
+    report.addWeights("positionBias", positionBias);
+    report.multiplyAddsPerFrame = static_cast<double>(historyLength + in.channels) *
+                                  static_cast<double>(in.numOfValues()) * report.slicesPerFrame;
+    report.latency = std::max(startDelay, 0);
+    report.keepSlices(historyLength, in);
+
+    report.expectValues("channelMatrix", channelMatrix, multiplyLimited(in.channels, in.channels),
+                        "a slice of " + toText(in));
+    if (positionBias.hasElements())
+        report.expectValues("positionBias", positionBias, in.numOfValues(), "a slice of " + toText(in));
+    if (timeWeights.hasElements() && historyLength < 1)
+        report.addError("timeWeights", toText(timeWeights.shape), "a history without a length");
+    else if (timeWeights.hasElements())
+        report.expectValues("timeWeights", timeWeights, multiplyLimited(historyLength, in.channels),
+                            "a slice of " + toText(in));
+    if (startDelay > 0 && report.slicesPerFrame != 1.0)
+        report.addWarning("startDelay", std::to_string(startDelay),
+                          "counts as frames in the model's latency, though slices come at another rate");
+    if (startDelay < 0) {
+        report.addError("startDelay", std::to_string(startDelay), "nothing is ever sent on");
+        report.slicesPerFrame = 0.0;
+    }
 }
 
 template class SelfAttentionLayer<float>;

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "DspCore/VectorOperations.h"
-#include "neural/StreamNumbers.h"
+#include "neural/KernelReport.h"
 
 namespace zevrant {
 
@@ -26,18 +26,18 @@ template <class T>
 TransposedConvLayer<T>::TransposedConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
                                             int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::TransposedConv),
-      weights(stream, version),
-      bias(stream, version) {
+      weights(readTensor<T>(stream, version, "weights")),
+      bias(readTensor<T>(stream, version, "bias")) {
     kernelTime = getAxis(weights, 0);
     kernelFrequency = getAxis(weights, 1);
     kernelOutputs = getAxis(weights, 2);
     inputChannels = getAxis(weights, 3);
-    outputChannels = version >= 0x1008 ? readNumber<std::int16_t>(*stream) : kernelOutputs;
-    timeStride = readNumber<std::int8_t>(*stream);
-    frequencyStride = readNumber<std::int8_t>(*stream);
-    timeDilation = readNumber<std::int8_t>(*stream);
-    reservedParameter = readNumber<std::int8_t>(*stream);
-    timeOffset = readNumber<std::int8_t>(*stream);
+    outputChannels = version >= 0x1008 ? readNumber<std::int16_t>(*stream, "outputChannels") : kernelOutputs;
+    timeStride = readNumber<std::int8_t>(*stream, "timeStride");
+    frequencyStride = readNumber<std::int8_t>(*stream, "frequencyStride");
+    timeDilation = readNumber<std::int8_t>(*stream, "timeDilation");
+    reservedParameter = readNumber<std::int8_t>(*stream, "reservedParameter");
+    timeOffset = readNumber<std::int8_t>(*stream, "timeOffset");
     if (hasTerms() && weights.data && kernelOutputs == outputChannels) packWeights();
 }
 
@@ -242,6 +242,33 @@ int TransposedConvLayer<T>::measureLatency(int timeScale) {
     const std::int64_t scale = timeScale;
     return static_cast<int>(scale * timeOffset +
                             this->measureConsumers(static_cast<int>(scale / timeStride)));
+}
+
+template <class T>
+void TransposedConvLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const bool isChannelWise = kernelOutputs == 1 && outputChannels != 1;
+    const double framesPerSlice = report.slicesPerFrame > 0.0 ? 1.0 / report.slicesPerFrame : 0.0;
+    report.kind = "transposed convolution";
+    describeKernel(*this, isChannelWise, report);
+    report.output = {in.frequencies * frequencyStride, outputChannels};
+    const double terms = static_cast<double>(kernelTime) * kernelFrequency *
+                         (isChannelWise ? 1 : inputChannels) * outputChannels;
+    report.multiplyAddsPerFrame = terms * static_cast<double>(in.frequencies) * report.slicesPerFrame;
+    report.slicesPerFrame *= std::max(timeStride, 0);
+    report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
+    report.keepSlices(getRingLength(), report.output);
+
+    if (!isKernelSound(*this, report)) return;
+    if (inputChannels != in.channels)
+        report.addMismatch(inputChannels > in.channels, "weights", toText(weights.shape),
+                           "the kernel takes " + std::to_string(inputChannels) + " channels and gets " +
+                               std::to_string(in.channels));
+    const int numOfWritten = isChannelWise ? inputChannels : kernelOutputs;
+    if (numOfWritten != outputChannels)
+        report.addError("outputChannels", std::to_string(outputChannels),
+                        "the kernel makes " + std::to_string(numOfWritten) +
+                            ", so that it writes across the ends of rows");
 }
 
 template class TransposedConvLayer<float>;
