@@ -1,7 +1,24 @@
 # Takes the code out of the pages of documentation, so that tests build and run what readers read. A page's examples are
-# its blocks between fences that name a language; zevrant_require_examples_built() refuses those that nobody took.
+# its blocks between fences that name a language. What cannot be taken is noted and fails the test that
+# zevrant_test_page_examples() adds; programs are built of the pages that zevrant_page_fits() tells.
 
-# zevrant_read_example(RESULT PAGE LANGUAGE [START]): the block of the language that begins with the text, or the only one.
+function(zevrant_note_page_fault page text)
+  set_property(GLOBAL APPEND PROPERTY zevrant_faulty_pages "${page}")
+  set_property(GLOBAL APPEND_STRING PROPERTY zevrant_page_faults "${page}: ${text}\n")
+endfunction()
+
+# zevrant_page_fits(RESULT PAGE): whether everything that was asked of the page so far was there.
+function(zevrant_page_fits result page)
+  get_property(faulty GLOBAL PROPERTY zevrant_faulty_pages)
+  if(page IN_LIST faulty)
+    set(${result} FALSE PARENT_SCOPE)
+  else()
+    set(${result} TRUE PARENT_SCOPE)
+  endif()
+endfunction()
+
+# zevrant_read_example(RESULT PAGE LANGUAGE [START]): the block of the language that begins with the text, or the only one;
+# empty where there is none.
 function(zevrant_read_example result page language)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${page}")
   file(READ "${PROJECT_SOURCE_DIR}/${page}" text)
@@ -9,7 +26,9 @@ function(zevrant_read_example result page language)
   string(FIND "${text}" "${fence}${ARGN}" start)
   string(FIND "${text}" "${fence}${ARGN}" last REVERSE)
   if(start EQUAL -1 OR NOT start EQUAL last)
-    message(FATAL_ERROR "${page} has no example in ${language}, or several, that start with \"${ARGN}\"")
+    zevrant_note_page_fault("${page}" "no example in ${language}, or several, that start with \"${ARGN}\"")
+    set(${result} "" PARENT_SCOPE)
+    return()
   endif()
   string(LENGTH "${fence}" length)
   math(EXPR start "${start} + ${length}")
@@ -32,6 +51,9 @@ function(zevrant_change_as_told page file output)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${file}")
   set(header "--- a/${file}\n+++ b/${file}\n@@\n")
   zevrant_read_example(diff "${page}" diff "${header}")
+  if(diff STREQUAL "")
+    return()
+  endif()
   string(LENGTH "${header}" length)
   string(SUBSTRING "${diff}" ${length} -1 diff)
   file(READ "${PROJECT_SOURCE_DIR}/${file}" text)
@@ -51,17 +73,20 @@ function(zevrant_change_as_told page file output)
     string(FIND "${text}" "${before}" first)
     string(FIND "${text}" "${before}" last REVERSE)
     if(first EQUAL -1 OR NOT first EQUAL last)
-      message(FATAL_ERROR "${page}: this change of ${file} does not fit into it, or in several places:\n${part}")
+      zevrant_note_page_fault("${page}" "this change of ${file} does not fit into it, or in several places:\n${part}")
+      return()
     endif()
     string(REPLACE "${before}" "${after}" text "${text}")
   endwhile()
   file(CONFIGURE OUTPUT "${output}" CONTENT "${text}" @ONLY)
 endfunction()
 
-# zevrant_require_examples_built(PAGE...): every block of these pages was taken, in this run of CMake.
-function(zevrant_require_examples_built)
+# zevrant_test_page_examples(PAGE...): a test that fails with what was noted, and with blocks of these pages that nobody
+# took in this run of CMake.
+function(zevrant_test_page_examples)
   get_property(taken GLOBAL PROPERTY zevrant_examples)
   foreach(page IN LISTS ARGN)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${page}")
     file(READ "${PROJECT_SOURCE_DIR}/${page}" text)
     string(REGEX MATCHALL "\n```[a-z]+" fences "${text}")
     list(LENGTH fences numOfBlocks)
@@ -69,7 +94,15 @@ function(zevrant_require_examples_built)
     list(FILTER ofPage INCLUDE REGEX "^${page}$")
     list(LENGTH ofPage numOfTaken)
     if(NOT numOfBlocks EQUAL numOfTaken)
-      message(FATAL_ERROR "${page} has ${numOfBlocks} blocks of code, and tests take ${numOfTaken}")
+      zevrant_note_page_fault("${page}" "has ${numOfBlocks} blocks of code, and tests take ${numOfTaken}")
     endif()
   endforeach()
+  get_property(faults GLOBAL PROPERTY zevrant_page_faults)
+  set(script "${CMAKE_CURRENT_BINARY_DIR}/PageFaults.cmake")
+  file(CONFIGURE OUTPUT "${script}" CONTENT [=[
+if(NOT [==[@faults@]==] STREQUAL "")
+  message(FATAL_ERROR [==[@faults@]==])
+endif()
+]=] @ONLY)
+  add_test(NAME PageExamples.fitTheSources COMMAND ${CMAKE_COMMAND} -P "${script}")
 endfunction()

@@ -10,7 +10,7 @@ namespace zevrant {
 // The element-wise non-linearities. Each has one source, keeps nothing between pushes, adds no latency
 // and works on whatever shape it is given.
 //
-// Shapes   in any, out the same; scratch is a work buffer of that shape.
+// Shapes   in any, out the same; scratch has that shape and no elements, since one pass needs none.
 // Order    Each value goes through the operations of the formula, each rounded. They run in one pass over the
 //          data, which changes no result, because values do not meet each other.
 // Memory   output is rewritten by every push, and moves to another buffer when a consumer still holds it.
@@ -25,6 +25,7 @@ class ReLULayer : public BaseLayer<T> {
     ReLULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
 };
@@ -36,6 +37,7 @@ class ELULayer : public BaseLayer<T> {
     ELULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -48,6 +50,7 @@ class SigmoidLayer : public BaseLayer<T> {
     SigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -61,6 +64,7 @@ class LeakyReLULayer : public BaseLayer<T> {
     LeakyReLULayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     float alpha = 0.0f;  // slope for negative inputs
     Tensor<T> output;
@@ -74,6 +78,7 @@ class SoftplusLayer : public BaseLayer<T> {
     SoftplusLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
 };
@@ -85,6 +90,7 @@ class HardSigmoidLayer : public BaseLayer<T> {
     HardSigmoidLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
     Tensor<T> scratch;

@@ -4,9 +4,11 @@
 #include <atomic>
 #include <limits>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -42,42 +44,6 @@ const LayerMap::mapped_type& findLayer(const LayerMap& layers, const std::string
 
 }  // namespace
 
-void require(bool isPossible, const char* text) {
-    if (!isPossible) throw std::invalid_argument(text);
-}
-
-template <class T>
-SliceAxes getSliceAxes(const Tensor<T>& tensor) {
-    if (tensor.shape.empty()) return {0, 0, 0};
-    return {tensor.shape[0], tensor.shape.at(1), tensor.shape.at(2)};
-}
-
-template <class T>
-SliceAxes requireSlices(const Tensor<T>& tensor) {
-    const SliceAxes axes = getSliceAxes(tensor);
-    if (axes.times <= 0) return axes;
-    require(axes.frequencies >= 0 && axes.channels >= 0, "layer: a slice has a negative dimension");
-    const std::int64_t sliceLength = std::int64_t{axes.frequencies} * axes.channels;
-    requireElements(tensor, sliceLength, "layer: the input's buffer is shorter than a slice");
-    // A slice that fits into a buffer has less than 2^31 elements, so this product cannot overflow.
-    requireElements(tensor, sliceLength * axes.times, "layer: the input's buffer is shorter than its shape");
-    return axes;
-}
-
-template <class T>
-void requireRing(const Tensor<T>& ring, int length, const SliceAxes& slices) {
-    const bool matches = ring.shape.size() == 3 && ring.shape[0] == length &&
-                         ring.shape[1] == slices.frequencies && ring.shape[2] == slices.channels;
-    require(matches, "layer: a slice unlike those that the history was made for");
-    requireElements(ring, ring.getNumOfElements(), "layer: the history is shorter than its shape");
-}
-
-int countSlice(int numOfSlices, int ringLength) {
-    if (numOfSlices < std::numeric_limits<int>::max()) return numOfSlices + 1;
-    const std::int64_t next = std::int64_t{numOfSlices} + 1;
-    return static_cast<int>(next % ringLength) + ringLength;
-}
-
 template <class T>
 BaseLayer<T>::BaseLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, LayerType layerType)
     : type(layerType) {
@@ -95,7 +61,7 @@ BaseLayer<T>::~BaseLayer() {
 
 template <class T>
 BaseLayer<T>* BaseLayer<T>::attachToSource(const LayerMap& layers, InputStream& stream) {
-    const auto& entry = findLayer(layers, stream.readString());
+    const auto& entry = findLayer(layers, readText(stream, "source"));
     BaseLayer<T>* source = std::get<std::shared_ptr<BaseLayer<T>>>(entry).get();
     require(source != nullptr, "layer graph: the source is null");
 
@@ -126,6 +92,11 @@ int BaseLayer<T>::measureLatency(int timeScale) {
 template <class T>
 void BaseLayer<T>::triggerForward() {
     for (BaseLayer<T>* consumer : consumers) consumer->triggerForward();
+}
+
+template <class T>
+void BaseLayer<T>::describe(LayerReport& report) const {
+    report.kind = "layer of type " + std::to_string(type);
 }
 
 template <class T>
@@ -228,7 +199,7 @@ void OutputLayer<T>::copyResults(Tensor<T>& joined) const {
 template <class T>
 BaseQueuedLayer<T>::BaseQueuedLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int,
                                     LayerType) {
-    const int numOfInputs = readNumber<std::int16_t>(*stream);
+    const int numOfInputs = readNumber<std::int16_t>(*stream, "number of sources");
     for (int i = 0; i < numOfInputs; ++i) {
         BaseLayer<T>* source = this->attachToSource(layers, *stream);
         queues.push_back({{}, source});
@@ -283,9 +254,6 @@ void BaseQueuedLayer<T>::reset() {
     for (InputQueue& queue : queues) reserve.clear(queue.tensors);
 }
 
-template SliceAxes getSliceAxes(const Tensor<float>& tensor);
-template SliceAxes requireSlices(const Tensor<float>& tensor);
-template void requireRing(const Tensor<float>& ring, int length, const SliceAxes& slices);
 template class BaseLayer<float>;
 template class BaseLayer<std::complex<float>>;
 template class InputLayer<float>;

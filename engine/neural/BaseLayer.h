@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "DspCore/RecyclingPool.h"
-#include "neural/StreamNumbers.h"
+#include "neural/RecordStream.h"
+#include "neural/Slices.h"
 #include "neural/Tensor.h"
 
 namespace zevrant {
@@ -42,6 +43,7 @@ enum LayerType : std::int32_t {
 }  // namespace LayerTypeEnum
 using LayerTypeEnum::LayerType;
 
+struct LayerReport;
 template <class T>
 class BaseLayer;
 
@@ -49,46 +51,6 @@ class BaseLayer;
 // float alternative is ever created.
 using LayerMap = std::map<std::string, std::variant<std::shared_ptr<BaseLayer<float>>,
                                                     std::shared_ptr<BaseLayer<std::complex<float>>>>>;
-
-// Stops what the numbers of a model file or of a caller make impossible, before memory is touched:
-// throws std::invalid_argument with this text. Layers ask once per push, not per element.
-void require(bool isPossible, const char* text);
-
-// The same for a tensor whose buffer is shorter than the part of it that is about to be read.
-template <class T>
-void requireElements(const Tensor<T>& tensor, std::int64_t numOfElements, const char* text) {
-    require(numOfElements <= 0 || (tensor.data && numOfElements <= tensor.data->size), text);
-}
-
-// The axes of a tensor between layers, 0, 0, 0 for an empty shape. Throws std::out_of_range for a shape
-// of one or two dimensions, and further dimensions are not looked at.
-struct SliceAxes {
-    int times;
-    int frequencies;
-    int channels;
-};
-template <class T>
-SliceAxes getSliceAxes(const Tensor<T>& tensor);
-
-// One axis of a tensor from a file, 0 where the shape has none of this number.
-template <class T>
-int getAxis(const Tensor<T>& tensor, std::size_t axis) {
-    return axis < tensor.shape.size() ? tensor.shape[axis] : 0;
-}
-
-// The same for a layer that goes on to read every slice: throws std::invalid_argument where there are slices
-// and the buffer is shorter than times * frequencies * channels, or one of these is negative.
-template <class T>
-SliceAxes requireSlices(const Tensor<T>& tensor);
-
-// A ring of slices before it is used: throws std::invalid_argument unless it is [length, F, C] for the F and
-// C of these slices, with the elements that this takes.
-template <class T>
-void requireRing(const Tensor<T>& ring, int length, const SliceAxes& slices);
-
-// Counts one more slice. Streams outlive 32 bits, so a full count goes on from a small one that stands at the
-// same place of a ring of this length, and is not below it.
-int countSlice(int numOfSlices, int ringLength);
 
 // Root of all layers: a node that is pushed tensors and pushes its own result to its consumers at once.
 //
@@ -131,6 +93,14 @@ class BaseLayer {
 
     // Asks layers further on to release what they hold back, without new data.
     virtual void triggerForward();
+
+    // Fills in what the layer knows of itself, for the inputs that the report names: its kind, the shape and
+    // the rate of its output, its costs, and what of its record cannot work with these inputs or is ignored.
+    // The report holds an output like the first input, which is what a layer gives that overrides nothing.
+    virtual void describe(LayerReport& report) const;
+
+    // The layers that this one has attached itself to and that still exist, in the order of its record.
+    const std::vector<BaseLayer<T>*>& getSources() const { return attachedSources; }
 
     std::list<BaseLayer<T>*> consumers;  // in the order of the model file
     std::int32_t type = LayerTypeEnum::Input;
@@ -241,9 +211,6 @@ class BaseQueuedLayer : public BaseLayer<T> {
     ListNodeReserve<Tensor<T>> reserve;
 };
 
-extern template SliceAxes getSliceAxes(const Tensor<float>& tensor);
-extern template SliceAxes requireSlices(const Tensor<float>& tensor);
-extern template void requireRing(const Tensor<float>& ring, int length, const SliceAxes& slices);
 extern template class BaseLayer<float>;
 extern template class InputLayer<float>;
 extern template class OutputLayer<float>;

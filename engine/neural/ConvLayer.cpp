@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <limits>
-#include <utility>
 
 #include "DspCore/VectorOperations.h"
 #include "kernels/ChannelKernels.h"
 #include "kernels/ConvolutionKernels.h"
 #include "kernels/PlainKernels.h"
-#include "neural/StreamNumbers.h"
+#include "neural/KernelReport.h"
 
 namespace zevrant {
 
@@ -24,12 +23,14 @@ std::int32_t saturate(std::int64_t value) {
 
 template <class T>
 ConvLayer<T>::ConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version)
-    : BaseLayer<T>(layers, stream, LayerTypeEnum::Conv), weights(stream, version), bias(stream, version) {
-    timeStride = readNumber<std::int8_t>(*stream);
-    frequencyStride = readNumber<std::int8_t>(*stream);
-    timeDilation = readNumber<std::int8_t>(*stream);
-    reservedParameter = readNumber<std::int8_t>(*stream);
-    timeOffset = readNumber<std::int8_t>(*stream);
+    : BaseLayer<T>(layers, stream, LayerTypeEnum::Conv),
+      weights(readTensor<T>(stream, version, "weights")),
+      bias(readTensor<T>(stream, version, "bias")) {
+    timeStride = readNumber<std::int8_t>(*stream, "timeStride");
+    frequencyStride = readNumber<std::int8_t>(*stream, "frequencyStride");
+    timeDilation = readNumber<std::int8_t>(*stream, "timeDilation");
+    reservedParameter = readNumber<std::int8_t>(*stream, "reservedParameter");
+    timeOffset = readNumber<std::int8_t>(*stream, "timeOffset");
     this->triggersConsumers = timeStride != 1 || timeOffset > 0;
 
     if (version <= 0x1000) weights = permuteKernels(weights);
@@ -72,30 +73,31 @@ bool ConvLayer<T>::hasTerms() const {
 }
 
 template <class T>
-void ConvLayer<T>::requirePossible(const Tensor<T>& tensor, const SliceAxes& axes,
-                                   int historyChannels) const {
+typename ConvLayer<T>::Plan ConvLayer<T>::planFor(int frequencies, int inputChannelCount,
+                                                  int ringChannels) const {
+    return {frequencies, ringChannels, frequencyStride > 0 ? frequencies / frequencyStride : 0,
+            inputChannels == 1 && inputChannelCount != 1};
+}
+
+template <class T>
+void ConvLayer<T>::requirePossible(const Tensor<T>& tensor, const SliceAxes& axes, const Plan& plan) const {
     const auto [times, frequencies, channels] = axes;
-    require(channels > 0 && frequencies >= 0 && historyChannels >= 0,
+    require(channels > 0 && frequencies >= 0 && plan.channels >= 0,
             "convolution: a slice without channels or of negative size");
-    require(historyLength > 0, "convolution: the kernel leaves no room for a slice");
-    require(!history.hasElements() || (history.shape[0] == historyLength && history.shape[1] == frequencies &&
-                                       history.shape[2] == historyChannels),
-            "convolution: the slice differs from those in the ring");
-    const std::int64_t numOfValues = historyChannels / channels > 1
+    requireRing(history, historyLength, {times, frequencies, plan.channels});
+    const std::int64_t numOfValues = plan.channels / channels > 1
                                          ? std::int64_t{frequencies} * channels
-                                         : std::int64_t{times} * frequencies * historyChannels;
+                                         : std::int64_t{times} * frequencies * plan.channels;
     requireElements(tensor, numOfValues, "convolution: the tensor is shorter than its slices");
-    if (timeIndex + times > timeOffset)
-        requireComputable(frequencies, historyChannels, inputChannels == 1 && channels != 1);
+    if (timeIndex + times > timeOffset) requireComputable(plan);
 }
 
 // Whether a ring with slices of this size can be convolved.
 template <class T>
-void ConvLayer<T>::requireComputable(int frequencies, int historyChannels, bool isChannelWise) const {
+void ConvLayer<T>::requireComputable(const Plan& plan) const {
     require(timeStride > 0 && frequencyStride > 0, "convolution: a stride has to be positive");
-    const int outputFrequencies = frequencies / frequencyStride;
-    Tensor<T>::countElements(std::array{outputFrequencies, std::max(outputChannels, 1)});
-    if (outputFrequencies < 1) return;
+    Tensor<T>::countElements(std::array{plan.outputFrequencies, std::max(outputChannels, 1)});
+    if (plan.outputFrequencies < 1) return;
     require(outputChannels >= 0, "convolution: a negative number of output channels");
     if (bias.hasElements()) requireElements(bias, outputChannels, "convolution: the bias is too short");
     if (kernelTime < 1) return;
@@ -103,7 +105,7 @@ void ConvLayer<T>::requireComputable(int frequencies, int historyChannels, bool 
     if (!hasTerms()) return;
     requireElements(weights, std::int64_t{kernelTime} * kernelFrequency * inputChannels * outputChannels,
                     "convolution: the kernel is shorter than its shape");
-    require((isChannelWise ? outputChannels : inputChannels) <= historyChannels,
+    require((plan.isChannelWise ? outputChannels : inputChannels) <= plan.channels,
             "convolution: the slice has too few channels");
 }
 
@@ -111,102 +113,91 @@ template <class T>
 bool ConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
     const SliceAxes axes = getSliceAxes(tensor);
     const auto [times, frequencies, channels] = axes;
-    const int historyChannels = inputChannels == 1 && channels != 1 ? outputChannels : channels;
-    if (times > 0) requirePossible(tensor, axes, historyChannels);
-    if (historyLength == 1 && times == 1 && channels == historyChannels && tensor.shape.size() == 3) {
+    const int ringChannels = inputChannels == 1 && channels != 1 ? outputChannels : channels;
+    const Plan plan = planFor(frequencies, channels, ringChannels);
+    if (times > 0) requirePossible(tensor, axes, plan);
+    if (historyLength == 1 && times == 1 && channels == ringChannels && tensor.shape.size() == 3) {
         history = tensor;  // a ring of one slice is that slice, so it is shared and not copied
-        const bool hasReachedOutput = processCheckedSlice(channels);
+        const bool hasReachedOutput = processSlice(plan, {});
         ++timeIndex;
         return hasReachedOutput;
     }
-    if (!history.hasElements()) {
-        history.ensureShape({historyLength, frequencies, historyChannels});
-        history.setToZero();
-    }
-    history.ensureUnique();
+    openRing(history, historyLength, {times, frequencies, ringChannels});
     if (times < 1) return false;
 
-    const int repeat = historyChannels / channels;
-    const int numOfValues = frequencies * historyChannels;
+    const int repeat = ringChannels / channels;
     const T* in = tensor.getReadPointer();
     bool hasReachedOutput = false;
     for (int time = 0; time < times; ++time) {
-        T* slot = history.getWritePointer() + timeIndex % historyLength * numOfValues;
+        T* slot = getSlot(history, timeIndex);
+        kernels::SliceToStore store;
         if (repeat <= 1) {
-            newSlice = {in, slot};  // for the kernel, or for storeNewSlice() if none takes it
-            in += numOfValues;
+            store = {in, slot};
+            in += plan.getSliceLength();
         } else {
             // Every slice of the tensor takes the values of the first one, on purpose.
             for (int i = 0; i < frequencies * channels; ++i, slot += repeat) std::fill_n(slot, repeat, in[i]);
         }
-        hasReachedOutput |= processCheckedSlice(channels);
+        hasReachedOutput |= processSlice(plan, store);
         ++timeIndex;
     }
     return hasReachedOutput;
 }
 
 template <class T>
-void ConvLayer<T>::storeNewSlice() {
-    if (newSlice.from) vo::copy(newSlice.from, newSlice.to, history.shape[1] * history.shape[2]);
-    newSlice = {};
-}
-
-template <class T>
 bool ConvLayer<T>::processTimeSlice(int inputChannelCount) {
     const SliceAxes ring = getSliceAxes(history);
+    const Plan plan = planFor(ring.frequencies, inputChannelCount, ring.channels);
     if (timeIndex >= timeOffset) {
-        requireComputable(ring.frequencies, ring.channels, inputChannels == 1 && inputChannelCount != 1);
-        if (hasTerms() && ring.frequencies >= frequencyStride) requireRing(history, historyLength, ring);
+        requireComputable(plan);
+        if (hasTerms() && plan.outputFrequencies >= 1) {
+            require(history.hasElements(), "convolution: nothing is in the ring");
+            requireRing(history, historyLength, ring);
+        }
     }
-    return processCheckedSlice(inputChannelCount);
+    return processSlice(plan, {});
 }
 
+// Sends the slice that is due at timeIndex, if one is. The newest slice of the ring stands there already or
+// is stored on the way: a kernel that takes it does so as far as it has come with its rows.
 template <class T>
-bool ConvLayer<T>::processCheckedSlice(int inputChannelCount) {
+bool ConvLayer<T>::processSlice(const Plan& plan, const kernels::SliceToStore& store) {
     if (timeIndex < timeOffset || (timeIndex - timeOffset) % timeStride != 0) {
-        storeNewSlice();
+        if (store.from) vo::copy(store.from, store.to, plan.getSliceLength());
         BaseLayer<T>::triggerForward();
         return false;
     }
-    const int outputFrequencies = getSliceAxes(history).frequencies / frequencyStride;
-    output.ensureShape({1, outputFrequencies, outputChannels});
+    output.ensureShape({1, plan.outputFrequencies, outputChannels});
     output.ensureUniqueForOverwrite();
-    convolve(outputFrequencies, inputChannels == 1 && inputChannelCount != 1);
+    convolve(plan, store);
     return this->forward(output);
 }
 
 template <class T>
-void ConvLayer<T>::convolve(int outputFrequencies, bool isChannelWise) {
-    const auto [length, frequencies, historyChannels] = getSliceAxes(history);
+void ConvLayer<T>::convolve(const Plan& plan, const kernels::SliceToStore& store) {
     const T* first = bias.hasElements() ? bias.getReadPointer() : nullptr;
     T* out = output.getWritePointer();
     kernels::Convolution shape = {0,
                                   kernelFrequency,
                                   inputChannels,
                                   outputChannels,
-                                  frequencies,
-                                  outputFrequencies,
+                                  plan.frequencies,
+                                  plan.outputFrequencies,
                                   frequencyStride,
                                   -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
-    if (!hasTerms() || outputFrequencies < 1) {
-        storeNewSlice();
+    const bool isPlain =
+        !hasTerms() || plan.outputFrequencies < 1 || (inputChannels != plan.channels && !plan.isChannelWise);
+    if (isPlain && store.from) vo::copy(store.from, store.to, plan.getSliceLength());
+    if (!hasTerms() || plan.outputFrequencies < 1)
         return kernels::plain::convolve(shape, nullptr, 0, nullptr, first, 0, out);
-    }
 
     shape.numOfSlices = kernelTime;
     rows.resize(static_cast<std::size_t>(kernelTime));
-    const T* slots = history.getReadPointer();
-    for (int r = 0; r < kernelTime; ++r) {
-        const std::int64_t slot = (timeIndex + 1 + std::int64_t{r} * timeDilation) % length;
-        rows[static_cast<std::size_t>(r)] = slots + slot * frequencies * historyChannels;
-    }
+    collectSlots(history, timeIndex, timeDilation, rows);
     const T* kernel = weights.getReadPointer();
-    if (inputChannels != historyChannels && !isChannelWise) {
-        storeNewSlice();
-        return kernels::plain::convolve(shape, rows.data(), historyChannels, kernel, first, 0, out);
-    }
-    const kernels::SliceToStore store = std::exchange(newSlice, {});
-    if (isChannelWise) return kernels::convolveChannels(shape, rows.data(), kernel, first, 0, out, store);
+    if (isPlain) return kernels::plain::convolve(shape, rows.data(), plan.channels, kernel, first, 0, out);
+    if (plan.isChannelWise)
+        return kernels::convolveChannels(shape, rows.data(), kernel, first, 0, out, store);
     kernels::convolve(shape, rows.data(), packWeights(), first, 0, out, store);
 }
 
@@ -221,6 +212,40 @@ int ConvLayer<T>::measureLatency(int timeScale) {
     const std::int64_t scale = timeScale;
     return static_cast<int>(scale * timeOffset +
                             this->measureConsumers(static_cast<int>(scale * timeStride)));
+}
+
+template <class T>
+void ConvLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const bool isChannelWise = inputChannels == 1 && in.channels != 1;
+    const double framesPerSlice = report.slicesPerFrame > 0.0 ? 1.0 / report.slicesPerFrame : 0.0;
+    report.kind = "convolution";
+    describeKernel(*this, isChannelWise, report);
+    report.output = {frequencyStride > 0 ? in.frequencies / frequencyStride : 0, outputChannels};
+    report.slicesPerFrame /= std::max(timeStride, 1);
+    const double terms =
+        static_cast<double>(kernelTime) * kernelFrequency * (isChannelWise ? 1 : inputChannels);
+    report.multiplyAddsPerFrame =
+        terms * static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
+    const SliceShape ringSlice = {in.frequencies, isChannelWise ? outputChannels : in.channels};
+    report.keepSlices(historyLength, ringSlice);
+
+    if (historyLength < 1)
+        report.addError("timeDilation", std::to_string(timeDilation),
+                        "the rows of the kernel lead into the future");
+    if (!isKernelSound(*this, report) || in.channels < 1) return;
+    if (isChannelWise && outputChannels % in.channels != 0)
+        report.addError("weights", toText(weights.shape),
+                        "a kernel for " + std::to_string(outputChannels) + " channels meets " +
+                            std::to_string(in.channels) + ", which is no divisor of it");
+    if (!isChannelWise && inputChannels != in.channels)
+        report.addMismatch(inputChannels > in.channels, "weights", toText(weights.shape),
+                           "the kernel takes " + std::to_string(inputChannels) + " channels and gets " +
+                               std::to_string(in.channels));
+    if (in.frequencies > 0 && report.output.frequencies == 0)
+        report.addError("frequencyStride", std::to_string(frequencyStride),
+                        "larger than the band of " + std::to_string(in.frequencies) + " frequencies");
 }
 
 template class ConvLayer<float>;

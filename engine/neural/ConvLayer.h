@@ -39,6 +39,7 @@ class ConvLayer : public BaseLayer<T> {
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void reset() override;
     int measureLatency(int timeScale) override;
+    void describe(LayerReport& report) const override;
 
     // [d0, d1, d2, d3] to [d0, d1, d3, d2].
     Tensor<T> permuteKernels(Tensor<T> kernels);
@@ -64,17 +65,26 @@ class ConvLayer : public BaseLayer<T> {
     std::int32_t outputChannels;
 
   private:
+    // What all slices of one push have in common.
+    struct Plan {
+        int frequencies;        // of a slice of the ring
+        int channels;           // of a slice of the ring
+        int outputFrequencies;  // 0 with a stride that is not positive
+        bool isChannelWise;
+
+        int getSliceLength() const { return frequencies * channels; }
+    };
+
     bool hasTerms() const;
-    void requirePossible(const Tensor<T>& tensor, const SliceAxes& axes, int historyChannels) const;
-    void requireComputable(int frequencies, int historyChannels, bool isChannelWise) const;
+    Plan planFor(int frequencies, int inputChannelCount, int ringChannels) const;
+    void requirePossible(const Tensor<T>& tensor, const SliceAxes& axes, const Plan& plan) const;
+    void requireComputable(const Plan& plan) const;
     const kernels::PackedWeights& packWeights();
-    bool processCheckedSlice(int inputChannelCount);
-    void convolve(int outputFrequencies, bool isChannelWise);
-    void storeNewSlice();
+    bool processSlice(const Plan& plan, const kernels::SliceToStore& store);
+    void convolve(const Plan& plan, const kernels::SliceToStore& store);
 
     PackedKernel<T> packedKernel;
     std::vector<const T*> rows;  // the slices that the kernel rows meet
-    kernels::SliceToStore newSlice;
 };
 
 extern template class ConvLayer<float>;

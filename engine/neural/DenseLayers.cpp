@@ -1,11 +1,14 @@
 #include "neural/DenseLayers.h"
 
 #include <algorithm>
+#include <string>
+#include <tuple>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
 #include "kernels/ChannelKernels.h"
 #include "kernels/DenseKernels.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -17,8 +20,8 @@ DenseLayer<T>::DenseLayer(const LayerMap& layers, std::shared_ptr<InputStream> s
         readNumber<std::int8_t>(*stream);
         readNumber<std::int8_t>(*stream);
     }
-    weights = Tensor<T>(stream, version);
-    if (hasBias) bias = Tensor<T>(stream, version);
+    weights = readTensor<T>(stream, version, "weights");
+    if (hasBias) bias = readTensor<T>(stream, version, "bias");
     const std::vector<int>& shape = weights.shape;
     if (shape.size() == 3 && shape[0] == shape[1] && weights.data) packWeights(shape[1], shape[2]);
 }
@@ -53,8 +56,8 @@ SeparableChannelConvLayer<T>::SeparableChannelConvLayer(const LayerMap& layers,
                                                         std::shared_ptr<InputStream> stream, int version)
     // The code of the dense layer, on purpose; nothing reads it.
     : BaseLayer<T>(layers, stream, LayerTypeEnum::Dense),
-      timeKernel(stream, version),
-      frequencyKernel(stream, version) {}
+      timeKernel(readTensor<T>(stream, version, "timeKernel")),
+      frequencyKernel(readTensor<T>(stream, version, "frequencyKernel")) {}
 
 template <class T>
 bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
@@ -67,23 +70,18 @@ bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) 
         requireElements(frequencyKernel, frequencyTaps,
                         "separable layer: frequencyKernel is shorter than its axis");
     }
-    if (!history.hasElements()) {
-        history.ensureShape({timeTaps, axes.frequencies, axes.channels});
-        history.setToZero();
-    }
     if (axes.times > 0) requireRing(history, timeTaps, axes);
+    openRing(history, timeTaps, axes);
     timeFiltered.ensureShape({1, axes.frequencies, axes.channels});
     output.ensureShape({1, axes.frequencies, axes.channels});
     timeFiltered.ensureUnique();
-    history.ensureUnique();
 
     const int sliceLength = axes.times > 0 ? axes.frequencies * axes.channels : 0;
     const int threshold = (timeTaps + 1) / 2 - 1;
     bool reachedOutput = false;
     for (int t = 0; t < axes.times; ++t) {
         const T* in = tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength;
-        const std::ptrdiff_t slot = sliceCount % timeTaps;
-        vo::copy(in, history.getWritePointer() + slot * sliceLength, sliceLength);
+        vo::copy(in, getSlot(history, sliceCount), sliceLength);
         filterTime(timeTaps, sliceLength);
         output.ensureUniqueForOverwrite();
         filterFrequency(frequencyTaps, axes.frequencies, axes.channels);
@@ -96,11 +94,9 @@ bool SeparableChannelConvLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) 
 // Tap 0 meets the slice before the newest, the last tap the newest.
 template <class T>
 void SeparableChannelConvLayer<T>::filterTime(int numOfTaps, int sliceLength) {
-    const int before = sliceCount % numOfTaps + numOfTaps - 1;
+    const std::int64_t before = std::int64_t{sliceCount} + numOfTaps - 1;
     rows.resize(static_cast<std::size_t>(numOfTaps));
-    for (int b = 0; b < numOfTaps; ++b)
-        rows[static_cast<std::size_t>(b)] =
-            history.getReadPointer() + std::ptrdiff_t{(before - b) % numOfTaps} * sliceLength;
+    for (int b = 0; b < numOfTaps; ++b) rows[static_cast<std::size_t>(b)] = getSlot(history, before - b);
     kernels::combineRows(rows.data(), timeKernel.getReadPointer(), numOfTaps, sliceLength,
                          timeFiltered.getWritePointer());
 }
@@ -142,6 +138,43 @@ void SeparableChannelConvLayer<T>::reset() {
     history.setToZero();
     sliceCount = 0;
     timeFiltered = Tensor<T>();
+}
+
+template <class T>
+void DenseLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const double terms = static_cast<double>(in.frequencies) * static_cast<double>(in.numOfValues());
+    report.kind = "dense";
+    report.addWeights("weights", weights);
+    report.addWeights("bias", bias);
+    report.multiplyAddsPerFrame = terms * report.slicesPerFrame;
+    report.expectValues("weights", weights, multiplyLimited(in.frequencies, in.numOfValues()),
+                        "a slice of " + toText(in));
+    if (bias.hasElements()) report.expectValues("bias", bias, in.numOfValues(), "a slice of " + toText(in));
+}
+
+template <class T>
+void SeparableChannelConvLayer<T>::describe(LayerReport& report) const {
+    const int timeTaps = getAxis(timeKernel, 0), frequencyTaps = getAxis(frequencyKernel, 0);
+    report.kind = "separable convolution";
+    report.addWeights("timeKernel", timeKernel);
+    report.addWeights("frequencyKernel", frequencyKernel);
+    report.addDetail("kernels " + std::to_string(timeTaps) + " (time), " + std::to_string(frequencyTaps) +
+                     " (frequency)");
+    report.multiplyAddsPerFrame = (static_cast<double>(timeTaps) + frequencyTaps) *
+                                  static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.keepSlices(timeTaps, report.output);
+    for (const auto& [field, kernel, taps] : {std::tuple{"timeKernel", &timeKernel, timeTaps},
+                                              {"frequencyKernel", &frequencyKernel, frequencyTaps}})
+        if (taps < 1)
+            report.addError(field, toText(kernel->shape), "a kernel without taps");
+        else
+            report.expectValues(field, *kernel, taps, "the filter");
+    const int threshold = (timeTaps + 1) / 2 - 1;
+    if (threshold > 0)
+        report.addWarning("timeKernel", toText(timeKernel.shape),
+                          "the first " + std::to_string(threshold) +
+                              " slices are dropped, which the model's latency does not count");
 }
 
 template class DenseLayer<float>;

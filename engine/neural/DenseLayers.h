@@ -28,6 +28,7 @@ class DenseLayer : public BaseLayer<T> {
     DenseLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> weights;  // [F, F, C]: output frequency, input frequency, channel
     Tensor<T> bias;     // [F, C] or empty
@@ -63,6 +64,7 @@ class SeparableChannelConvLayer : public BaseLayer<T> {
     SeparableChannelConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
     void reset() override;
 
     Tensor<T> timeKernel;         // [timeKernelLength]

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <limits>
+#include <string>
 #include <utility>
 
 #include "kernels/BandKernels.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -12,12 +14,12 @@ template <class T>
 FrequencyRescaleLayer<T>::FrequencyRescaleLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
                                                 int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::FrequencyRescale) {
-    const int numOfEntries = readNumber<std::int16_t>(*stream);
+    const int numOfEntries = readNumber<std::int16_t>(*stream, "number of bands");
     if (numOfEntries < 0) throw std::length_error("frequency rescale layer: negative entry count");
     std::vector<std::tuple<int, Tensor<T>>> entries;
     for (int i = 0; i < numOfEntries; ++i) {
-        const int startBin = readNumber<std::int16_t>(*stream);
-        entries.emplace_back(startBin, Tensor<T>(stream, version));
+        const int startBin = readNumber<std::int16_t>(*stream, "first bin");
+        entries.emplace_back(startBin, readTensor<T>(stream, version, "taps"));
     }
     createWeightsCache(entries);
 }
@@ -63,6 +65,27 @@ bool FrequencyRescaleLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
                               tapCounts.data(), tapPointers.data(),
                               output.getWritePointer() + outputBins * C * t);
     return this->forward(output);
+}
+
+template <class T>
+void FrequencyRescaleLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    report.kind = "frequency rescale";
+    report.output.frequencies = outputBins;
+    if (outputBins < 1) report.addError("number of bands", "0", "no bands, so nothing comes out");
+    for (std::size_t band = 0; band < weights.size(); ++band) {
+        const auto& [start, taps] = weights[band];
+        const std::string field = "band " + std::to_string(band);
+        const std::int64_t end = start + std::int64_t{std::max(tapCounts[band], 1)};
+        report.addWeights(field, taps);
+        report.expectValues(field, taps, std::max(tapCounts[band], 1), "the band");
+        if (start < 0 || end > in.frequencies)
+            report.addError(field, "",
+                            "reads bins " + std::to_string(start) + " to " + std::to_string(end - 1) +
+                                " of " + std::to_string(in.frequencies));
+    }
+    report.multiplyAddsPerFrame = static_cast<double>(report.numOfParameters) *
+                                  static_cast<double>(in.channels) * report.slicesPerFrame;
 }
 
 template class FrequencyRescaleLayer<float>;

@@ -32,6 +32,7 @@ class FrequencyRescaleLayer : public BaseLayer<T> {
     void createWeightsCache(const std::vector<std::tuple<int, Tensor<T>>>& newWeights);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     std::vector<std::tuple<int, Tensor<T>>> weights;  // owns the taps
 

@@ -1,9 +1,11 @@
 #include "neural/MergeLayers.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -92,7 +94,7 @@ void ConcatLayer<T>::joinRows(const std::vector<Tensor<T>>& inputs, const SliceA
 template <class T>
 ArithmeticLayer<T>::ArithmeticLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version)
     : BaseQueuedLayer<T>(layers, stream, version, LayerTypeEnum::Arithmetic),
-      operation(readNumber<std::int8_t>(*stream)) {}
+      operation(readNumber<std::int8_t>(*stream, "operation")) {}
 
 template <class T>
 bool ArithmeticLayer<T>::push(const std::vector<Tensor<T>>& inputs, std::vector<BaseLayer<T>*>) {
@@ -116,6 +118,36 @@ bool ArithmeticLayer<T>::merge(const std::vector<Tensor<T>>& inputs) {
     for (std::size_t i = 1; combines && i < inputs.size(); ++i)
         combine(operation, i == 1 ? first.getReadPointer() : out, inputs[i].getReadPointer(), out, n);
     return this->forward(output);
+}
+
+template <class T>
+void ConcatLayer<T>::describe(LayerReport& report) const {
+    report.kind = "concat";
+    report.output.channels = 0;
+    for (const SliceShape& input : report.inputs) {
+        report.output.channels += input.channels;
+        if (input.frequencies != report.output.frequencies)
+            report.addMismatch(
+                input.frequencies < report.output.frequencies, "source", report.getSource(input),
+                "has " + std::to_string(input.frequencies) + " frequencies and the first has " +
+                    std::to_string(report.output.frequencies));
+    }
+}
+
+template <class T>
+void ArithmeticLayer<T>::describe(LayerReport& report) const {
+    constexpr const char* kinds[] = {"multiply", "divide", "add", "subtract"};
+    report.kind = isKnown(operation) ? kinds[operation] : "first input";
+    report.multiplyAddsPerFrame = static_cast<double>(std::ssize(report.inputs) - 1) *
+                                  static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    if (!isKnown(operation))
+        return report.addWarning("operation", std::to_string(operation),
+                                 "is none of 0 to 3, so the first input passes alone");
+    for (const SliceShape& input : report.inputs)
+        if (input != report.output)
+            report.addMismatch(input.numOfValues() < report.output.numOfValues(), "source",
+                               report.getSource(input),
+                               "is " + toText(input) + " and the first is " + toText(report.output));
 }
 
 template class ConcatLayer<float>;

@@ -29,6 +29,7 @@ class ConcatLayer : public BaseQueuedLayer<T> {
 
     using BaseQueuedLayer<T>::push;
     bool push(const std::vector<Tensor<T>>& inputs, std::vector<BaseLayer<T>*> sources) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> output;
 
@@ -63,6 +64,7 @@ class ArithmeticLayer : public BaseQueuedLayer<T> {
 
     using BaseQueuedLayer<T>::push;
     bool push(const std::vector<Tensor<T>>& inputs, std::vector<BaseLayer<T>*> sources) override;
+    void describe(LayerReport& report) const override;
 
     std::int32_t operation = 0;  // ArithmeticOperation, or any other code
     Tensor<T> output;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "DspCore/VectorOperations.h"
+#include "neural/ModelLoader.h"
 
 namespace zevrant {
 
@@ -14,6 +15,18 @@ NeuralModel<T>::NeuralModel()
     inputLayer->consumers.push_back(outputLayer.get());
     layers["input"] = inputLayer;
     layers["output"] = outputLayer;
+}
+
+template <class T>
+bool NeuralModel<T>::loadModel(const File& file) {
+    LoadReport report;
+    return zevrant::loadModel(file, *this, report);
+}
+
+template <class T>
+bool NeuralModel<T>::loadModel(std::shared_ptr<InputStream> stream) {
+    LoadReport report;
+    return zevrant::loadModel(stream, *this, report);
 }
 
 template <class T>

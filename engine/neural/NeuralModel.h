@@ -31,15 +31,8 @@ class NeuralModel {
     NeuralModel& operator=(const NeuralModel& other) = default;
     virtual ~NeuralModel() = default;
 
-    // Reads a model; docs/model-format.md tells the format. False for a file that cannot be opened, an
-    // unknown or earlier magic, a version below 0x1004, a bad packing code, an unknown layer type, or a
-    // sample rate, window or hop that is not positive. After false or an exception the model is not to
-    // be used.
-    //
-    // The stream's results are not looked at: past its end numbers read as zeros and texts as empty.
-    // Errors   std::out_of_range "map::at:  key not found" for an unknown source, and for a tensor of more
-    //          elements than the stream holds; std::length_error for negative lengths and ranks and for
-    //          blocks of 2 GiB or more; std::invalid_argument for groups of 0 bins.
+    // Reads a model, as ModelLoader.h tells; the form there says why one is refused. False for a file that
+    // cannot be opened too. After false or an exception the model is not to be used.
     bool loadModel(const File& file);
     bool loadModel(std::shared_ptr<InputStream> stream);
 
@@ -53,6 +46,9 @@ class NeuralModel {
 
     // Back to the state after the load.
     void reset();
+
+    // The first part of that, which makes a loaded model ready for its first frame.
+    void clearFrameHistory();
 
     // [1, tensorFrequencies, C], with C as SpectrumPacking tells for inputPacking. Every signal fills the
     // same elements, so the last one stands. A default tensor for no signals.
@@ -91,9 +87,6 @@ class NeuralModel {
 
   private:
     BinLayout getBinLayout(int packing) const;
-    void clearFrameHistory();
-    float calcLevelScale() const;
-    bool readLayers(const std::shared_ptr<InputStream>& stream, int version);
     template <class Signals>
     void packSignals(const Signals& signals, Tensor<T>& tensor) const;
     void unpackTensor(const Tensor<T>& tensor, int numOfSamples, std::vector<ComplexSignal32>& signals) const;

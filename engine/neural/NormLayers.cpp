@@ -1,11 +1,13 @@
 #include "neural/NormLayers.h"
 
 #include <algorithm>
-#include <limits>
+#include <cmath>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
 #include "kernels/NormKernels.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -22,12 +24,12 @@ template <class T>
 NormLayer<T>::NormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::Norm) {
     if (version >= 0x100a) {
-        normMode = readNumber<std::int8_t>(*stream);
-        gain = Tensor<T>(stream, version);
-        offset = Tensor<T>(stream, version);
+        normMode = readNumber<std::int8_t>(*stream, "normMode");
+        gain = readTensor<T>(stream, version, "gain");
+        offset = readTensor<T>(stream, version, "offset");
     } else {
-        offset = Tensor<T>(stream, version);
-        gain = Tensor<T>(stream, version);
+        offset = readTensor<T>(stream, version, "offset");
+        gain = readTensor<T>(stream, version, "gain");
     }
 }
 
@@ -68,7 +70,7 @@ void NormLayer<T>::scaleRows(const T* in, int numOfRows, int channels, bool shif
 template <class T>
 PreNormLayer<T>::PreNormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::PreNorm),
-      levelWeights(stream, version),
+      levelWeights(readTensor<T>(stream, version, "levelWeights")),
       levelCount(levelWeights.shape.empty() ? 0 : levelWeights.shape[0]) {
     levelHistory = Tensor<T>({levelCount});
     PreNormLayer<T>::reset();
@@ -122,9 +124,9 @@ void PreNormLayer<T>::reset() {
 template <class T>
 ARPreNormLayer<T>::ARPreNormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::ARPreNorm),
-      attackCoefficient(readNumber<float>(*stream)),
-      releaseCoefficient(readNumber<float>(*stream)),
-      epsilon(readNumber<float>(*stream)) {}
+      attackCoefficient(readNumber<float>(*stream, "attackCoefficient")),
+      releaseCoefficient(readNumber<float>(*stream, "releaseCoefficient")),
+      epsilon(readNumber<float>(*stream, "epsilon")) {}
 
 template <class T>
 bool ARPreNormLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
@@ -150,6 +152,53 @@ template <class T>
 void ARPreNormLayer<T>::reset() {
     output = Tensor<T>();
     level = 0.0f;
+}
+
+template <class T>
+void NormLayer<T>::describe(LayerReport& report) const {
+    const std::int64_t channels = report.output.channels;
+    report.kind = "norm";
+    report.addDetail(normMode == scaleAndShift ? "gain and offset" : "level per bin");
+    report.addWeights("gain", gain);
+    report.addWeights("offset", offset);
+    report.multiplyAddsPerFrame = (normMode == scaleAndShift ? 1.0 : 3.0) *
+                                  static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    if (normMode != scaleAndShift && normMode != rootMeanSquare)
+        return report.addError("normMode", std::to_string(normMode),
+                               "is neither 0 nor 1, so that nothing is computed and zeros go on");
+    report.expectValues("gain", gain, channels, "a row");
+    if (normMode == scaleAndShift || offset.hasElements())
+        report.expectValues("offset", offset, channels, "a row");
+}
+
+template <class T>
+void PreNormLayer<T>::describe(LayerReport& report) const {
+    report.kind = "level norm";
+    report.addDetail(std::to_string(levelCount) + " slices");
+    report.addWeights("levelWeights", levelWeights);
+    report.multiplyAddsPerFrame =
+        2.0 * static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.keepSlices(levelCount, {1, 1});
+    if (levelCount < 1)
+        report.addError("levelWeights", toText(levelWeights.shape), "no weights for levels");
+    else
+        report.expectValues("levelWeights", levelWeights, levelCount, "the filter");
+}
+
+template <class T>
+void ARPreNormLayer<T>::describe(LayerReport& report) const {
+    report.kind = "level follower";
+    report.numOfParameters = 3;
+    report.multiplyAddsPerFrame =
+        2.0 * static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.keepSlices(1, {1, 1});
+    report.expectFinite("epsilon", epsilon);
+    for (const auto& [field, value] :
+         {std::pair{"attackCoefficient", attackCoefficient}, {"releaseCoefficient", releaseCoefficient}}) {
+        report.expectFinite(field, value);
+        if (std::abs(value) >= 1.0f)
+            report.addWarning(field, std::to_string(value), "the level never settles", "0 up to below 1");
+    }
 }
 
 template class NormLayer<float>;

@@ -32,6 +32,7 @@ class NormLayer : public BaseLayer<T> {
     NormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
 
     std::int32_t normMode = 0;
     Tensor<T> offset;  // [C] or empty
@@ -59,6 +60,7 @@ class PreNormLayer : public BaseLayer<T> {
     PreNormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
     void reset() override;
 
     Tensor<T> levelWeights;       // [levelCount]
@@ -84,6 +86,7 @@ class ARPreNormLayer : public BaseLayer<T> {
     ARPreNormLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, int version);
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+    void describe(LayerReport& report) const override;
     void reset() override;
 
     float attackCoefficient = 0.0f;

@@ -1,10 +1,13 @@
 #include "neural/SelfAttentionLayer.h"
 
+#include <algorithm>
+#include <string>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
 #include "kernels/ChannelKernels.h"
 #include "kernels/ConvolutionKernels.h"
+#include "neural/LayerReport.h"
 
 namespace zevrant {
 
@@ -12,13 +15,13 @@ template <class T>
 SelfAttentionLayer<T>::SelfAttentionLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
                                           int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::SelfAttention),
-      channelMatrix(stream, version),
-      positionBias(stream, version) {
+      channelMatrix(readTensor<T>(stream, version, "channelMatrix")),
+      positionBias(readTensor<T>(stream, version, "positionBias")) {
     const std::vector<int>& shape = channelMatrix.shape;
     if (shape.size() == 2 && shape[0] == shape[1] && channelMatrix.data) packMatrix(shape[0]);
     if (version < 0x1007) return;
-    startDelay = readNumber<std::int8_t>(*stream);
-    timeWeights = Tensor<T>(stream, version);
+    startDelay = readNumber<std::int8_t>(*stream, "startDelay");
+    timeWeights = readTensor<T>(stream, version, "timeWeights");
 }
 
 template <class T>
@@ -63,12 +66,8 @@ void SelfAttentionLayer<T>::requireWeights(const SliceAxes& axes, int historyLen
 
 template <class T>
 void SelfAttentionLayer<T>::prepareHistory(const SliceAxes& axes, int historyLength) {
-    if (!history.hasElements()) {
-        history.ensureShape({historyLength, axes.frequencies, axes.channels});
-        history.setToZero();
-    }
     if (axes.times > 0) requireRing(history, historyLength, axes);
-    history.ensureUnique();
+    openRing(history, historyLength, axes);
     filtered.ensureShape({axes.frequencies, axes.channels});
     filtered.ensureUniqueForOverwrite();
 }
@@ -77,13 +76,10 @@ void SelfAttentionLayer<T>::prepareHistory(const SliceAxes& axes, int historyLen
 // convolution along time, channel by channel.
 template <class T>
 const T* SelfAttentionLayer<T>::filterTime(const T* in, const SliceAxes& axes, int historyLength) {
-    const int F = axes.frequencies, C = axes.channels, sliceLength = F * C;
-    const auto slot = [&](std::int64_t t) {
-        return history.getWritePointer() + static_cast<std::ptrdiff_t>(t % historyLength) * sliceLength;
-    };
-    vo::copy(in, slot(timeIndex), sliceLength);
+    const int F = axes.frequencies, C = axes.channels;
+    vo::copy(in, getSlot(history, timeIndex), F * C);
     rows.resize(static_cast<std::size_t>(historyLength));
-    for (int u = 0; u < historyLength; ++u) rows[static_cast<std::size_t>(u)] = slot(timeIndex + u + 1);
+    collectSlots(history, timeIndex, 1, rows);
     const kernels::Convolution alongTime = {historyLength, 1, C, C, F, F, 1, 0};
     kernels::convolveChannels(alongTime, rows.data(), timeWeights.getReadPointer(), nullptr, 0,
                               filtered.getWritePointer());
@@ -112,6 +108,39 @@ void SelfAttentionLayer<T>::reset() {
 template <class T>
 int SelfAttentionLayer<T>::measureLatency(int timeScale) {
     return startDelay + this->measureConsumers(timeScale);
+}
+
+template <class T>
+void SelfAttentionLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const int historyLength = getAxis(timeWeights, 0);
+    report.kind = "self-attention";
+    report.addDetail(std::to_string(historyLength) + " slices");
+    if (startDelay != 0) report.addDetail("delay " + std::to_string(startDelay));
+    report.addWeights("channelMatrix", channelMatrix);
+    report.addWeights("timeWeights", timeWeights);
+    report.addWeights("positionBias", positionBias);
+    report.multiplyAddsPerFrame = static_cast<double>(historyLength + in.channels) *
+                                  static_cast<double>(in.numOfValues()) * report.slicesPerFrame;
+    report.latency = std::max(startDelay, 0);
+    report.keepSlices(historyLength, in);
+
+    report.expectValues("channelMatrix", channelMatrix, multiplyLimited(in.channels, in.channels),
+                        "a slice of " + toText(in));
+    if (positionBias.hasElements())
+        report.expectValues("positionBias", positionBias, in.numOfValues(), "a slice of " + toText(in));
+    if (timeWeights.hasElements() && historyLength < 1)
+        report.addError("timeWeights", toText(timeWeights.shape), "a history without a length");
+    else if (timeWeights.hasElements())
+        report.expectValues("timeWeights", timeWeights, multiplyLimited(historyLength, in.channels),
+                            "a slice of " + toText(in));
+    if (startDelay > 0 && report.slicesPerFrame != 1.0)
+        report.addWarning("startDelay", std::to_string(startDelay),
+                          "counts as frames in the model's latency, though slices come at another rate");
+    if (startDelay < 0) {
+        report.addError("startDelay", std::to_string(startDelay), "nothing is ever sent on");
+        report.slicesPerFrame = 0.0;
+    }
 }
 
 template class SelfAttentionLayer<float>;

@@ -38,6 +38,7 @@ class SelfAttentionLayer : public BaseLayer<T> {
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void reset() override;
     int measureLatency(int timeScale) override;
+    void describe(LayerReport& report) const override;
 
     Tensor<T> channelMatrix;      // [C, C]: input channel, output channel
     Tensor<T> timeWeights;        // [H, C] or empty

@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "DspCore/VectorOperations.h"
-#include "neural/BaseLayer.h"
+#include "neural/Slices.h"
 
 namespace zevrant {
 

@@ -10,7 +10,7 @@
 
 #include "DspCore/RecyclingPool.h"
 #include "DspCore/VectorOperations.h"
-#include "neural/StreamNumbers.h"
+#include "neural/RecordStream.h"
 
 namespace zevrant {
 

@@ -7,7 +7,7 @@
 
 #include "DspCore/VectorOperations.h"
 #include "kernels/ChannelKernels.h"
-#include "neural/StreamNumbers.h"
+#include "neural/KernelReport.h"
 
 namespace zevrant {
 
@@ -27,18 +27,18 @@ template <class T>
 TransposedConvLayer<T>::TransposedConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream,
                                             int version)
     : BaseLayer<T>(layers, stream, LayerTypeEnum::TransposedConv),
-      weights(stream, version),
-      bias(stream, version) {
+      weights(readTensor<T>(stream, version, "weights")),
+      bias(readTensor<T>(stream, version, "bias")) {
     kernelTime = getAxis(weights, 0);
     kernelFrequency = getAxis(weights, 1);
     kernelOutputs = getAxis(weights, 2);
     inputChannels = getAxis(weights, 3);
-    outputChannels = version >= 0x1008 ? readNumber<std::int16_t>(*stream) : kernelOutputs;
-    timeStride = readNumber<std::int8_t>(*stream);
-    frequencyStride = readNumber<std::int8_t>(*stream);
-    timeDilation = readNumber<std::int8_t>(*stream);
-    reservedParameter = readNumber<std::int8_t>(*stream);
-    timeOffset = readNumber<std::int8_t>(*stream);
+    outputChannels = version >= 0x1008 ? readNumber<std::int16_t>(*stream, "outputChannels") : kernelOutputs;
+    timeStride = readNumber<std::int8_t>(*stream, "timeStride");
+    frequencyStride = readNumber<std::int8_t>(*stream, "frequencyStride");
+    timeDilation = readNumber<std::int8_t>(*stream, "timeDilation");
+    reservedParameter = readNumber<std::int8_t>(*stream, "reservedParameter");
+    timeOffset = readNumber<std::int8_t>(*stream, "timeOffset");
     if (hasTerms() && weights.data && kernelOutputs == outputChannels) packWeights();
 }
 
@@ -61,12 +61,6 @@ bool TransposedConvLayer<T>::hasTerms() const {
 template <class T>
 int TransposedConvLayer<T>::getRingLength() const {
     return std::max(timeStride, kernelTime);
-}
-
-template <class T>
-T* TransposedConvLayer<T>::getSlot(std::int64_t time) {
-    const std::ptrdiff_t slotSize = std::ptrdiff_t{accumulator.shape[1]} * accumulator.shape[2];
-    return accumulator.getWritePointer() + time % getRingLength() * slotSize;
 }
 
 template <class T>
@@ -121,11 +115,7 @@ void TransposedConvLayer<T>::requirePossible(const Tensor<T>& slice) const {
 template <class T>
 bool TransposedConvLayer<T>::pushTimeSlice(const Tensor<T>& slice) {
     requirePossible(slice);
-    if (!accumulator.hasElements()) {
-        accumulator.ensureShape({getRingLength(), frequencyStride * getAxis(slice, 1), outputChannels});
-        accumulator.setToZero();
-    }
-    accumulator.ensureUnique();
+    openRing(accumulator, getRingLength(), {1, frequencyStride * getAxis(slice, 1), outputChannels});
     const bool isFinished = hasTerms() && getAxis(slice, 1) > 0 && addSlice(slice);
     if (!isFinished) finishSlices();
     timeIndex += timeStride;
@@ -142,7 +132,8 @@ bool TransposedConvLayer<T>::addSlice(const Tensor<T>& slice) {
         slice.shape[1],  accumulator.shape[1],
         frequencyStride, -((std::ptrdiff_t{kernelFrequency} - frequencyStride) / 2)};
     slots.resize(static_cast<std::size_t>(kernelTime));
-    for (int r = 0; r < kernelTime; ++r) slots[static_cast<std::size_t>(r)] = getSlot(timeIndex + r);
+    for (int r = 0; r < kernelTime; ++r)
+        slots[static_cast<std::size_t>(r)] = getSlot(accumulator, timeIndex + r);
 
     const T* in = slice.getReadPointer();
     const T* kernel = weights.getReadPointer();
@@ -177,9 +168,10 @@ void TransposedConvLayer<T>::addAcrossRows(const Tensor<T>& slice, std::ptrdiff_
                 const std::ptrdiff_t p = start + i * frequencyStride;
                 const Taps taps(p, kernelFrequency, outputFrequencies);
                 if (taps.count > 0)
-                    visit(
-                        i, (std::ptrdiff_t{r} * kernelFrequency + taps.first) * kernelOutputs * inputChannels,
-                        getSlot(timeIndex + r), (p + taps.first) * outputChannels, taps.count * valuesPerTap);
+                    visit(i,
+                          (std::ptrdiff_t{r} * kernelFrequency + taps.first) * kernelOutputs * inputChannels,
+                          getSlot(accumulator, timeIndex + r), (p + taps.first) * outputChannels,
+                          taps.count * valuesPerTap);
             }
     };
     forEachRun([&](auto, auto, const T* slot, std::ptrdiff_t position, std::ptrdiff_t count) {
@@ -214,10 +206,10 @@ void TransposedConvLayer<T>::finishSlices() {
     const int frequencies = accumulator.shape[1];
     for (std::int64_t time = timeIndex; time < timeIndex + timeStride; ++time) {
         if (time < timeOffset) {
-            vo::setToZero(getSlot(time), frequencies * outputChannels);
+            vo::setToZero(getSlot(accumulator, time), frequencies * outputChannels);
             continue;
         }
-        kernels::finishSlot(getSlot(time), frequencies, outputChannels, openOutput());
+        kernels::finishSlot(getSlot(accumulator, time), frequencies, outputChannels, openOutput());
         reserve.append(outputQueue, outputSlice);
     }
 }
@@ -251,6 +243,33 @@ int TransposedConvLayer<T>::measureLatency(int timeScale) {
     const std::int64_t scale = timeScale;
     return static_cast<int>(scale * timeOffset +
                             this->measureConsumers(static_cast<int>(scale / timeStride)));
+}
+
+template <class T>
+void TransposedConvLayer<T>::describe(LayerReport& report) const {
+    const SliceShape in = report.inputs.front();
+    const bool isChannelWise = kernelOutputs == 1 && outputChannels != 1;
+    const double framesPerSlice = report.slicesPerFrame > 0.0 ? 1.0 / report.slicesPerFrame : 0.0;
+    report.kind = "transposed convolution";
+    describeKernel(*this, isChannelWise, report);
+    report.output = {in.frequencies * frequencyStride, outputChannels};
+    const double terms = static_cast<double>(kernelTime) * kernelFrequency *
+                         (isChannelWise ? 1 : inputChannels) * outputChannels;
+    report.multiplyAddsPerFrame = terms * static_cast<double>(in.frequencies) * report.slicesPerFrame;
+    report.slicesPerFrame *= std::max(timeStride, 0);
+    report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
+    report.keepSlices(getRingLength(), report.output);
+
+    if (!isKernelSound(*this, report)) return;
+    if (inputChannels != in.channels)
+        report.addMismatch(inputChannels > in.channels, "weights", toText(weights.shape),
+                           "the kernel takes " + std::to_string(inputChannels) + " channels and gets " +
+                               std::to_string(in.channels));
+    const int numOfWritten = isChannelWise ? inputChannels : kernelOutputs;
+    if (numOfWritten != outputChannels)
+        report.addError("outputChannels", std::to_string(outputChannels),
+                        "the kernel makes " + std::to_string(numOfWritten) +
+                            ", so that it writes across the ends of rows");
 }
 
 template class TransposedConvLayer<float>;

@@ -46,6 +46,7 @@ class TransposedConvLayer : public BaseLayer<T> {
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void reset() override;
     int measureLatency(int timeScale) override;
+    void describe(LayerReport& report) const override;
 
     // Sends on what waits, then asks the consumers to do the same.
     void triggerForward() override;
@@ -77,7 +78,6 @@ class TransposedConvLayer : public BaseLayer<T> {
   private:
     bool hasTerms() const;
     int getRingLength() const;
-    T* getSlot(std::int64_t time);
     void requirePossible(const Tensor<T>& slice) const;
     const kernels::PackedWeights& packWeights();
     bool addSlice(const Tensor<T>& slice);

@@ -15,6 +15,7 @@
 #include "files/File.h"
 #include "neural/NeuralModel.h"
 #include "processors/BaseSpectralProcessor.h"
+#include "processors/MaskShaping.h"
 #include "processors/ThreadPool.h"
 
 namespace zevrant {
@@ -126,15 +127,8 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     std::vector<std::list<ComplexSignal32>> busOutputs;  // per bus but the last
 
   private:
-    // Bends the magnitudes m of a mask and keeps its phases. With curve = e^(0.0075 * sensitivity):
-    //
-    //   sensitivity < 0   m * (m + 1e-12)^(curve - 1), which lifts small magnitudes
-    //   otherwise         m * (0.5 - 0.5 cos(pi m) + 1e-12)^(curve - 1), which presses them towards 0 and
-    //                     on purpose turns down again above 1
-    //
-    // for the first fftSize / 2 + 1 bins of as many rows as outputFormat has channels; the rest is as in
-    // the mask. A bin is scaled by its factor instead of going through its angle and back, which gives the
-    // same number to rounding; bins that are not finite take the way through the angle.
+    // Bends the magnitudes of a mask, as MaskShaping tells, for the first fftSize / 2 + 1 bins of as many
+    // rows as outputFormat has channels.
     ComplexSignal32 processSensitivity(float sensitivity, const ComplexSignal32& mask);
 
     bool acceptFormat(AudioFormat& modelFormat, int numOfChannels, double sampleRate);
@@ -146,15 +140,13 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     void runModelsInPool(const ComplexSignal32& modelInput);
     ComplexSignal32 mixOldestFrame(bool outputsAreSpectra);
     void handOutBus(std::size_t bus, const ComplexSignal32& scaled, bool isSpectrum) const;
-    void shapeRow(const std::complex<float>* mask, float curve, int numOfBins, std::complex<float>* shaped,
-                  int numOfSamples);
 
     std::vector<std::int64_t> numOfOutdatedResults;  // per bus list: to be dropped when they come
     std::int64_t mostWaitingFrames = mostFrames;
     BusReceiver busReceiver;
 
     std::vector<std::vector<ComplexSignal32>> modelResults;  // of the frame at hand, per model
-    std::vector<float> magnitudes, factors, phases;          // scratch rows of processSensitivity
+    MaskShaping maskShaping;
 };
 
 }  // namespace zevrant

@@ -9,6 +9,7 @@ namespace zevrant::cli {
 void addProcessCommand(CLI::App& program);
 void addStemsCommand(CLI::App& program);
 void addInfoCommand(CLI::App& program);
+void addCheckCommand(CLI::App& program);
 void addBenchCommand(CLI::App& program);
 void addSpectrogramCommand(CLI::App& program);
 void addCompareCommand(CLI::App& program);

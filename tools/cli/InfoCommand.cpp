@@ -6,8 +6,9 @@
 
 #include "cli/Commands.h"
 #include "cli/Failure.h"
-#include "cli/ModelReport.h"
 #include "cli/Separator.h"
+#include "cli/Text.h"
+#include "neural/ModelReport.h"
 
 namespace zevrant::cli {
 
@@ -34,10 +35,6 @@ std::string describePacking(const NeuralModel<float>& network, int packing) {
     }
 }
 
-std::string describeShape(const SliceShape& shape) {
-    return std::to_string(shape.frequencies) + " x " + std::to_string(shape.channels);
-}
-
 // 1234567 as "1.23 M"
 std::string formatCount(double count) {
     char text[32];
@@ -54,14 +51,14 @@ std::string formatCount(double count) {
 
 std::string joinNames(const std::vector<std::string>& names) {
     std::string text;
-    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + makeHarmless(name);
     return text;
 }
 
 // What there is to say about the whole model.
 struct Summary {
     explicit Summary(const Model& opened)
-        : model(opened), network(opened.network), report(describeModel(opened)) {
+        : model(opened), network(opened.network), report(describeModel(opened.network)) {
         const int channels = network.numOfInputChannels > 0 ? network.numOfInputChannels : 1;
         latency = createMixer(model, channels, network.sampleRate, BusControls(0))->latency;
         framesPerSecond = network.sampleRate / network.hopSize;
@@ -83,10 +80,11 @@ struct Summary {
 void printText(const Summary& summary) {
     const NeuralModel<float>& network = summary.network;
     const ModelReport& report = summary.report;
-    std::printf("%s\n", network.modelName.c_str());
-    std::printf("  file       %s, %s bytes\n", summary.model.path.c_str(),
+    std::printf("%s\n", makeHarmless(network.modelName).c_str());
+    std::printf("  file       %s, %s bytes\n", makeHarmless(summary.model.path.string()).c_str(),
                 formatCount(static_cast<double>(summary.getFileSize())).c_str());
-    if (!network.modelInfoText.empty()) std::printf("  about      %s\n", network.modelInfoText.c_str());
+    if (!network.modelInfoText.empty())
+        std::printf("  about      %s\n", makeHarmless(network.modelInfoText).c_str());
     std::printf("  audio      %g Hz, %d channels in, %d out\n", network.sampleRate,
                 network.numOfInputChannels, network.numOfOutputChannels);
     std::printf("  frames     transform %d, window %d, hop %d samples: %.1f frames per second\n",
@@ -100,12 +98,12 @@ void printText(const Summary& summary) {
                 summary.latency, summary.toMilliseconds(summary.latency));
     const auto busNames = summary.model.getBusNames();
     for (std::size_t bus = 0; bus < busNames.size(); ++bus)
-        std::printf("  %-10s %zu  %s%s\n", bus == 0 ? "busses" : "", bus, busNames[bus].c_str(),
+        std::printf("  %-10s %zu  %s%s\n", bus == 0 ? "busses" : "", bus, makeHarmless(busNames[bus]).c_str(),
                     bus + 1 == busNames.size() ? "  (residual: what the others leave)" : "");
 
     std::size_t nameWidth = 5, kindWidth = 4, sourceWidth = 7;
     for (const LayerReport& layer : report.layers) {
-        nameWidth = std::max(nameWidth, layer.name.size());
+        nameWidth = std::max(nameWidth, makeHarmless(layer.name).size());
         kindWidth = std::max(kindWidth, layer.kind.size());
         sourceWidth = std::max(sourceWidth, joinNames(layer.sources).size());
     }
@@ -117,10 +115,10 @@ void printText(const Summary& summary) {
     };
     std::printf("\n");
     printRow("layer", "kind", "sources", "output", "parameters", "mul-adds", "");
-    printRow("input", "", "", describeShape(report.input).c_str(), "", "", "frequencies x channels");
+    printRow("input", "", "", toText(report.input).c_str(), "", "", "frequencies x channels");
     for (const LayerReport& layer : report.layers)
-        printRow(layer.name.c_str(), layer.kind.c_str(), joinNames(layer.sources).c_str(),
-                 describeShape(layer.output).c_str(),
+        printRow(makeHarmless(layer.name).c_str(), layer.kind.c_str(), joinNames(layer.sources).c_str(),
+                 toText(layer.output).c_str(),
                  formatCount(static_cast<double>(layer.numOfParameters)).c_str(),
                  formatCount(layer.multiplyAddsPerFrame).c_str(), layer.details.c_str());
     printRow("output", "", joinNames(report.outputSources).c_str(), "", "", "", "");
@@ -215,13 +213,12 @@ void printDot(const Summary& summary) {
     for (const LayerReport& layer : report.layers) {
         for (std::size_t i = 0; i < layer.sources.size(); ++i)
             std::printf("  %s -> %s [label=\"%s\"];\n", quote(layer.sources[i]).c_str(),
-                        quote(layer.name).c_str(), describeShape(layer.inputs[i]).c_str());
+                        quote(layer.name).c_str(), toText(layer.inputs[i]).c_str());
         for (const std::string& source : report.outputSources)
             if (source == layer.name) last = layer.output;
     }
     for (const std::string& source : report.outputSources)
-        std::printf("  %s -> \"output\" [label=\"%s\"];\n", quote(source).c_str(),
-                    describeShape(last).c_str());
+        std::printf("  %s -> \"output\" [label=\"%s\"];\n", quote(source).c_str(), toText(last).c_str());
     std::printf("}\n");
 }
 

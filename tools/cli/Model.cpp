@@ -34,19 +34,6 @@ std::string toLower(std::string text) {
     return text;
 }
 
-fs::path findModel(const std::string& pathOrName) {
-    std::error_code error;
-    if (pathOrName.find('/') != std::string::npos || fs::exists(pathOrName, error)) return pathOrName;
-    for (const fs::path& folder : getModelFolders())
-        for (const char* extension : {modelExtension, ""})
-            if (fs::path path = folder / (pathOrName + extension); fs::is_regular_file(path, error))
-                return path;
-    std::string names;
-    for (const std::string& name : listModels()) names += (names.empty() ? "" : ", ") + name;
-    fail(pathOrName + ": no such file and no model of this name" +
-         (names.empty() ? "; no models are installed" : "; there are " + names));
-}
-
 // Refuses what does not start as a model does, with the reason.
 void requireModelFile(const fs::path& path) {
     std::error_code error;
@@ -89,6 +76,19 @@ std::vector<std::string> listModels() {
             if (entry.path().extension() == modelExtension) names.insert(entry.path().stem().string());
     }
     return {names.begin(), names.end()};
+}
+
+fs::path findModel(const std::string& pathOrName) {
+    std::error_code error;
+    if (pathOrName.find('/') != std::string::npos || fs::exists(pathOrName, error)) return pathOrName;
+    for (const fs::path& folder : getModelFolders())
+        for (const char* extension : {modelExtension, ""})
+            if (fs::path path = folder / (pathOrName + extension); fs::is_regular_file(path, error))
+                return path;
+    std::string names;
+    for (const std::string& name : listModels()) names += (names.empty() ? "" : ", ") + name;
+    fail(pathOrName + ": no such file and no model of this name" +
+         (names.empty() ? "; no models are installed" : "; there are " + names));
 }
 
 Model loadModel(const std::string& pathOrName) {

@@ -24,6 +24,9 @@ std::vector<std::filesystem::path> getModelFolders();
 // Names of the models in these folders, sorted, each once.
 std::vector<std::string> listModels();
 
+// The file of a model. Throws Failure with BadModel for a name that no model has; a path is not looked at.
+std::filesystem::path findModel(const std::string& pathOrName);
+
 // Loads the model. Throws Failure with BadModel, which tells a file that is missing from one that is no model
 // and from one that is damaged.
 Model loadModel(const std::string& pathOrName);

@@ -9,6 +9,7 @@
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Interruption.h"
+#include "cli/Text.h"
 
 namespace {
 
@@ -37,7 +38,11 @@ constexpr const char* footer =
     "Outputs appear under their names only when they are complete; an error leaves none behind.";
 
 int report(int status, const char* text) noexcept {
-    std::fprintf(stderr, "zevrant: %s\n", text);
+    try {
+        std::fprintf(stderr, "zevrant: %s\n", makeHarmless(text).c_str());
+    } catch (const std::bad_alloc&) {
+        std::fputs("zevrant: out of memory\n", stderr);
+    }
     return status;
 }
 
@@ -49,6 +54,7 @@ int run(int argc, char** argv) {
     addProcessCommand(program);
     addStemsCommand(program);
     addInfoCommand(program);
+    addCheckCommand(program);
     addBenchCommand(program);
     addSpectrogramCommand(program);
     addCompareCommand(program);

@@ -1,12 +1,19 @@
 #include "modelwriter/LayerRecords.h"
 
+#include <type_traits>
+#include <variant>
+
 #include "modelwriter/ByteWriter.h"
 
 namespace zevrant::modelwriter {
 
 namespace {
 
-// One function per layer: its fields behind the source, in the order of the file.
+// One function per layer that has fields: those behind the source, in the order of the file.
+
+template <class Layer>
+requires std::is_empty_v<Layer>
+void writeFields(ByteWriter&, const Layer&) {}
 
 void writeFields(ByteWriter& writer, const Conv& layer) {
     writer.writeTensor(layer.weights, "weights");
@@ -36,12 +43,6 @@ void writeFields(ByteWriter& writer, const TransposedConv& layer) {
     writer.writeInt8(layer.reservedParameter, "reservedParameter");
     writer.writeInt8(layer.timeOffset, "timeOffset");
 }
-
-void writeFields(ByteWriter&, const ReLU&) {}
-void writeFields(ByteWriter&, const ELU&) {}
-void writeFields(ByteWriter&, const Sigmoid&) {}
-void writeFields(ByteWriter&, const HardSigmoid&) {}
-void writeFields(ByteWriter&, const Softplus&) {}
 
 void writeFields(ByteWriter& writer, const LeakyReLU& layer) {
     writer.writeFloat32(layer.alpha);
@@ -99,8 +100,6 @@ void writeFields(ByteWriter& writer, const FrequencyRescale& layer) {
     }
 }
 
-void writeFields(ByteWriter&, const Concat&) {}
-
 void writeFields(ByteWriter& writer, const Arithmetic& layer) {
     writer.writeInt8(layer.operation, "operation");
 }
@@ -111,20 +110,14 @@ Bytes encode(ByteWriter writer, const Layer& layer) {
     return std::move(writer.bytes);
 }
 
-// In the order of the alternatives.
-constexpr int singleSourceCodes[] = {2, 3, 4, 5, 6, 20, 17, 12, 7, 16, 23, 14, 15, 19, 22};
-constexpr int mergingCodes[] = {9, 18};
-static_assert(std::size(singleSourceCodes) == std::variant_size_v<SingleSourceLayer>);
-static_assert(std::size(mergingCodes) == std::variant_size_v<MergingLayer>);
-
 }  // namespace
 
 int getTypeCode(const SingleSourceLayer& layer) {
-    return singleSourceCodes[layer.index()];
+    return std::visit([](const auto& record) { return record.typeCode; }, layer);
 }
 
 int getTypeCode(const MergingLayer& layer) {
-    return mergingCodes[layer.index()];
+    return std::visit([](const auto& record) { return record.typeCode; }, layer);
 }
 
 Bytes encodeLayer(const std::string& source, const SingleSourceLayer& layer, int version,
