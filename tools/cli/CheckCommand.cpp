@@ -8,10 +8,10 @@
 
 #include "cli/Commands.h"
 #include "cli/Failure.h"
-#include "cli/Model.h"
 #include "cli/Text.h"
 #include "neural/ModelLoader.h"
 #include "neural/ModelReport.h"
+#include "separation/Model.h"
 
 namespace zevrant::cli {
 
@@ -59,7 +59,7 @@ struct CheckCommand {
     bool asJson = false;
 
     void run() const {
-        const std::string path = findModel(model).string();
+        const std::string path = separation::findModel(model).string();
         const std::vector<Finding> findings = findFaults(path);
         if (asJson)
             printJson(path, findings);

@@ -6,9 +6,10 @@
 
 #include "cli/Commands.h"
 #include "cli/Failure.h"
-#include "cli/Separator.h"
+#include "cli/Model.h"
 #include "cli/Text.h"
 #include "neural/ModelReport.h"
+#include "separation/Separator.h"
 
 namespace zevrant::cli {
 
@@ -60,7 +61,8 @@ struct Summary {
     explicit Summary(const Model& opened)
         : model(opened), network(opened.network), report(describeModel(opened.network)) {
         const int channels = network.numOfInputChannels > 0 ? network.numOfInputChannels : 1;
-        latency = createMixer(model, channels, network.sampleRate, BusControls(0))->latency;
+        latency =
+            separation::Separator(model, separation::Output::Mix, channels, network.sampleRate).getLatency();
         framesPerSecond = network.sampleRate / network.hopSize;
     }
 
@@ -223,8 +225,9 @@ void printDot(const Summary& summary) {
 }
 
 void printModelList() {
-    for (const std::string& name : listModels()) std::printf("%s\n", name.c_str());
-    for (const auto& folder : getModelFolders()) std::printf("  looked for in %s\n", folder.c_str());
+    for (const std::string& name : separation::listModels()) std::printf("%s\n", name.c_str());
+    for (const auto& folder : separation::getModelFolders())
+        std::printf("  looked for in %s\n", folder.c_str());
 }
 
 struct InfoCommand {
@@ -234,7 +237,7 @@ struct InfoCommand {
 
     void run() const {
         if (model.empty()) return printModelList();
-        const Model opened = loadModel(model);
+        const Model opened = Model::open(model);
         const Summary summary(opened);
         if (asDot)
             printDot(summary);
