@@ -37,11 +37,11 @@ bool isKernelSound(const AnyConv& layer, LayerReport& report) {
         report.addWarning("timeOffset", std::to_string(layer.timeOffset), "takes away from the latency");
     const auto& shape = layer.weights.shape;
     const bool isEmpty = std::find(shape.begin(), shape.end(), 0) != shape.end();
-    if (layer.outputChannels < 1)
-        report.addError("weights", toText(shape), "makes no output channels");
-    else if (shape.size() != 4)
+    if (shape.size() != 4)
         report.addError("weights", toText(shape),
                         "has rank " + std::to_string(shape.size()) + ", a kernel has 4 axes");
+    else if (layer.outputChannels < 1)
+        report.addError("outputChannels", std::to_string(layer.outputChannels), "needs 1 or more");
     else if (isEmpty || !layer.weights.data)
         report.addError("weights", toText(shape), "a kernel without values, which leaves the bias alone");
     if (layer.bias.hasElements())

@@ -64,7 +64,7 @@ Verdict readPackingFields(InputStream& stream, int packing, PackingFields& field
 Verdict readMagicAndVersion(RecordStream& stream, int& version) {
     const std::string magic = readText(stream, "magic");
     const bool isEarlierFormat = magic == "KOLVE.model" || magic == "TQLe.model";
-    if (magic != "zevrant.model" && !isEarlierFormat) return Refusal{{}, "this is no model"};
+    if (magic != "zevrant.model" && !isEarlierFormat) return Refusal();
     version = readNumber<std::int32_t>(stream, "version");
     if (version < earliestVersion) {
         char digits[16];
@@ -249,8 +249,11 @@ Finding toFinding(const RecordStream::Place& place, const Refusal& refusal) {
 
 const Refusal missingBytes = {{}, "the file ends here"};
 
-// A file that ends early leads to some refusal or other further on, and the end is its reason.
+// A file that ends early leads to some refusal or other further on, and the end is its reason. What ends or
+// throws in its first text is something else than a model.
 Finding explainRefusal(const RecordStream& stream, const Refusal& refusal) {
+    if (stream.getPlace().field == "magic" && refusal.value.empty())
+        return toFinding(stream.getPlace(), {{}, "this is no model"});
     if (const auto& missing = stream.getFirstMissing()) return toFinding(*missing, missingBytes);
     return toFinding(stream.getPlace(), refusal);
 }

@@ -115,11 +115,6 @@ void checkOutput(const Model& model, const ModelReport& report, Findings finding
     const auto [frequencies, columns] = report.output;
     if (!layout.isKnown())
         return findings.addError("outputPacking", layout.packing, "loads and cannot be run");
-    if (std::abs(report.outputSlicesPerFrame - 1.0) > 1e-9)
-        findings.addError("output", 0,
-                          "gives " + std::to_string(report.outputSlicesPerFrame) +
-                              " slices per frame, and busses need one");
-
     const std::int64_t channels = columns / layout.getColumnsPerChannel();
     const std::int64_t needed =
         multiplyLimited(std::max(model.numOfOutputBusses, 0), std::max(model.numOfOutputChannels, 0));
@@ -203,6 +198,11 @@ std::int64_t limit(std::int64_t size) {
                                     std::numeric_limits<std::int32_t>::max());
 }
 
+bool hasError(const std::vector<Finding>& findings) {
+    return std::any_of(findings.begin(), findings.end(),
+                       [](const Finding& finding) { return finding.severity == Finding::Error; });
+}
+
 // What a layer with several sources needs of them, whatever it does with their slices.
 void checkSources(LayerReport& report, const std::vector<double>& rates) {
     const std::set<std::string> different(report.sources.begin(), report.sources.end());
@@ -226,9 +226,9 @@ class Walk {
         const bool isComplex = getLayout(model, model.inputPacking).isComplex();
         report.input = {model.tensorFrequencies,
                         std::int64_t{model.numOfInputChannels} * (isComplex ? 2 : model.numHistoryFrames)};
-        flows[model.inputLayer.get()] = {report.input, 1.0};
-        checkFrames(model, Findings(report.findings));
         checkInput(model, Findings(report.findings));
+        flows[model.inputLayer.get()] = {report.input, 1.0, !hasError(report.findings)};
+        checkFrames(model, Findings(report.findings));
         checkBusses(model, Findings(report.findings));
         for (const Layer* layer : graph.sort())
             if (layer != model.inputLayer.get() && layer != model.outputLayer.get()) describe(*layer);
@@ -242,16 +242,19 @@ class Walk {
     struct Flow {
         SliceShape shape;
         double slicesPerFrame = 0.0;
+        bool isSound = true;  // no error stands before it
     };
 
     void describe(const Layer& layer) {
         LayerReport entry;
         std::vector<double> rates;
+        bool isSound = true;
         entry.name = graph.getNames().at(&layer);
         for (const Layer* source : graph.getSources(&layer)) {
             entry.sources.push_back(graph.getNames().at(source));
             entry.inputs.push_back(flows[source].shape);
             rates.push_back(flows[source].slicesPerFrame);
+            isSound &= flows[source].isSound;
         }
         entry.output = entry.inputs.front();
         entry.slicesPerFrame = rates.front();
@@ -261,7 +264,8 @@ class Walk {
         if (multiplyLimited(entry.output.numOfValues(), sizeof(float)) > std::numeric_limits<int>::max())
             entry.addError("", "", "makes slices of " + toText(entry.output) + ", which is more than 2 GiB");
 
-        flows[&layer] = {entry.output, entry.slicesPerFrame};
+        if (!isSound) entry.findings.clear();
+        flows[&layer] = {entry.output, entry.slicesPerFrame, isSound && !hasError(entry.findings)};
         report.numOfParameters += entry.numOfParameters;
         report.multiplyAddsPerFrame += entry.multiplyAddsPerFrame;
         report.numOfStateBytes += std::min(entry.numOfStateBytes, std::int64_t{1} << 40);
@@ -283,15 +287,23 @@ class Walk {
     }
 
     void findOutput() {
+        bool isSound = true;
         for (const Layer* source : graph.getSources(model.outputLayer.get())) {
             report.outputSources.push_back(graph.getNames().at(source));
             report.output = flows[source].shape;
             report.outputSlicesPerFrame = flows[source].slicesPerFrame;
+            isSound &= flows[source].isSound;
         }
-        if (report.outputSlicesPerFrame > 0.0)
-            checkOutput(model, report, Findings(report.findings));
-        else
-            report.findings.push_back({Finding::Error, {}, "output", {}, "nothing ever reaches it"});
+        if (!isSound) return;
+        const double rate = report.outputSlicesPerFrame;
+        if (rate <= 0.0) return addOutputError("nothing ever reaches it");
+        if (std::abs(rate - 1.0) > 1e-9)
+            addOutputError("gets " + std::to_string(rate) + " slices per frame, and busses need one");
+        checkOutput(model, report, Findings(report.findings));
+    }
+
+    void addOutputError(const std::string& problem) {
+        report.findings.push_back({Finding::Error, {}, "output", {}, problem});
     }
 
     const Model& model;

@@ -22,8 +22,10 @@ struct ModelReport {
     double multiplyAddsPerFrame = 0.0;
     std::int64_t numOfParameterBytes = 0;
     std::int64_t numOfStateBytes = 0;
-    std::vector<Finding>
-        findings;  // of the header, of the layers in their order, of the graph, of the output
+
+    // Of the header, of the layers in their order, of the graph, of the output. What an error makes of shapes
+    // and rates is not held against the layers behind it.
+    std::vector<Finding> findings;
 };
 
 ModelReport describeModel(const NeuralModel<float>& model);

@@ -176,7 +176,7 @@ TEST_F(ReportsTest, compareMeasuresWhatItSays) {
 
 TEST_F(ReportsTest, helpShowsAnExampleOfEachCommand) {
     EXPECT_THAT(run({"--help"}).out, HasSubstr("Exit status:"));
-    for (const char* command : {"process", "stems", "info", "bench", "spectrogram", "compare"}) {
+    for (const char* command : {"process", "stems", "info", "check", "bench", "spectrogram", "compare"}) {
         const Outcome outcome = run({command, "--help"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_THAT(outcome.out, HasSubstr(std::string("  zevrant ") + command)) << command;

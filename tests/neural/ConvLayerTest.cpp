@@ -275,6 +275,14 @@ TEST(ConvLayer, keptResultsStayAsTheyWere) {
     const Tensor<float> kept = keeper.getResults();
     ASSERT_EQ(kept.getNumOfElements(), static_cast<int>(test.sink.values.size()));
     EXPECT_TRUE(std::equal(test.sink.values.begin(), test.sink.values.end(), kept.getReadPointer()));
+
+    // A ring of one slice is the tensor that was pushed, which the push of more slices leaves alone.
+    Conv shallow({noiseWeights({1, 3, 2, 3}, 1)});
+    const Sequence input = noiseSequence(3, 5, 2, 3);
+    const Tensor<float> first = slicesOf(input, 0, 1), before = slicesOf(input, 0, 1);
+    shallow.push(first);
+    shallow.push(slicesOf(input, 1, 2));
+    EXPECT_TRUE(std::equal(before.getReadPointer(), before.getReadPointer() + 10, first.getReadPointer()));
 }
 
 }  // namespace

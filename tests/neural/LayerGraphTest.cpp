@@ -119,6 +119,13 @@ TEST_F(LayerGraph, latencyIsTheWorstPathWithItsTimeScales) {
     beside->latency = -6;
     behind->latency = strided->latency = -1;
     EXPECT_EQ(input->measureLatency(1), 0);  // the maximum starts from 0
+
+    // A layer that two rates lead to answers for each of them, in whatever order it is asked.
+    strided->latency = 1;
+    beside->latency = 5;
+    strided->consumers.push_back(beside.get());
+    for (int order = 0; order < 2; ++order, input->consumers.reverse())
+        EXPECT_EQ(input->measureLatency(1), 1 + 2 * 5);
     EXPECT_EQ(InputLayer<float>().measureLatency(1), 0);
 }
 

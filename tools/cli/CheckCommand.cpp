@@ -1,6 +1,8 @@
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -60,6 +62,8 @@ struct CheckCommand {
 
     void run() const {
         const std::string path = separation::findModel(model).string();
+        if (std::error_code error; !std::filesystem::is_regular_file(path, error))
+            throw Failure(ExitStatus::BadModel, path + ": no such file");
         const std::vector<Finding> findings = findFaults(path);
         if (asJson)
             printJson(path, findings);
