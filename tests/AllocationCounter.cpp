@@ -1,5 +1,7 @@
 #include "AllocationCounter.h"
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -7,11 +9,16 @@
 namespace {
 
 constinit thread_local std::int64_t numOfRequests = 0;
+constinit thread_local std::int64_t numOfLocks = 0;
 
 }  // namespace
 
 std::int64_t zevrant::countAllocations() {
     return numOfRequests;
+}
+
+std::int64_t zevrant::countLocks() {
+    return numOfLocks;
 }
 
 // The linker sends every call of these functions from the program's own objects here (--wrap).
@@ -21,6 +28,8 @@ void* __real_calloc(std::size_t count, std::size_t size);
 void* __real_realloc(void* block, std::size_t size);
 void* __real_aligned_alloc(std::size_t alignment, std::size_t size);
 int __real_posix_memalign(void** block, std::size_t alignment, std::size_t size);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
 
 void* __wrap_malloc(std::size_t size) {
     ++numOfRequests;
@@ -45,6 +54,16 @@ void* __wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
 int __wrap_posix_memalign(void** block, std::size_t alignment, std::size_t size) {
     ++numOfRequests;
     return __real_posix_memalign(block, alignment, size);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    ++numOfLocks;
+    return __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
+    ++numOfLocks;
+    return __real_pthread_mutex_trylock(mutex);
 }
 }
 

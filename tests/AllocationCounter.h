@@ -1,5 +1,6 @@
-// Counts what a program asks the system allocator for, through new as well as through the C functions.
-// A test program that links zevrant_allocation_counter counts from its first instruction on.
+// Counts what a program asks the system allocator for, through new as well as through the C functions, and
+// the mutexes that it locks. A test program that links zevrant_allocation_counter counts from its first
+// instruction on.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,9 @@ namespace zevrant {
 
 // Requests of the calling thread so far.
 std::int64_t countAllocations();
+
+// Mutexes that the calling thread has locked so far, or tried to.
+std::int64_t countLocks();
 
 // False where a sanitizer's build keeps the engine's pools from recycling, so that counts mean nothing.
 constexpr bool allocationsAreRecycled() {

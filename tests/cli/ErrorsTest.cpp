@@ -128,7 +128,8 @@ TEST_F(ErrorsTest, models) {
     }
     folder.makeFile("cut.zevrant", whole.substr(0, whole.size() - 3));
     expectFailure(process("in.wav", "cut.zevrant", "out.wav"), BadModel, "the file ends here");
-    expectFailure({"stems", at("in.wav"), "-m", at("cut.zevrant"), "-d", at("new")}, BadModel, "the file ends");
+    expectFailure({"stems", at("in.wav"), "-m", at("cut.zevrant"), "-d", at("new")}, BadModel,
+                  "the file ends");
     expectFailure({"bench", at("cut.zevrant")}, BadModel, "damaged");
     folder.makeFile("early.zevrant", std::string("\x0b\0\0\0KOLVE.model", 15) + whole.substr(17));
     expectFailure({"info", at("early.zevrant")}, BadModel, "earlier format");

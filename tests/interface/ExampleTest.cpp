@@ -5,70 +5,10 @@
 #include <cstring>
 
 #include "AudioHost.h"
+#include "cli/Sound.h"
 
 namespace zevrant {
 namespace {
-
-// A WAV file of 16-bit, 24-bit or float samples, with a chunk before the samples that readers skip.
-std::string makeWav(const Audio& audio, int bytesPerSample, bool isFloat) {
-    std::string samples;
-    const auto put = [](std::string& text, std::uint32_t value, int numOfBytes) {
-        for (int i = 0; i < numOfBytes; ++i) text += static_cast<char>(value >> 8 * i);
-    };
-    for (std::size_t i = 0; i < audio[0].size(); ++i)
-        for (const auto& row : audio) {
-            std::uint32_t bits;
-            std::memcpy(&bits, &row[i], sizeof bits);
-            const double scale = std::ldexp(1.0, 8 * bytesPerSample - 1);
-            put(samples, isFloat ? bits : static_cast<std::uint32_t>(std::lrint(row[i] * scale)),
-                bytesPerSample);
-        }
-    const auto channels = static_cast<std::uint32_t>(audio.size());
-    const auto bytes = static_cast<std::uint32_t>(bytesPerSample),
-               size = static_cast<std::uint32_t>(samples.size());
-    std::string wav = "RIFF";
-    put(wav, 36 + 14 + size, 4);
-    wav += "WAVELIST";
-    put(wav, 5, 4);
-    wav += std::string("abcde\0", 6) + "fmt ";
-    put(wav, 16, 4);
-    put(wav, isFloat ? 3 : 1, 2);
-    put(wav, channels, 2);
-    put(wav, 48000, 4);
-    put(wav, 48000 * channels * bytes, 4);
-    put(wav, channels * bytes, 2);
-    put(wav, 8 * bytes, 2);
-    wav += "data";
-    put(wav, size, 4);
-    return wav + samples;
-}
-
-Audio readFloats(const std::string& bytes, std::size_t start, std::size_t numOfChannels) {
-    Audio audio(numOfChannels);
-    for (std::size_t at = start, i = 0; at + 4 <= bytes.size(); at += 4, ++i) {
-        float value;
-        std::memcpy(&value, bytes.data() + at, sizeof value);
-        audio[i % numOfChannels].push_back(value);
-    }
-    return audio;
-}
-
-Audio readFloatWav(const std::string& wav, std::size_t numOfChannels) {
-    return readFloats(wav, 44, numOfChannels);
-}
-
-std::string makeRaw(const Audio& audio) {
-    std::string bytes;
-    for (std::size_t i = 0; i < audio[0].size(); ++i)
-        for (const auto& row : audio) bytes.append(reinterpret_cast<const char*>(&row[i]), sizeof row[i]);
-    return bytes;
-}
-
-// The samples from start on, or as many as there are before end.
-Audio cut(Audio audio, std::ptrdiff_t start, std::ptrdiff_t end) {
-    for (auto& row : audio) row = {row.begin() + start, row.begin() + end};
-    return audio;
-}
 
 // Runs a program and returns what it printed; fails the test unless it ends with success.
 std::string run(const std::string& command) {
@@ -80,82 +20,86 @@ std::string run(const std::string& command) {
     return text;
 }
 
-constexpr std::ptrdiff_t latency = 384;  // of the model below: three hops of framing, and its delay
-
-std::string writeTwoBusses(const ModelFolder& models) {
-    TestModel description{.channels = 2, .delay = 3, .busGains = {0.75f}, .names = {"Voice", "Rest"}};
-    description.constantMasks = true;
-    const std::string path = models.folder.getPath("two-busses.model");
-    describeModel(description).write(path);
-    return path;
+std::string toBytes(const Sound& sound, int first, int behind) {
+    return {reinterpret_cast<const char*>(&sound.values[static_cast<std::size_t>(first * sound.channels)]),
+            reinterpret_cast<const char*>(sound.values.data() + behind * sound.channels)};
 }
 
-TEST(Example, streamsWavFilesThroughAModel) {
-    const ModelFolder models;
-    const std::string model = writeTwoBusses(models);
-    const std::string in = models.folder.getPath("in.wav"), out = models.folder.getPath("out.wav");
-    const std::string program = std::string(STREAM_FILE) + " " + model + " " + in + " " + out;
-    const struct {
-        int channels, bytesPerSample;
-        bool isFloat;
-        double tolerance;  // decibels, from the rounding of the file's integers
-    } formats[] = {{1, 4, true, -100.0}, {2, 2, false, -75.0}, {2, 3, false, -100.0}};
-    for (const auto& [channels, bytesPerSample, isFloat, tolerance] : formats) {
-        const Audio audio = makeNoise(channels, 10007, 1);
-        models.folder.makeFile("in.wav", makeWav(audio, bytesPerSample, isFloat));
-        const std::string text = run(program);
-        EXPECT_NE(text.find("latency 384 samples"), std::string::npos) << text;
-        EXPECT_NE(text.find("bus 0: Voice, gain 1.00"), std::string::npos) << text;
-        EXPECT_NE(text.find("bus 1: Rest, gain 1.00"), std::string::npos) << text;
-        const Audio back = readFloatWav(models.folder.readFile("out.wav"), audio.size());
-        ASSERT_EQ(back.back().size(), 10007u);
-        EXPECT_LT(calcDifference(back, audio), tolerance);
+// Sample by sample behind the first ones, as many as there are.
+Sound fromBytes(const std::string& bytes, int first) {
+    Sound sound{.channels = 2};
+    sound.values.resize(bytes.size() / sizeof(float) - static_cast<std::size_t>(2 * first));
+    std::memcpy(sound.values.data(), bytes.data() + 2 * static_cast<std::size_t>(first) * sizeof(float),
+                sound.values.size() * sizeof(float));
+    return sound;
+}
 
+constexpr int latency = 384;  // of the model below: three hops of framing, and its delay
+
+class Example : public testing::Test {
+  protected:
+    std::string at(const std::string& name) const { return models.folder.getPath(name); }
+
+    ModelFolder models;
+    const std::string model = models.write(
+        {.channels = 2, .delay = 3, .busGains = {0.75f}, .names = {"Voice", "Rest"}, .constantMasks = true});
+    const Sound in = makeNoise(2, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 9600);
+};
+
+TEST_F(Example, streamsWavFilesThroughAModel) {
+    const std::string program =
+        std::string(STREAM_FILE) + " " + model + " " + at("in.wav") + " " + at("out.wav");
+    const struct {
+        int channels, format;
+        double tolerance;  // decibels, from the rounding of the file's integers
+    } formats[] = {{1, SF_FORMAT_FLOAT, -100.0}, {2, SF_FORMAT_PCM_16, -75.0}, {2, SF_FORMAT_PCM_24, -100.0}};
+    for (const auto& [channels, format, tolerance] : formats) {
+        Sound audio = makeNoise(channels, 48000, SF_FORMAT_WAV | format, 10007);
+        audio.title = "a chunk before the samples";
+        write(at("in.wav"), audio);
+        const std::string text = run(program);
+        for (const char* words : {"latency 384 samples", "bus 0: Voice, gain 1.00", "bus 1: Rest, gain 1.00"})
+            EXPECT_NE(text.find(words), std::string::npos) << text;
+        EXPECT_LT(calcDifference(read(at("out.wav")), audio), tolerance);
         // The rest, a quarter of the input, taken out.
         EXPECT_NE(run(program + " 1 0").find("bus 1: Rest, gain 0.00"), std::string::npos);
-        const Audio voice = readFloatWav(models.folder.readFile("out.wav"), audio.size());
-        EXPECT_LT(calcDifference(voice, audio, 0.75), tolerance);
+        EXPECT_LT(calcDifference(read(at("out.wav")), audio, 0.75), tolerance);
     }
 }
 
 // As many samples out as in, for blocks of any size: silence for as long as the latency, then the input.
-TEST(RealtimeHost, playsTheInputLaterByTheLatency) {
-    const ModelFolder models;
-    const std::string model = writeTwoBusses(models);
-    const Audio in = makeNoise(2, 10007, 1);
-    const std::string input = models.folder.makeFile("in.f32", makeRaw(in));
+TEST_F(Example, aRealtimeHostPlaysTheInputLaterByTheLatency) {
+    models.folder.makeFile("in.f32", toBytes(in, 0, 9600));
     for (const int blockSize : {1, 100, 256, 20000}) {
-        SCOPED_TRACE(blockSize);
-        const std::string output = models.folder.getPath("out.f32");
-        const std::string text = run(std::string(REALTIME_HOST) + " " + model + " " +
-                                     std::to_string(blockSize) + " 2>&1 <" + input + " >" + output);
+        const std::string text =
+            run(std::string(REALTIME_HOST) + " " + model + " " + std::to_string(blockSize) + " 2>&1 <" +
+                at("in.f32") + " >" + at("out.f32"));
         EXPECT_NE(text.find("latency 384 samples, 8.0 ms"), std::string::npos) << text;
-        const Audio out = readFloats(models.folder.readFile("out.f32"), 0, 2);
-        ASSERT_EQ(out[1].size(), in[1].size());
-        EXPECT_EQ(cut(out, 0, latency), Audio(2, std::vector<float>(latency)));
-        EXPECT_LT(calcDifference(cut(out, latency, 10007), in), -100.0);
+        const std::string out = models.folder.readFile("out.f32");
+        Sound expected = fromBytes(toBytes(in, 0, 9600 - latency), 0);
+        EXPECT_LT(calcDifference(fromBytes(out, latency), expected), -100.0) << blockSize;
+        ASSERT_EQ(out.size(), in.values.size() * sizeof(float));
+        EXPECT_EQ(out.substr(0, latency * 8), std::string(latency * 8, '\0'));
     }
 }
 
 // A line that is written to the control file while audio runs: the second half of the input comes when the
 // program has told that the gain is there.
-TEST(RealtimeHost, turnsAGainWhileAudioRuns) {
-    const ModelFolder models;
-    const std::string model = writeTwoBusses(models);
-    const Audio in = makeNoise(2, 9600, 1);
-    models.folder.makeFile("first.f32", makeRaw(cut(in, 0, 4800)));
-    models.folder.makeFile("second.f32", makeRaw(cut(in, 4800, 9600)));
+TEST_F(Example, aRealtimeHostTurnsAGainWhileAudioRuns) {
+    models.folder.makeFile("first.f32", toBytes(in, 0, 4800));
+    models.folder.makeFile("second.f32", toBytes(in, 4800, 9600));
     models.folder.makeFile("control");
     run("cd " + models.folder.path +
         " && { cat first.f32; echo 7 1 >> control; echo 1 0 >> control; "
         "until grep -q 'Rest: gain 0.00' err; do sleep 0.01; done; cat second.f32; } 2>/dev/null | " +
         REALTIME_HOST + " " + model + " 256 control 2>err >out.f32");
     EXPECT_NE(models.folder.readFile("err").find("not a bus and a gain: 7 1"), std::string::npos);
-    const Audio out = readFloats(models.folder.readFile("out.f32"), 0, 2);
-    ASSERT_EQ(out[1].size(), in[1].size());
+    const std::string out = models.folder.readFile("out.f32");
+    ASSERT_EQ(out.size(), in.values.size() * sizeof(float));
     // The pipe hands the first half on before the gain falls, or after that, and the frames around it are
     // mixed.
-    EXPECT_LT(calcDifference(cut(out, 4800 + latency, 9600), cut(in, 4800, 9600), 0.75), -100.0);
+    Sound expected = fromBytes(toBytes(in, 4800, 9600 - latency), 0);
+    EXPECT_LT(calcDifference(fromBytes(out, 4800 + latency), expected, 0.75), -100.0);
 }
 
 }  // namespace

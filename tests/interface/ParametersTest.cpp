@@ -115,13 +115,12 @@ TEST(Parameters, theNameOfTheArithmeticMayFillItsBuffer) {
     zevrantGetVectorArithmeticWrapperName(whole, 64);
     const std::string name(whole);
     ASSERT_GT(name.size(), 2u);
-    for (int size = 0; size < 63; ++size) {
-        std::vector<char> buffer(64, 'x');
-        zevrantGetVectorArithmeticWrapperName(buffer.data(), size);
-        std::string expected = name.substr(0, static_cast<std::size_t>(size));
-        expected.resize(static_cast<std::size_t>(size), '\0');
+    for (std::size_t size = 0; size < 63; ++size) {
+        std::string buffer(64, 'x'), expected = name.substr(0, size);
+        zevrantGetVectorArithmeticWrapperName(buffer.data(), static_cast<int>(size));
+        expected.resize(size, '\0');
         expected.resize(64, 'x');
-        EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expected) << size;
+        EXPECT_EQ(buffer, expected) << size;
     }
 }
 
@@ -130,12 +129,9 @@ TEST(Parameters, informationIsTheModelsAndOnlyLatencyFollowsTheHost) {
     for (double ratio : {0.5, 1.0, 2.0}) {
         AudioHost host = models.open({.channels = 2, .delay = 2}, 1, ratio * rate);
         ProcessorInfo info;
-        std::memset(&info, 0xff, sizeof info);
         zevrantGetProcessorInfo(host.handle.get(), &info);
-        EXPECT_EQ(info.sampleRate, rate);
-        EXPECT_EQ(info.numOfChannels, 2);
-        EXPECT_EQ(info.windowSize, 256);
-        EXPECT_EQ(info.hopSize, 64);
+        EXPECT_EQ(std::tuple(info.sampleRate, info.numOfChannels, info.windowSize, info.hopSize),
+                  std::tuple(rate, 2, 256, 64));
         EXPECT_EQ(info.latency, static_cast<int>((3 + 2) * 64 * ratio));
     }
 }

@@ -13,9 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "PlainSeparation.h"
-#include "TestSignals.h"
 #include "interface/AudioHost.h"
-#include "neural/NeuralModel.h"
 
 namespace zevrant::models {
 namespace {
@@ -103,72 +101,6 @@ TEST(ShippedModels, theFilesAreWhatTheGeneratorWrites) {
         const fs::path& path = entry.path();
         EXPECT_TRUE(path.extension() != ".zevrant" || names.count(path.filename().string()))
             << path << " has no generator";
-    }
-}
-
-// ---- latency ---------------------------------------------------------------------------------
-
-// Noise, frame by frame.
-std::vector<ComplexSignal32> makeFrames(const NeuralModel<float>& model, int count) {
-    std::vector<ComplexSignal32> frames;
-    for (int k = 0; k < count; ++k)
-        frames.push_back(
-            noiseSpectrum(model.numOfInputChannels, model.fftSize / 2 + 1, static_cast<unsigned>(k)));
-    return frames;
-}
-
-struct Masks {
-    std::vector<ComplexSignal32> frames;
-    int numOfSilentCalls = 0;  // before the first result
-};
-
-Masks run(NeuralModel<float>& model, const std::vector<ComplexSignal32>& frames) {
-    Masks masks;
-    model.reset();
-    for (const ComplexSignal32& frame : frames) {
-        const auto results = model.process(frame);
-        if (masks.frames.empty() && results.empty()) ++masks.numOfSilentCalls;
-        masks.frames.insert(masks.frames.end(), results.begin(), results.end());
-    }
-    return masks;
-}
-
-TEST(ShippedModels, theReportedLatencyIsTheNumberOfFramesThatAreHeldBack) {
-    for (const auto& [fileName, description] : describeShippedModels()) {
-        SCOPED_TRACE(fileName);
-        NeuralModel<float> model;
-        ASSERT_TRUE(model.loadModel(File((fs::path(MODELS_FOLDER) / fileName).string())));
-        const Masks masks = run(model, makeFrames(model, 30));
-        EXPECT_EQ(masks.numOfSilentCalls, model.latencyInFrames);
-        EXPECT_EQ(static_cast<int>(masks.frames.size()), 30 - model.latencyInFrames);
-    }
-}
-
-// A mask that is centred on its frame does not know the direction of time: frames that come in reverse order
-// have the reverse masks. One frame of offset between masks and frames would show at once.
-TEST(ShippedModels, masksAreCentredOnTheirFrames) {
-    for (const char* name : {"harmonic-percussive", "center-sides"}) {
-        SCOPED_TRACE(name);
-        NeuralModel<float> model;
-        ASSERT_TRUE(model.loadModel(File(getPath(name))));
-        constexpr int count = 41;
-        std::vector<ComplexSignal32> frames = makeFrames(model, count);
-        const auto forward = run(model, frames).frames;
-        std::reverse(frames.begin(), frames.end());
-        const auto backward = run(model, frames).frames;
-        const int reach = model.latencyInFrames;  // frames that both ends of the stream reach into
-        double largest = 0.0, smallest = 1.0;
-        for (int k = reach; k < count - reach; ++k)
-            for (int bin = 0; bin < model.fftSize / 2 + 1; ++bin) {
-                const float mask = forward[static_cast<std::size_t>(k)].getReadChannelPtr(0)[bin].real();
-                ASSERT_NEAR(
-                    mask, backward[static_cast<std::size_t>(count - 1 - k)].getReadChannelPtr(0)[bin].real(),
-                    1e-5)
-                    << "frame " << k << ", bin " << bin;
-                largest = std::max(largest, double{mask});
-                smallest = std::min(smallest, double{mask});
-            }
-        EXPECT_GT(largest - smallest, 0.5) << "masks that do not move have no centre";
     }
 }
 

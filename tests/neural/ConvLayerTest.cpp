@@ -99,25 +99,6 @@ TEST(ConvLayer, theGateTriggersConsumersInBetween) {
     }
 }
 
-TEST(ConvLayer, theRingHoldsTheLatestSlices) {
-    const ConvRecord record = {noiseWeights({3, 1, 2, 4}, 1), {}, {1, 1, 2, 0}};
-    Conv test(record);
-    EXPECT_EQ(test.layer->historyLength, 5);
-    EXPECT_TRUE(test.layer->history.shape.empty());
-    EXPECT_FALSE(test.push(Tensor<float>({0, 3, 2})));
-    EXPECT_EQ(test.layer->history.shape, (std::vector{5, 3, 2}));
-    const Sequence input = noiseSequence(7, 3, 2, 2);
-    test.pushAll(input, {4, 3});
-    for (int t = 2; t < 7; ++t)
-        for (int i = 0; i < 6; ++i)
-            EXPECT_EQ(test.layer->history.getReadPointer()[t % 5 * 6 + i],
-                      float(input.at(t, i / 2, i % 2).value));
-    test.layer->reset();
-    EXPECT_EQ(test.layer->timeIndex, 0);
-    EXPECT_EQ(test.layer->history.shape, (std::vector{5, 3, 2}));
-    for (int i = 0; i < 30; ++i) EXPECT_EQ(test.layer->history.getReadPointer()[i], 0.0f);
-}
-
 // The repeating path takes the values of a tensor's first slice for each of its slices.
 TEST(ConvLayer, repeatedChannelsComeFromTheFirstSlice) {
     const ConvRecord record = {{{1, 1, 1, 4}, {1, 1, 1, 1}}};
@@ -129,44 +110,32 @@ TEST(ConvLayer, repeatedChannelsComeFromTheFirstSlice) {
 // Fewer channels than outputs that do not divide: with one for each, slices are taken from the tensor's
 // buffer as if they had the outputs' channels; with more, the values stand at the start of the slot.
 TEST(ConvLayer, channelsThatDoNotDivideTheOutputs) {
-    const ConvRecord four = {{{1, 1, 1, 4}, {1, 1, 1, 1}}};
-    Tensor<float> tensor = tensorOf({2, 2, 4}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+    const std::vector<float> values = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    Tensor<float> tensor = tensorOf({2, 2, 4}, values);
     tensor.ensureShape({2, 2, 3});
-    Conv fromBuffer(four);
+    Conv fromBuffer({{{1, 1, 1, 4}, {1, 1, 1, 1}}});
     fromBuffer.push(tensor);
-    EXPECT_EQ(fromBuffer.sink.values,
-              (std::vector<float>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}));
-    Conv tooShort(four);
+    EXPECT_EQ(fromBuffer.sink.values, values);
+    Conv tooShort({{{1, 1, 1, 4}, {1, 1, 1, 1}}});
     EXPECT_THROW(tooShort.push(Tensor<float>({1, 2, 3})), std::invalid_argument);
-
-    const ConvRecord five = {{{1, 1, 1, 5}, {1, 1, 1, 1, 1}}};
-    Conv repeated(five);
+    Conv repeated({{{1, 1, 1, 5}, {1, 1, 1, 1, 1}}});
     repeated.push(tensorOf({1, 2, 2}, {1, 2, 3, 4}));
     EXPECT_EQ(repeated.sink.values, (std::vector<float>{1, 1, 2, 2, 3, 3, 4, 4, 0, 0}));
 }
 
 TEST(ConvLayer, oddBandsAndBiases) {
     const ConvRecord truncated = {noiseWeights({1, 3, 1, 1}, 1), {}, {1, 2, 1, 0}};
-    Conv wide(truncated);
-    wide.push(tensorOf({1, 257, 1}, noise(257, 2)));
-    EXPECT_EQ(wide.sink.shapes.back(), (std::vector{1, 128, 1}));
-
-    // A band without a whole step, and one without frequencies, are still handed on.
-    Conv narrow(truncated), empty(truncated);
-    EXPECT_TRUE(narrow.push(tensorOf({1, 1, 1}, {1})));
-    EXPECT_EQ(narrow.sink.shapes.back(), (std::vector{1, 0, 1}));
-    EXPECT_TRUE(empty.push(Tensor<float>({1, 0, 1})));
-    EXPECT_EQ(empty.sink.shapes.back(), (std::vector{1, 0, 1}));
-
-    const ConvRecord zeroAxis = {{{1, 1, 1, 2}, {3, 4}}, {{2, 0}, {}}};
-    Conv unbiased(zeroAxis);
+    for (int frequencies : {257, 1, 0}) {  // a band without a whole step is still handed on
+        Conv test(truncated);
+        EXPECT_TRUE(test.push(Tensor<float>({1, frequencies, 1})));
+        EXPECT_EQ(test.sink.shapes.back(), (std::vector{1, frequencies / 2, 1}));
+    }
+    Conv unbiased({{{1, 1, 1, 2}, {3, 4}}, {{2, 0}, {}}});
     unbiased.push(tensorOf({1, 1, 1}, {2}));
     EXPECT_EQ(unbiased.sink.values, (std::vector<float>{6, 8}));
-
     // A kernel without rows or taps leaves the bias, as long as the ring has room for a slice.
-    const ConvRecord noRows = {{{0, 3, 1, 2}, {}}, {{2}, {5, 6}}, {1, 1, 0, 0}};
-    const ConvRecord noTaps = {{{1, 0, 1, 2}, {}}, {{2}, {5, 6}}};
-    for (const ConvRecord& record : {noRows, noTaps}) {
+    for (const ConvRecord& record : {ConvRecord{{{0, 3, 1, 2}, {}}, {{2}, {5, 6}}, {1, 1, 0, 0}},
+                                     ConvRecord{{{1, 0, 1, 2}, {}}, {{2}, {5, 6}}}}) {
         Conv bare(record);
         bare.push(tensorOf({1, 2, 1}, {1, 2}));
         EXPECT_EQ(bare.sink.values, (std::vector<float>{5, 6, 5, 6}));
@@ -176,15 +145,11 @@ TEST(ConvLayer, oddBandsAndBiases) {
 // The ring can be convolved without a push, too, and whatever it then meets is checked.
 TEST(ConvLayer, aSliceCanBeProcessedByItself) {
     Conv test({{{2, 1, 1, 1}, {10.0f, 1.0f}}});
-    EXPECT_TRUE(test.layer->processTimeSlice(1)) << "a ring without frequencies gives a slice without them";
-    EXPECT_EQ(test.sink.shapes, (std::vector<std::vector<int>>{{1, 0, 1}}));
     test.push(tensorOf({2, 2, 1}, {1, 2, 3, 4}));
     test.sink.clear();
     EXPECT_TRUE(test.layer->processTimeSlice(1));
     EXPECT_EQ(test.sink.values, (std::vector<float>{31, 42})) << "timeIndex 2 takes slice 1 for the oldest";
     test.layer->history = tensorOf({1, 2, 1}, {1, 2});
-    EXPECT_THROW(test.layer->processTimeSlice(1), std::invalid_argument);
-    test.layer->frequencyStride = 0;
     EXPECT_THROW(test.layer->processTimeSlice(1), std::invalid_argument);
 }
 
@@ -225,19 +190,16 @@ TEST(ConvLayer, impossibleNumbersThrowInThePush) {
         EXPECT_NO_THROW(test.layer->measureLatency(1));
     }
     // Only what is reached has to be possible.
-    Conv early({kernel, {}, {0, 0, 1, 2}});
-    EXPECT_FALSE(early.push(slice));
+    Conv early({kernel, {}, {0, 0, 1, 1}});
     EXPECT_FALSE(early.push(slice));
     EXPECT_THROW(early.push(slice), std::invalid_argument);
-
     Conv test({kernel});
     EXPECT_TRUE(test.push(slice));
-    EXPECT_THROW(test.push(tensorOf({1, 5, 2}, noise(10, 1))), std::invalid_argument);
-    EXPECT_THROW(test.push(tensorOf({1, 4, 3}, noise(12, 1))), std::invalid_argument);
-    EXPECT_THROW(test.push(Tensor<float>({1, 4, 0})), std::invalid_argument);
     Tensor<float> shortened = slice;
     shortened.shape[0] = 2;
-    EXPECT_THROW(test.push(shortened), std::invalid_argument);
+    for (const Tensor<float>& other :
+         {Tensor<float>({1, 5, 2}), Tensor<float>({1, 4, 3}), Tensor<float>({1, 4, 0}), shortened})
+        EXPECT_THROW(test.push(other), std::invalid_argument);
     EXPECT_FALSE(test.push(Tensor<float>())) << "an empty tensor has no slices";
     EXPECT_TRUE(test.push(slice)) << "a refused slice leaves the layer as it was";
 }

@@ -60,7 +60,7 @@ TEST(FrequencyRescaleLayer, aRunPastTheBufferIsRefused) {
 
 TEST(FrequencyRescaleLayer, impossibleEntriesAreRefusedInThePush) {
     for (const Band& band : {Band{-1, {{1}, {1.0f}}}, Band{0, {}}, Band{0, {{0}, {}}}, Band{0, {{4, 0}, {}}},
-                             Band{3, {{1}, {1.0f}}}}) {
+                             Band{3, {{1}, {1.0f}}}, Band{3, {{-1, -1}, {1.0f}}}}) {
         LayerUnderTest<FrequencyRescaleLayer<float>> test(rescaleRecord({band}));
         EXPECT_TRUE(test.push(Tensor<float>({0, 3, 2})));
         EXPECT_TRUE(test.push(Tensor<float>({1, 3, 0}))) << "without channels nothing is read";

@@ -86,15 +86,25 @@ inline Tensor<float> slicesOf(const Sequence& sequence, int first, int count) {
     return tensor;
 }
 
-// Keeps a copy of every tensor that arrives.
+inline void append(std::vector<float>& values, const Tensor<float>& tensor) {
+    const int count = std::max(0, tensor.getNumOfElements());
+    if (count > 0) values.insert(values.end(), tensor.getReadPointer(), tensor.getReadPointer() + count);
+}
+
+// Copies every tensor that arrives, and may keep it as well, as an output layer does.
 class Sink : public BaseLayer<float> {
   public:
     bool push(const Tensor<float>& tensor, BaseLayer<float>*) override {
         shapes.push_back(tensor.shape);
-        const float* begin = tensor.getReadPointer();
-        const int count = std::max(0, tensor.getNumOfElements());
-        if (count > 0) values.insert(values.end(), begin, begin + count);
+        append(values, tensor);
+        if (keeps) kept.push_back(tensor);
         return answer;
+    }
+    // Whether what was kept is what arrived.
+    bool isUnchanged() const {
+        std::vector<float> now;
+        for (const Tensor<float>& tensor : kept) append(now, tensor);
+        return !keeps || now == values;
     }
     void triggerForward() override { ++numOfTriggers; }
 
@@ -107,12 +117,14 @@ class Sink : public BaseLayer<float> {
     void clear() {
         shapes.clear();
         values.clear();
+        kept.clear();
     }
 
     std::vector<std::vector<int>> shapes;
     std::vector<float> values;
+    std::vector<Tensor<float>> kept;
     int numOfTriggers = 0;
-    bool answer = true;
+    bool answer = true, keeps = false;
 };
 
 // A layer built from a record behind sources named "input", "input1", ..., with a sink behind it.
@@ -136,14 +148,19 @@ struct LayerUnderTest {
         return sources[static_cast<std::size_t>(source)]->push(tensor, nullptr);
     }
 
-    // All slices, as many per push as the pattern says in turn.
+    // All slices, as many per push as the pattern says in turn. The sender keeps its tensors, and nobody
+    // writes to them.
     void pushAll(const Sequence& sequence, const std::vector<int>& pattern = {1}) {
-        std::size_t turn = 0;
-        for (int t = 0; t < sequence.numOfSlices;) {
-            const int count = std::min(pattern[turn++ % pattern.size()], sequence.numOfSlices - t);
-            push(slicesOf(sequence, t, count));
-            t += count;
+        std::vector<float> sent, now;
+        std::vector<Tensor<float>> tensors;
+        for (int t = 0; t < sequence.numOfSlices; t += tensors.back().shape[0]) {
+            const int count = std::min(pattern[tensors.size() % pattern.size()], sequence.numOfSlices - t);
+            tensors.push_back(slicesOf(sequence, t, count));
+            append(sent, tensors.back());
+            push(tensors.back());
         }
+        for (const Tensor<float>& tensor : tensors) append(now, tensor);
+        EXPECT_EQ(now, sent) << "the layer has written to its input";
     }
 
     std::vector<std::shared_ptr<InputLayer<float>>> sources;
@@ -180,8 +197,10 @@ void expectStreamsAs(const Record& record, const Sequence& input, const Sequence
     EXPECT_TRUE(test.readsAll()) << "the record has bytes that were not read";
     for (const std::vector<int>& pattern : patterns) {
         SCOPED_TRACE(testing::Message() << pattern.front() << " slices in the first push");
+        test.sink.keeps = &pattern == &patterns.front();
         test.pushAll(input, pattern);
         ASSERT_NO_FATAL_FAILURE(expectWithin(test.sink.values, expected));
+        EXPECT_TRUE(test.sink.isUnchanged()) << "the layer has written to its old output";
         test.layer->reset();
         test.pushAll(noiseSequence(3, input.numOfFrequencies, input.numOfChannels, 99));
         test.layer->reset();

@@ -1,22 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <cfloat>
-#include <chrono>
 #include <cmath>
 #include <limits>
 
 #include "modelwriter/ModelWriter.h"
-#include "neural/ActivationLayers.h"
-#include "neural/ConvLayer.h"
-#include "neural/DenseLayers.h"
-#include "neural/FrequencyRescaleLayer.h"
 #include "neural/MemoryStream.h"
-#include "neural/MergeLayers.h"
-#include "neural/ModelOfAllLayers.h"
 #include "neural/NeuralModel.h"
 #include "neural/NormLayers.h"
-#include "neural/SelfAttentionLayer.h"
-#include "neural/TransposedConvLayer.h"
 
 namespace zevrant {
 namespace {
@@ -63,32 +53,26 @@ TEST(ModelLoader, everyHeaderFormComesBack) {
                 const auto [model, result, position] = load(bytes);
                 ASSERT_TRUE(result);
                 EXPECT_EQ(position, static_cast<long long>(bytes.size()));
-                EXPECT_EQ(model.modelName, "The name");
-                EXPECT_EQ(model.modelInfoText, "Info");
-                EXPECT_EQ(model.sampleRate, 22050.9);
-                EXPECT_EQ(model.numOfInputChannels, 2);
-                EXPECT_EQ(model.numOfOutputChannels, 5);
-                EXPECT_EQ(model.processingMode, -3);
-                EXPECT_EQ(model.inputPacking, in.code);
-                EXPECT_EQ(model.outputPacking, out.code);
-                EXPECT_EQ(model.fftSize, 1024);
-                EXPECT_EQ(model.windowSize, window);
-                EXPECT_EQ(model.hopSize, 300);
-                EXPECT_EQ(model.numFineBins, in.numOfFineBins);
-                EXPECT_EQ(model.numBins, in.numOfFineBins + in.numOfBins);
-                EXPECT_EQ(model.binGroupSize, in.binGroupSize);
-                EXPECT_EQ(model.numHistoryFrames, in.numOfHistoryFrames);
-                EXPECT_EQ(model.tensorFrequencies, in.code == 6
-                                                       ? in.numOfBins / in.binGroupSize + in.numOfFineBins
-                                                       : 4 * in.numOfFineBins + in.numOfBins);
-                EXPECT_EQ(model.frameHistory.size(), static_cast<std::size_t>(in.numOfHistoryFrames));
+                EXPECT_EQ(
+                    std::tuple(model.modelName, model.modelInfoText, model.sampleRate, model.processingMode),
+                    std::tuple("The name", "Info", 22050.9, -3));
+                EXPECT_EQ(std::tuple(model.numOfInputChannels, model.numOfOutputChannels, model.inputPacking,
+                                     model.outputPacking, model.fftSize, model.windowSize, model.hopSize),
+                          std::tuple(2, 5, in.code, out.code, 1024, window, 300));
+                EXPECT_EQ(
+                    std::tuple(model.numFineBins, model.numBins, model.binGroupSize, model.numHistoryFrames,
+                               model.tensorFrequencies, model.frameHistory.size()),
+                    std::tuple(in.numOfFineBins, in.numOfFineBins + in.numOfBins, in.binGroupSize,
+                               in.numOfHistoryFrames,
+                               in.code == 6 ? in.numOfBins / in.binGroupSize + in.numOfFineBins
+                                            : 4 * in.numOfFineBins + in.numOfBins,
+                               static_cast<std::size_t>(in.numOfHistoryFrames)));
                 const std::list<std::string> names = version >= 0x1006
                                                          ? std::list<std::string>{"One", "", "Rest"}
                                                          : std::list<std::string>{"Processed", "Residual"};
                 EXPECT_EQ(model.outputBusNames, names);
-                EXPECT_EQ(model.numOfOutputBusses, version >= 0x1006 ? 2 : 1);
-                EXPECT_EQ(model.latencyInFrames, 0);
-                EXPECT_EQ(model.layers.size(), 2u);
+                EXPECT_EQ(std::tuple(model.numOfOutputBusses, model.latencyInFrames, model.layers.size()),
+                          std::tuple(version >= 0x1006 ? 2 : 1, 0, 2u));
                 EXPECT_EQ(std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at("output")),
                           model.outputLayer);
             }
@@ -144,75 +128,33 @@ TEST(ModelLoader, refusesCodesThatItDoesNotKnow) {
             EXPECT_FALSE(!isKnown && load(bytes).result) << code;
         }
     }
-    const std::vector<int> typeCodes = {2, 3, 4, 5, 6, 7, 9, 12, 14, 15, 16, 17, 18, 19, 20, 22, 23};
-    for (int code = 0; code < 300; ++code) {
-        if (std::find(typeCodes.begin(), typeCodes.end(), code) != typeCodes.end()) continue;
-        const Bytes bytes = ModelWriter("").addRawLayer("x", code, {}).setOutput("input").toBytes();
-        EXPECT_FALSE(load(bytes).result) << code;
-    }
-    EXPECT_FALSE(load(ModelWriter("").addRawLayer("x", 65535, {}).setOutput("input").toBytes()).result);
+    for (int code : {0, 1, 8, 10, 11, 13, 21, 24, 256 + 4, 65535})
+        EXPECT_FALSE(load(ModelWriter("").addRawLayer("x", code, {}).setOutput("input").toBytes()).result)
+            << code;
 }
 
 TEST(ModelLoader, unknownSourcesThrowWithTheirText) {
-    const auto expectOutOfRange = [](const Bytes& bytes) {
+    const int relu = 4, concat = 9;
+    const auto withLayer = [](int code, const Bytes& payload) {
+        return ModelWriter("").addRawLayer("a", code, payload).setOutput("input").toBytes();
+    };
+    Bytes noSource = ModelWriter("").setOutput("input").toBytes(), behind, negative;
+    noSource.resize(noSource.size() - 9);  // a text that reads as empty
+    behind = negative = noSource;
+    appendText(behind, "output");
+    appendInt32(negative, -1);
+    for (const Bytes& bytes :
+         {withLayer(relu, encodeLayer("later", ReLU{})), withLayer(relu, encodeLayer("a", ReLU{})),  // itself
+          withLayer(relu, encodeLayer("output", ReLU{})),
+          withLayer(concat, encodeLayer({"input", "later"}, Concat{})), noSource, behind}) {
         try {
             load(bytes);
             FAIL() << "loaded";
         } catch (const std::out_of_range& error) {
             EXPECT_STREQ(error.what(), "map::at:  key not found");
         }
-    };
-    const int relu = 4, concat = 9;
-    const auto withLayer = [&](int code, const Bytes& payload) {
-        return ModelWriter("").addRawLayer("a", code, payload).setOutput("input").toBytes();
-    };
-    expectOutOfRange(withLayer(relu, encodeLayer("later", ReLU{})));
-    expectOutOfRange(withLayer(relu, encodeLayer("a", ReLU{})));  // itself
-    expectOutOfRange(withLayer(relu, encodeLayer("output", ReLU{})));
-    expectOutOfRange(withLayer(concat, encodeLayer({"input", "later"}, Concat{})));
-    Bytes bytes = ModelWriter("").setOutput("input").toBytes();
-    bytes.resize(bytes.size() - 9);
-    Bytes noSource = bytes;
-    expectOutOfRange(noSource);  // a text that reads as empty
-    appendText(bytes, "output");
-    expectOutOfRange(bytes);
-    bytes = noSource;
-    appendInt32(bytes, -1);
-    EXPECT_THROW(load(bytes), std::length_error);
-}
-
-template <class Layer>
-void expectType(const NeuralModel<float>& model, const std::string& name, int type) {
-    const auto layer = std::get<std::shared_ptr<BaseLayer<float>>>(model.layers.at(name));
-    EXPECT_NE(dynamic_cast<const Layer*>(layer.get()), nullptr) << name;
-    EXPECT_EQ(layer->type, type) << name;
-}
-
-TEST(ModelLoader, everyTypeCodeMakesItsClass) {
-    for (int version = earliestVersion; version <= latestVersion; ++version) {
-        SCOPED_TRACE(version);
-        const auto [model, result, position] =
-            load(makeModelOfAllLayers(version, TensorStorage::SinglePrecision, Packing::magnitudes(9)));
-        ASSERT_TRUE(result);
-        EXPECT_EQ(model.layers.size(), 20u);
-        expectType<ConvLayer<float>>(model, "conv", 2);
-        expectType<TransposedConvLayer<float>>(model, "transposed", 3);
-        expectType<ReLULayer<float>>(model, "relu", 4);
-        expectType<ELULayer<float>>(model, "elu", 5);
-        expectType<SigmoidLayer<float>>(model, "sigmoid", 6);
-        expectType<NormLayer<float>>(model, "norm", 7);
-        expectType<ConcatLayer<float>>(model, "concat", 0);  // queued layers keep no code
-        expectType<LeakyReLULayer<float>>(model, "leaky", 12);
-        expectType<DenseLayer<float>>(model, "dense", 14);
-        expectType<SeparableChannelConvLayer<float>>(model, "separable", 14);
-        expectType<PreNormLayer<float>>(model, "prenorm", 16);
-        expectType<SoftplusLayer<float>>(model, "softplus", 17);
-        expectType<ArithmeticLayer<float>>(model, "sum", 0);
-        expectType<SelfAttentionLayer<float>>(model, "attention", 19);
-        expectType<HardSigmoidLayer<float>>(model, "hard", 20);
-        expectType<FrequencyRescaleLayer<float>>(model, "rescale", 22);
-        expectType<ARPreNormLayer<float>>(model, "arprenorm", 23);
     }
+    EXPECT_THROW(load(negative), std::length_error);
 }
 
 TEST(ModelLoader, latencyFollowsTheChainOfLayers) {
@@ -276,47 +218,30 @@ TEST(ModelLoader, levelScaleUndoesThePackingsShareOfTheLevel) {
     EXPECT_EQ(getScale(Packing::magnitudes(0), -8, 1), 1.0f);
 }
 
-TEST(ModelLoader, silentHistoryIsOneBlockHoweverLong) {
-    const Bytes bytes = ModelWriter("")
-                            .setChannels(127, 1)
-                            .setPacking(Packing::frameHistory(32767, 32767, 32767))
-                            .setOutput("input")
-                            .toBytes();
-    NeuralModel<float> model = load(bytes).model;
-    ASSERT_EQ(model.frameHistory.size(), 32767u);
-    const auto& first = model.frameHistory.front();
-    EXPECT_EQ(first.numOfChannels, 127);
-    EXPECT_EQ(first.numOfSamples, 65534);
-    for (const auto& frame : model.frameHistory) ASSERT_EQ(frame.data, first.data);
-    EXPECT_THROW(model.process(ComplexSignal32(127, 16)), std::runtime_error);
-
+TEST(ModelLoader, oddHeadersLoadAndStopAtTheirFirstUse) {
+    const auto loadWith = [](const Packing& packing, int channels = 1) {
+        return load(
+            ModelWriter("").setChannels(channels, 1).setPacking(packing).setOutput("input").toBytes());
+    };
+    // Silence is one block, however long it is.
+    Loaded longest = loadWith(Packing::frameHistory(32767, 32767, 32767), 127);
+    ASSERT_EQ(longest.model.frameHistory.size(), 32767u);
+    const auto& first = longest.model.frameHistory.front();
+    EXPECT_TRUE(first.numOfChannels == 127 && first.numOfSamples == 65534);
+    for (const auto& frame : longest.model.frameHistory) ASSERT_EQ(frame.data, first.data);
+    EXPECT_THROW(longest.model.process(ComplexSignal32(127, 16)), std::runtime_error);
     for (int frames : {0, -5}) {
-        const Bytes none =
-            ModelWriter("").setPacking(Packing::frameHistory(1, 1, frames)).setOutput("input").toBytes();
-        Loaded loaded = load(none);
+        Loaded loaded = loadWith(Packing::frameHistory(1, 1, frames));
         EXPECT_TRUE(loaded.result);
         EXPECT_THROW(loaded.model.process(ComplexSignal32(1, 16)), std::logic_error);
     }
-}
-
-TEST(ModelLoader, oddHeadersLoadAndStopAtTheirFirstUse) {
-    EXPECT_THROW(
-        load(ModelWriter("").setPacking(Packing::complexGroups(2, 8, 0)).setOutput("input").toBytes()),
-        std::invalid_argument);
+    EXPECT_THROW(loadWith(Packing::complexGroups(2, 8, 0)), std::invalid_argument);
     for (int channels : {0, -1, -128}) {
-        Loaded loaded = load(ModelWriter("")
-                                 .setChannels(channels, 1)
-                                 .setPacking(Packing::magnitudes(5))
-                                 .setOutput("input")
-                                 .toBytes());
+        Loaded loaded = loadWith(Packing::magnitudes(5), channels);
         ASSERT_TRUE(loaded.result) << channels;
         EXPECT_TRUE(loaded.model.process(ComplexSignal32(1, 5)).empty() || channels < 0);
     }
-    for (int bins : {0, -5, -32768}) {
-        Loaded loaded =
-            load(ModelWriter("").setPacking(Packing::complexBins(bins)).setOutput("input").toBytes());
-        ASSERT_TRUE(loaded.result) << bins;
-    }
+    for (int bins : {0, -32768}) EXPECT_TRUE(loadWith(Packing::complexBins(bins)).result) << bins;
 }
 
 TEST(ModelLoader, aSecondLayerOfAnameReplacesTheFirst) {
@@ -335,7 +260,7 @@ TEST(ModelLoader, aSecondLayerOfAnameReplacesTheFirst) {
     Loaded loaded = load(bytes);
     ASSERT_TRUE(loaded.result);
     EXPECT_EQ(loaded.model.layers.size(), 3u);
-    expectType<ELULayer<float>>(loaded.model, "a", 5);
+    EXPECT_EQ(std::get<std::shared_ptr<BaseLayer<float>>>(loaded.model.layers.at("a"))->type, elu);
     loaded.model.inputLayer->push(Tensor<float>({1, 1, 1}), nullptr);  // touches nothing that is gone
     loaded.model.reset();
 }

@@ -99,31 +99,30 @@ TEST(ModelWriter, whatCannotBeWrittenIsRefusedAtItsCallAndChangesNothing) {
     model.addLayer("a", "input", ReLU{}).setOutput("a");
     const Bytes before = model.toBytes();
     const WeightTensor four{{1, 1, 1, 1}, {1.0f}}, short4{{2, 2, 1}, {1, 2, 3}}, negative{{-1, -1}, {1.0f}};
+    const auto add = [&](const char* name, const SingleSourceLayer& layer) {
+        model.addLayer(name, "a", layer);
+    };
     const std::pair<std::function<void()>, const char*> calls[] = {
         {[&] { model.addLayer("b", "c", ReLU{}); }, "layer \"b\": no layer \"c\" stands before it"},
         {[&] {
-             model.addLayer("m", {"a", "later"}, Concat{});
+             model.addLayer("m", std::vector<std::string>{"a", "later"}, Concat{});
          },
-         "layer \"m\": no layer \"later\" stands before it"},
-        {[&] { model.addLayer("a", "input", ReLU{}); }, "layer \"a\": the name is taken"},
-        {[&] { model.addLayer("output", "a", ReLU{}); }, "layer \"output\": the name is taken"},
-        {[&] { model.addLayer("input", "a", ReLU{}); }, "layer \"input\": the name is taken"},
+         "no layer \"later\""},
+        {[&] { add("output", ReLU{}); }, "layer \"output\": the name is taken"},
         {[&] { model.setOutput("b"); }, "the output: no layer \"b\" stands before it"},
-        {[&] { model.addLayer("c", "a", Conv{.weights = four, .timeStride = 128}); },
-         "layer \"c\": timeStride is 128, and its field holds -128 to 127"},
+        {[&] { add("c", Conv{.weights = four, .timeStride = 128}); },
+         "timeStride is 128, and its field holds -128 to 127"},
         {[&] {
-             model.addLayer("d", "a", Dense{short4, {}});
+             add("d", Dense{short4, {}});
          },
-         "layer \"d\": weights has 3 values for a shape of 4"},
-        {[&] { model.addLayer("d", "a", PreNorm{negative}); },
-         "layer \"d\": levelWeights has a negative axis"},
-        {[&] { model.addLayer("e", "a", Norm{.normMode = 1, .gain = four}); },
-         "layer \"e\": a normMode other than 0 needs version 0x100a"},
-        {[&] { model.addLayer("f", "a", TransposedConv{.weights = four, .outputChannels = 2}); }, ""},
+         "weights has 3 values for a shape of 4"},
+        {[&] { add("d", PreNorm{negative}); }, "levelWeights has a negative axis"},
+        {[&] { add("e", Norm{.normMode = 1, .gain = four}); }, "other than 0 needs version 0x100a"},
+        {[&] { add("f", TransposedConv{.weights = four, .outputChannels = 2}); }, "layer \"f\""},
         {[&] {
-             model.addLayer("g", "a", SelfAttention{four, four, 1, {}});
+             add("g", SelfAttention{four, four, 1, {}});
          },
-         ""},
+         "layer \"g\""},
         {[&] { model.setTensorStorage(TensorStorage::HalfPrecision); }, ""},
         {[&] { model.setBusses({"A"}); }, ""},
         {[&] { model.setFrames(40000, 40000, 1); }, ""},
@@ -131,14 +130,13 @@ TEST(ModelWriter, whatCannotBeWrittenIsRefusedAtItsCallAndChangesNothing) {
         {[&] { model.setPacking({.code = 3}); }, ""},
         {[&] { model.addRawLayer("h", 70000, {}); }, ""},
         {[&] { ModelWriter("x", 0x1003); }, ""},
-        {[&] { ModelWriter("x", 0x100b); }, ""},
         {[&] { ModelWriter("x", 0x1004).setFrames(512, 256, 128); }, ""},
     };
-    for (std::size_t i = 0; i < std::size(calls); ++i) try {
-            calls[i].first();
-            ADD_FAILURE() << "call " << i;
+    for (const auto& [call, text] : calls) try {
+            call();
+            ADD_FAILURE() << text;
         } catch (const std::invalid_argument& error) {
-            EXPECT_NE(std::string(error.what()).find(calls[i].second), std::string::npos) << error.what();
+            EXPECT_NE(std::string(error.what()).find(text), std::string::npos) << error.what();
         }
     EXPECT_EQ(model.toBytes(), before);
     EXPECT_THROW(ModelWriter("x").toBytes(), std::logic_error);

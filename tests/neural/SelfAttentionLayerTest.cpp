@@ -75,26 +75,20 @@ TEST(SelfAttentionLayer, theDelayIsDroppedAndReportedUnscaled) {
 }
 
 TEST(SelfAttentionLayer, whatCannotBeComputedIsRefused) {
-    const auto refuses = [](const Attention& attention, const Tensor<float>& tensor) {
+    const Attention whole = noiseAttention(3, 4, 2, 0);
+    const Tensor<float> slice({1, 3, 4});
+    Attention cases[] = {whole, whole, whole, whole, noiseAttention(3, 4, 2, 1)};
+    cases[0].channelMatrix = noiseWeights({3, 5}, 1);
+    cases[1].positionBias = noiseWeights({11}, 1);
+    cases[2].timeWeights = noiseWeights({2, 3}, 1);
+    cases[3].timeWeights = noiseWeights({-2, -4}, 1);
+    for (const Attention& attention : cases) {
         LayerUnderTest<SelfAttentionLayer<float>> test(attention.record());
         EXPECT_NO_THROW(test.push(Tensor<float>({0, 3, 4})));
-        EXPECT_THROW(test.push(tensor), std::invalid_argument);
-    };
-    const Tensor<float> slice({1, 3, 4});
-    Attention attention = noiseAttention(3, 4, 2, 0);
-    attention.channelMatrix = noiseWeights({3, 5}, 1);
-    refuses(attention, slice);
-    attention = noiseAttention(3, 4, 2, 0);
-    attention.positionBias = noiseWeights({11}, 1);
-    refuses(attention, slice);
-    attention = noiseAttention(3, 4, 2, 0);
-    attention.timeWeights = noiseWeights({2, 3}, 1);
-    refuses(attention, slice);
-    attention.timeWeights = noiseWeights({-2, -4}, 1);
-    refuses(attention, slice);
-    refuses(noiseAttention(3, 4, 2, 1), Tensor<float>({2, 3, 4}));
-
-    LayerUnderTest<SelfAttentionLayer<float>> test(noiseAttention(3, 4, 2, 0).record());
+        EXPECT_THROW(test.push(attention.startDelay ? Tensor<float>({2, 3, 4}) : slice),
+                     std::invalid_argument);
+    }
+    LayerUnderTest<SelfAttentionLayer<float>> test(whole.record());
     test.push(slice);
     EXPECT_THROW(test.push(Tensor<float>({1, 2, 4})), std::invalid_argument);
     EXPECT_NO_THROW(test.push(slice));

@@ -160,7 +160,8 @@ TEST(Separator, errorsSayWhatWasRefusedAndWhy) {
     expectError(ErrorKind::BadModel, "is a folder", [&] { Model::open(models.folder.path); });
     expectError(ErrorKind::BadModel, "given: no model", open(""));
     expectError(ErrorKind::BadModel, "given: no model", open("neither sound nor model"));
-    expectError(ErrorKind::BadModel, "given: a damaged or unsupported model: number of layers: the file ends here",
+    expectError(ErrorKind::BadModel,
+                "given: a damaged or unsupported model: number of layers: the file ends here",
                 open(bytes.substr(0, bytes.size() / 2)));
     expectError(ErrorKind::BadArgument, "1 channel or more",
                 [&] { Separator(Model::open(path), Output::Mix, 0, 48000.0); });
