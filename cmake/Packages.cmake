@@ -27,9 +27,8 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzevrant-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libhwy-dev)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION 
-  "C and C++ headers, the static library (which takes libhwy-dev to link), a CMake package and a pkg-config file.")
+  "C and C++ headers, the static library, a CMake package and a pkg-config file.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zevrant-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
