@@ -11,6 +11,7 @@
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "hwy/highway.h"
+#include "simd/Dispatch.h"
 #include "simd/Samples-inl.h"
 #include "simd/VectorMath-inl.h"
 
@@ -241,10 +242,10 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant {
 
-HWY_EXPORT(choosePackedFormat);
+ZEVRANT_DISPATCH_TABLE(choosePackedFormat);
 
 PackedFormat getPackedFormat(NumberFormat format, bool bigEndian) {
-    return HWY_DYNAMIC_DISPATCH(choosePackedFormat)(format, bigEndian);
+    return ZEVRANT_DISPATCH(choosePackedFormat)(format, bigEndian);
 }
 
 }  // namespace zevrant

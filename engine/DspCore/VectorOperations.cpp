@@ -12,6 +12,7 @@
 
 #include "hwy/highway.h"
 #include "simd/ComplexRows-inl.h"
+#include "simd/Dispatch.h"
 #include "simd/Rows-inl.h"
 #include "simd/VectorMath-inl.h"
 
@@ -218,33 +219,33 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::vo {
 
-HWY_EXPORT(fillRow);
-HWY_EXPORT(fillComplexRow);
-HWY_EXPORT(addRows);
-HWY_EXPORT(subtractRows);
-HWY_EXPORT(multiplyRows);
-HWY_EXPORT(divideRows);
-HWY_EXPORT(multiplyAndAddRows);
-HWY_EXPORT(multiplyComplexRows);
-HWY_EXPORT(multiplyComplexRowBy);
-HWY_EXPORT(addToRow);
-HWY_EXPORT(multiplyRowBy);
-HWY_EXPORT(addMultipleOfRow);
-HWY_EXPORT(lowerBoundRow);
-HWY_EXPORT(upperBoundRow);
-HWY_EXPORT(boundRow);
-HWY_EXPORT(expRow);
-HWY_EXPORT(lnRow);
-HWY_EXPORT(cosRow);
-HWY_EXPORT(powRow);
-HWY_EXPORT(magnitudeRow);
-HWY_EXPORT(phaseRow);
-HWY_EXPORT(polarRow);
-HWY_EXPORT(widenRow);
-HWY_EXPORT(narrowRow);
-HWY_EXPORT(dotProductOfRows);
-HWY_EXPORT(dotProductOfWideRows);
-HWY_EXPORT(rootMeanSquareOfRow);
+ZEVRANT_DISPATCH_TABLE(fillRow);
+ZEVRANT_DISPATCH_TABLE(fillComplexRow);
+ZEVRANT_DISPATCH_TABLE(addRows);
+ZEVRANT_DISPATCH_TABLE(subtractRows);
+ZEVRANT_DISPATCH_TABLE(multiplyRows);
+ZEVRANT_DISPATCH_TABLE(divideRows);
+ZEVRANT_DISPATCH_TABLE(multiplyAndAddRows);
+ZEVRANT_DISPATCH_TABLE(multiplyComplexRows);
+ZEVRANT_DISPATCH_TABLE(multiplyComplexRowBy);
+ZEVRANT_DISPATCH_TABLE(addToRow);
+ZEVRANT_DISPATCH_TABLE(multiplyRowBy);
+ZEVRANT_DISPATCH_TABLE(addMultipleOfRow);
+ZEVRANT_DISPATCH_TABLE(lowerBoundRow);
+ZEVRANT_DISPATCH_TABLE(upperBoundRow);
+ZEVRANT_DISPATCH_TABLE(boundRow);
+ZEVRANT_DISPATCH_TABLE(expRow);
+ZEVRANT_DISPATCH_TABLE(lnRow);
+ZEVRANT_DISPATCH_TABLE(cosRow);
+ZEVRANT_DISPATCH_TABLE(powRow);
+ZEVRANT_DISPATCH_TABLE(magnitudeRow);
+ZEVRANT_DISPATCH_TABLE(phaseRow);
+ZEVRANT_DISPATCH_TABLE(polarRow);
+ZEVRANT_DISPATCH_TABLE(widenRow);
+ZEVRANT_DISPATCH_TABLE(narrowRow);
+ZEVRANT_DISPATCH_TABLE(dotProductOfRows);
+ZEVRANT_DISPATCH_TABLE(dotProductOfWideRows);
+ZEVRANT_DISPATCH_TABLE(rootMeanSquareOfRow);
 
 namespace {
 
@@ -266,12 +267,11 @@ float* partsOf(std::complex<float>* row) {
 }  // namespace
 
 void setToValue(float value, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(fillRow)(value, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(fillRow)(value, out, countOf(n));
 }
 
 void setToValue(std::complex<float> value, std::complex<float>* out, int n) noexcept {
-    if (n > 0)
-        HWY_DYNAMIC_DISPATCH(fillComplexRow)(value.real(), value.imag(), partsOf(out), countOfParts(n));
+    if (n > 0) ZEVRANT_DISPATCH(fillComplexRow)(value.real(), value.imag(), partsOf(out), countOfParts(n));
 }
 
 void setToZero(float* out, int n) noexcept {
@@ -279,43 +279,42 @@ void setToZero(float* out, int n) noexcept {
 }
 
 void add(const float* a, const float* b, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(addRows)(a, b, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(addRows)(a, b, out, countOf(n));
 }
 
 void add(const std::complex<float>* a, const std::complex<float>* b, std::complex<float>* out,
          int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(addRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
+    if (n > 0) ZEVRANT_DISPATCH(addRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
 }
 
 void subtract(const float* a, const float* b, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(subtractRows)(a, b, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(subtractRows)(a, b, out, countOf(n));
 }
 
 void subtract(const std::complex<float>* a, const std::complex<float>* b, std::complex<float>* out,
               int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(subtractRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
+    if (n > 0) ZEVRANT_DISPATCH(subtractRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
 }
 
 void multiply(const float* a, const float* b, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(multiplyRows)(a, b, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(multiplyRows)(a, b, out, countOf(n));
 }
 
 void multiply(const std::complex<float>* a, const std::complex<float>* b, std::complex<float>* out,
               int n) noexcept {
-    if (n > 0)
-        HWY_DYNAMIC_DISPATCH(multiplyComplexRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
+    if (n > 0) ZEVRANT_DISPATCH(multiplyComplexRows)(partsOf(a), partsOf(b), partsOf(out), countOfParts(n));
 }
 
 void divide(const float* a, const float* b, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(divideRows)(a, b, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(divideRows)(a, b, out, countOf(n));
 }
 
 void multiplyAndAdd(const float* a, const float* b, float* inOut, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(multiplyAndAddRows)(a, b, inOut, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(multiplyAndAddRows)(a, b, inOut, countOf(n));
 }
 
 void constantAdd(const float* in, float c, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(addToRow)(in, c, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(addToRow)(in, c, out, countOf(n));
 }
 
 void constantSubtract(const float* in, float c, float* out, int n) noexcept {
@@ -323,68 +322,68 @@ void constantSubtract(const float* in, float c, float* out, int n) noexcept {
 }
 
 void constantMultiply(const float* in, float c, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(multiplyRowBy)(in, c, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(multiplyRowBy)(in, c, out, countOf(n));
 }
 
 void constantMultiply(const std::complex<float>* in, std::complex<float> c, std::complex<float>* out,
                       int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(multiplyComplexRowBy)
+    if (n > 0) ZEVRANT_DISPATCH(multiplyComplexRowBy)
     (partsOf(in), c.real(), c.imag(), partsOf(out), countOfParts(n));
 }
 
 void constantMultiplyAndAdd(const float* in, float c, float* inOut, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(addMultipleOfRow)(in, c, inOut, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(addMultipleOfRow)(in, c, inOut, countOf(n));
 }
 
 void lowerBound(const float* in, float* out, float low, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(lowerBoundRow)(in, out, low, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(lowerBoundRow)(in, out, low, countOf(n));
 }
 
 void upperBound(const float* in, float* out, float high, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(upperBoundRow)(in, out, high, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(upperBoundRow)(in, out, high, countOf(n));
 }
 
 void bound(const float* in, float* out, float low, float high, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(boundRow)(in, out, low, high, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(boundRow)(in, out, low, high, countOf(n));
 }
 
 void exp(const float* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(expRow)(in, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(expRow)(in, out, countOf(n));
 }
 
 void ln(const float* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(lnRow)(in, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(lnRow)(in, out, countOf(n));
 }
 
 void cos(const float* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(cosRow)(in, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(cosRow)(in, out, countOf(n));
 }
 
 void pow(const float* base, float exponent, float* out, int n) noexcept {
     // Anything to the power 0 is 1, NaN as well.
     if (exponent == 0.0f) return setToValue(1.0f, out, n);
-    if (n > 0) HWY_DYNAMIC_DISPATCH(powRow)(base, exponent, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(powRow)(base, exponent, out, countOf(n));
 }
 
 void calcMagnitudes(const std::complex<float>* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(magnitudeRow)(partsOf(in), out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(magnitudeRow)(partsOf(in), out, countOf(n));
 }
 
 void calcPhases(const std::complex<float>* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(phaseRow)(partsOf(in), out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(phaseRow)(partsOf(in), out, countOf(n));
 }
 
 void convertPolarToCartesian(const float* magnitude, const float* phase, std::complex<float>* out,
                              int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(polarRow)(magnitude, phase, partsOf(out), countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(polarRow)(magnitude, phase, partsOf(out), countOf(n));
 }
 
 void convert32To64(const float* in, double* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(widenRow)(in, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(widenRow)(in, out, countOf(n));
 }
 
 void convert64To32(const double* in, float* out, int n) noexcept {
-    if (n > 0) HWY_DYNAMIC_DISPATCH(narrowRow)(in, out, countOf(n));
+    if (n > 0) ZEVRANT_DISPATCH(narrowRow)(in, out, countOf(n));
 }
 
 void decimate(const float* in, int inLength, float* out, int factor, int phase) noexcept {
@@ -394,15 +393,15 @@ void decimate(const float* in, int inLength, float* out, int factor, int phase) 
 }
 
 float dotProduct(const float* a, const float* b, int n) noexcept {
-    return n > 0 ? HWY_DYNAMIC_DISPATCH(dotProductOfRows)(a, b, countOf(n)) : 0.0f;
+    return n > 0 ? ZEVRANT_DISPATCH(dotProductOfRows)(a, b, countOf(n)) : 0.0f;
 }
 
 double dotProduct(const double* a, const double* b, int n) noexcept {
-    return n > 0 ? HWY_DYNAMIC_DISPATCH(dotProductOfWideRows)(a, b, countOf(n)) : 0.0;
+    return n > 0 ? ZEVRANT_DISPATCH(dotProductOfWideRows)(a, b, countOf(n)) : 0.0;
 }
 
 float calcRms(const float* in, int n) noexcept {
-    return n > 0 ? HWY_DYNAMIC_DISPATCH(rootMeanSquareOfRow)(in, countOf(n)) : 0.0f;
+    return n > 0 ? ZEVRANT_DISPATCH(rootMeanSquareOfRow)(in, countOf(n)) : 0.0f;
 }
 
 const char* getBackendName() noexcept {

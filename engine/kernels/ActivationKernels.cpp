@@ -9,6 +9,7 @@
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "hwy/highway.h"
+#include "simd/Dispatch.h"
 #include "simd/Rows-inl.h"
 #include "simd/VectorMath-inl.h"
 
@@ -81,30 +82,30 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(eluOfRow);
-HWY_EXPORT(sigmoidOfRow);
-HWY_EXPORT(leakyReluOfRow);
-HWY_EXPORT(hardSigmoidOfRow);
-HWY_EXPORT(softplusOfRow);
+ZEVRANT_DISPATCH_TABLE(eluOfRow);
+ZEVRANT_DISPATCH_TABLE(sigmoidOfRow);
+ZEVRANT_DISPATCH_TABLE(leakyReluOfRow);
+ZEVRANT_DISPATCH_TABLE(hardSigmoidOfRow);
+ZEVRANT_DISPATCH_TABLE(softplusOfRow);
 
 void elu(const float* in, std::ptrdiff_t count, float* out) {
-    if (count > 0) HWY_DYNAMIC_DISPATCH(eluOfRow)(in, static_cast<std::size_t>(count), out);
+    if (count > 0) ZEVRANT_DISPATCH(eluOfRow)(in, static_cast<std::size_t>(count), out);
 }
 
 void sigmoid(const float* in, std::ptrdiff_t count, float* out) {
-    if (count > 0) HWY_DYNAMIC_DISPATCH(sigmoidOfRow)(in, static_cast<std::size_t>(count), out);
+    if (count > 0) ZEVRANT_DISPATCH(sigmoidOfRow)(in, static_cast<std::size_t>(count), out);
 }
 
 void leakyRelu(const float* in, float alpha, std::ptrdiff_t count, float* out) {
-    if (count > 0) HWY_DYNAMIC_DISPATCH(leakyReluOfRow)(in, alpha, static_cast<std::size_t>(count), out);
+    if (count > 0) ZEVRANT_DISPATCH(leakyReluOfRow)(in, alpha, static_cast<std::size_t>(count), out);
 }
 
 void hardSigmoid(const float* in, std::ptrdiff_t count, float* out) {
-    if (count > 0) HWY_DYNAMIC_DISPATCH(hardSigmoidOfRow)(in, static_cast<std::size_t>(count), out);
+    if (count > 0) ZEVRANT_DISPATCH(hardSigmoidOfRow)(in, static_cast<std::size_t>(count), out);
 }
 
 void softplus(const float* in, std::ptrdiff_t count, float* out) {
-    if (count > 0) HWY_DYNAMIC_DISPATCH(softplusOfRow)(in, static_cast<std::size_t>(count), out);
+    if (count > 0) ZEVRANT_DISPATCH(softplusOfRow)(in, static_cast<std::size_t>(count), out);
 }
 
 }  // namespace zevrant::kernels

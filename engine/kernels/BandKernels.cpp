@@ -10,6 +10,7 @@
 #define HWY_TARGET_INCLUDE "kernels/BandKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
+#include "simd/Dispatch.h"
 #include "simd/Tiles-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -166,11 +167,11 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(rescaleAllBands);
+ZEVRANT_DISPATCH_TABLE(rescaleAllBands);
 
 void rescaleBands(const float* in, std::ptrdiff_t numOfChannels, std::ptrdiff_t numOfBands, const int* starts,
                   const int* counts, const float* const* factors, float* out) {
-    HWY_DYNAMIC_DISPATCH(rescaleAllBands)(in, numOfChannels, numOfBands, starts, counts, factors, out);
+    ZEVRANT_DISPATCH(rescaleAllBands)(in, numOfChannels, numOfBands, starts, counts, factors, out);
 }
 
 }  // namespace zevrant::kernels

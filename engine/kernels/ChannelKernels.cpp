@@ -13,6 +13,7 @@
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "kernels/SliceStoring-inl.h"
+#include "simd/Dispatch.h"
 #include "simd/Tiles-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -319,23 +320,23 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(convolveChannelSlices);
-HWY_EXPORT(transposeChannels);
-HWY_EXPORT(combineAllRows);
+ZEVRANT_DISPATCH_TABLE(convolveChannelSlices);
+ZEVRANT_DISPATCH_TABLE(transposeChannels);
+ZEVRANT_DISPATCH_TABLE(combineAllRows);
 
 void convolveChannels(const Convolution& shape, const float* const* slices, const float* weights,
                       const float* first, std::ptrdiff_t firstStep, float* out, const SliceToStore& store) {
-    HWY_DYNAMIC_DISPATCH(convolveChannelSlices)(shape, slices, weights, first, firstStep, out, store);
+    ZEVRANT_DISPATCH(convolveChannelSlices)(shape, slices, weights, first, firstStep, out, store);
 }
 
 void convolveTransposedChannels(const TransposedConvolution& shape, const float* in, const float* weights,
                                 float* const* slots) {
-    HWY_DYNAMIC_DISPATCH(transposeChannels)(shape, in, weights, slots);
+    ZEVRANT_DISPATCH(transposeChannels)(shape, in, weights, slots);
 }
 
 void combineRows(const float* const* rows, const float* factors, std::ptrdiff_t numOfRows,
                  std::ptrdiff_t count, float* out) {
-    HWY_DYNAMIC_DISPATCH(combineAllRows)(rows, factors, numOfRows, count, out);
+    ZEVRANT_DISPATCH(combineAllRows)(rows, factors, numOfRows, count, out);
 }
 
 }  // namespace zevrant::kernels

@@ -12,6 +12,7 @@
 
 #include "kernels/ProductTiles-inl.h"
 #include "kernels/SliceStoring-inl.h"
+#include "simd/Dispatch.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace zevrant::kernels::HWY_NAMESPACE {
@@ -177,7 +178,7 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(sumColumns);
+ZEVRANT_DISPATCH_TABLE(sumColumns);
 
 PackedWeights packConvolution(const float* weights, const Convolution& shape) {
     return packWeights(weights, 1, shape.numOfSlices * shape.numOfTaps * shape.numOfInputs,
@@ -187,14 +188,14 @@ PackedWeights packConvolution(const float* weights, const Convolution& shape) {
 void convolve(const Convolution& shape, const float* const* slices, const PackedWeights& weights,
               const float* first, std::ptrdiff_t firstStep, float* out, const SliceToStore& store) {
     requireSuited(weights);
-    HWY_DYNAMIC_DISPATCH(sumColumns)(shape, slices, weights, 0, first, firstStep, out, store);
+    ZEVRANT_DISPATCH(sumColumns)(shape, slices, weights, 0, first, firstStep, out, store);
 }
 
 void multiplyMatrix(const float* in, std::ptrdiff_t numOfRows, const PackedWeights& weights,
                     const float* first, std::ptrdiff_t firstStep, float* out, std::ptrdiff_t matrix) {
     requireSuited(weights);
     const Convolution shape = {1, 1, weights.numOfTerms, weights.numOfOutputs, numOfRows, numOfRows, 1, 0};
-    HWY_DYNAMIC_DISPATCH(sumColumns)(shape, &in, weights, matrix, first, firstStep, out, {});
+    ZEVRANT_DISPATCH(sumColumns)(shape, &in, weights, matrix, first, firstStep, out, {});
 }
 
 }  // namespace zevrant::kernels

@@ -12,6 +12,7 @@
 #define HWY_TARGET_INCLUDE "kernels/DenseKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
+#include "simd/Dispatch.h"
 #include "simd/Tiles-inl.h"
 
 #ifndef ZEVRANT_KERNELS_DENSE_ONCE
@@ -138,8 +139,8 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(packAsHalves);
-HWY_EXPORT(multiplyDensePlane);
+ZEVRANT_DISPATCH_TABLE(packAsHalves);
+ZEVRANT_DISPATCH_TABLE(multiplyDensePlane);
 
 namespace {
 
@@ -175,7 +176,7 @@ PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, s
     const std::size_t count = packed.values.size();
     if (count < kMinWeightsAsHalves) return packed;
     packed.halves.resize(count);
-    if (HWY_DYNAMIC_DISPATCH(packAsHalves)(packed.values.data(), count, packed.halves.data()))
+    if (ZEVRANT_DISPATCH(packAsHalves)(packed.values.data(), count, packed.halves.data()))
         packed.values = AlignedValues();
     else
         packed.halves.clear();
@@ -185,7 +186,7 @@ PackedWeights packDense(const float* weights, std::ptrdiff_t numOfFrequencies, s
 void multiplyDense(const float* in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
                    const PackedWeights& weights, float* out) {
     requireSuited(weights);
-    HWY_DYNAMIC_DISPATCH(multiplyDensePlane)(in, numOfFrequencies, numOfChannels, weights, out);
+    ZEVRANT_DISPATCH(multiplyDensePlane)(in, numOfFrequencies, numOfChannels, weights, out);
 }
 
 }  // namespace zevrant::kernels

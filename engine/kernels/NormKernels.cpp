@@ -9,6 +9,7 @@
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "hwy/highway.h"
+#include "simd/Dispatch.h"
 #include "simd/Rows-inl.h"
 
 // Rows of a norm are short: as separate passes each row pays for three calls, and waits for its own root and
@@ -64,18 +65,18 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(scaleEachRow);
-HWY_EXPORT(normaliseEachRow);
+ZEVRANT_DISPATCH_TABLE(scaleEachRow);
+ZEVRANT_DISPATCH_TABLE(normaliseEachRow);
 
 void scaleRows(const float* in, std::ptrdiff_t numOfRows, std::ptrdiff_t length, const float* gain,
                const float* offset, float* out) {
-    if (length > 0) HWY_DYNAMIC_DISPATCH(scaleEachRow)
+    if (length > 0) ZEVRANT_DISPATCH(scaleEachRow)
     (in, numOfRows, static_cast<std::size_t>(length), gain, offset, out);
 }
 
 void normaliseRows(const float* in, std::ptrdiff_t numOfRows, std::ptrdiff_t length, float guard,
                    const float* gain, const float* offset, float* out) {
-    if (length > 0) HWY_DYNAMIC_DISPATCH(normaliseEachRow)
+    if (length > 0) ZEVRANT_DISPATCH(normaliseEachRow)
     (in, numOfRows, static_cast<std::size_t>(length), guard, gain, offset, out);
 }
 

@@ -10,6 +10,7 @@
 #define HWY_TARGET_INCLUDE "kernels/PackedWeights.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
+#include "simd/Dispatch.h"
 #include "simd/Tiles-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -32,11 +33,11 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(getLanesOfVector);
-HWY_EXPORT(getVectorsOfTile);
+ZEVRANT_DISPATCH_TABLE(getLanesOfVector);
+ZEVRANT_DISPATCH_TABLE(getVectorsOfTile);
 
 std::ptrdiff_t getNumOfLanes() noexcept {
-    return HWY_DYNAMIC_DISPATCH(getLanesOfVector)();
+    return ZEVRANT_DISPATCH(getLanesOfVector)();
 }
 
 bool isSuited(const PackedWeights& weights) noexcept {
@@ -50,7 +51,7 @@ void requireSuited(const PackedWeights& weights) {
 PackedWeights packWeights(const float* weights, std::ptrdiff_t numOfMatrices, std::ptrdiff_t numOfTerms,
                           std::ptrdiff_t numOfOutputs, const WeightSteps& steps) {
     return packBlocks(weights, numOfMatrices, numOfTerms, numOfOutputs, steps,
-                      HWY_DYNAMIC_DISPATCH(getVectorsOfTile)());
+                      ZEVRANT_DISPATCH(getVectorsOfTile)());
 }
 
 PackedWeights packBlocks(const float* weights, std::ptrdiff_t numOfMatrices, std::ptrdiff_t numOfTerms,

@@ -11,6 +11,7 @@
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
 #include "kernels/ProductTiles-inl.h"
+#include "simd/Dispatch.h"
 
 #ifndef ZEVRANT_KERNELS_TRANSPOSED_ONCE
 #define ZEVRANT_KERNELS_TRANSPOSED_ONCE
@@ -279,8 +280,8 @@ HWY_AFTER_NAMESPACE();
 
 namespace zevrant::kernels {
 
-HWY_EXPORT(transposeSlice);
-HWY_EXPORT(finishRows);
+ZEVRANT_DISPATCH_TABLE(transposeSlice);
+ZEVRANT_DISPATCH_TABLE(finishRows);
 
 // The taps of one stride make a matrix where their outputs share vectors or widen a tile of one vector, and
 // the kernel is a whole number of strides; otherwise each tap is a matrix. With few outputs their vectors
@@ -306,12 +307,12 @@ PackedWeights packTransposed(const float* weights, const TransposedConvolution& 
 void convolveTransposed(const TransposedConvolution& shape, const float* in, const PackedWeights& weights,
                         float* const* slots, const WholeSlot& whole) {
     requireSuited(weights);
-    HWY_DYNAMIC_DISPATCH(transposeSlice)(shape, in, weights, slots, whole);
+    ZEVRANT_DISPATCH(transposeSlice)(shape, in, weights, slots, whole);
 }
 
 void finishSlot(float* slot, std::ptrdiff_t outputFrequencies, std::ptrdiff_t numOfOutputs,
                 const WholeSlot& whole) {
-    HWY_DYNAMIC_DISPATCH(finishRows)(slot, whole.bias, outputFrequencies, numOfOutputs, whole.out);
+    ZEVRANT_DISPATCH(finishRows)(slot, whole.bias, outputFrequencies, numOfOutputs, whole.out);
 }
 
 }  // namespace zevrant::kernels

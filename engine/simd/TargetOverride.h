@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -8,8 +8,8 @@ namespace zevrant::simd {
 
 // One instruction set that the vector code was compiled for.
 struct Target {
-    std::int64_t id;   // the backend's bit for it
-    std::string name;  // the backend's name for it, as "AVX2"
+    std::size_t index;  // among those compiled, the fastest first
+    std::string name;   // the backend's name for it, as "AVX2"
 };
 
 // What this processor can run of what was compiled, the fastest first. The vector code takes the first.
