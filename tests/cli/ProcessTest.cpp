@@ -314,6 +314,7 @@ TEST_F(PipeTest, wavWithoutALengthLastsUntilTheEnd) {
 
 // A bar with the speed while it works, and nothing of it afterwards; anywhere else, silence.
 TEST_F(PipeTest, progressIsShownOnATerminalOnly) {
+    if (!hasTerminals()) GTEST_SKIP() << "no pseudo-terminal can be had here";
     makeModel({.channels = 2});
     const std::string bytes = getBytes(makeNoise(2, 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 20000));
     for (const bool onTerminal : {true, false})

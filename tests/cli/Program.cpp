@@ -97,6 +97,13 @@ int waitFor(pid_t process) {
 
 }  // namespace
 
+bool hasTerminals() {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const bool isThere = terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0;
+    if (terminal >= 0) close(terminal);
+    return isThere;
+}
+
 Outcome run(const Invocation& invocation) {
     signal(SIGPIPE, SIG_IGN);
     Pipe in, out, err;

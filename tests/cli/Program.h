@@ -30,6 +30,9 @@ inline Outcome run(const std::vector<std::string>& arguments) {
     return run(Invocation{arguments});
 }
 
+// Whether this machine has pseudo-terminals to give.
+bool hasTerminals();
+
 // A program that is still running and waits for more input than it was given.
 class WaitingProgram {
   public:

@@ -99,6 +99,8 @@ TEST_F(ZevrantProcessorTest, frameSizesFollowTheRateByAPowerOfTwo) {
     ASSERT_TRUE(processor.setFormat(makeFormat(1, 12000.0), makeFormat(1, 12000.0)));
     EXPECT_EQ(processor.windowSize, 62);
     EXPECT_EQ(processor.hopSize, 18);
+    ASSERT_TRUE(processor.loadModelFiles({makeModel({.hopSize = 32})}));
+    EXPECT_EQ(processor.hopSize, 8) << "another model follows the format that is set";
 }
 
 TEST_F(ZevrantProcessorTest, oddRatesEndInNoFormatOrAnException) {
@@ -205,7 +207,7 @@ TEST_F(ZevrantProcessorTest, aFrameIsTheMixOfItsBusses) {
          {TestModel{.channels = 1, .busGains = {0.6f}},
           TestModel{.channels = 2, .delay = 2, .busGains = three},
           TestModel{.channels = 1, .delay = 2, .processingMode = 1, .busGains = three},
-          TestModel{.channels = 2, .processingMode = 1, .busGains = {0.6f}}})
+          TestModel{.channels = 2, .processingMode = -3, .busGains = {0.6f}}})
         for (int hostChannels : {1, 2, 3}) {
             const int numOfBusses = static_cast<int>(description.busGains.size());
             SCOPED_TRACE(testing::Message() << "mode " << description.processingMode << ", " << hostChannels
@@ -281,18 +283,21 @@ TEST_F(ZevrantProcessorTest, oddNumbersOfBusses) {
 
 TEST_F(ZevrantProcessorTest, severalModelsWaitForBussesThatNoneFills) {
     ZevrantProcessor processor;
-    const File file = makeModel({.processingMode = 1});
+    const File file = makeModel({.delay = 1, .processingMode = 1});
     prepare(processor, {file, file, file});
+    processor.setMaskExtrapolationEnabled(false);
     ASSERT_EQ(processor.busOutputs.size(), 5u);
     for (std::size_t n = 1; n <= 40; ++n) {
         EXPECT_TRUE(processor.process(noiseSpectrum(1, 129, static_cast<unsigned>(n))).empty());
         EXPECT_EQ(processor.inputFrames.size(), n);
         // Each file fills the lists after those of the file before it.
         for (std::size_t list = 0; list < 5; ++list)
-            EXPECT_EQ(processor.busOutputs[list].size(), list < 3 ? n : 0u);
+            EXPECT_EQ(processor.busOutputs[list].size(), list < 3 ? n - 1 : 0u);
     }
+    EXPECT_FALSE(processor.neuralModels[2].maskExtrapolationEnabled);
     processor.reset();
     EXPECT_TRUE(processor.inputFrames.empty());
+    processor.process(noiseSpectrum(1, 129, 1));  // which every model keeps back
     for (const auto& list : processor.busOutputs) EXPECT_TRUE(list.empty());
 
     // The threads of the pool flush denormals, which this one does not.
@@ -330,6 +335,11 @@ TEST_F(ZevrantProcessorTest, aListThatStaysEmptyKeepsMemoryBoundedAndFramesAlign
         processor.appendToBusOutputs(busIndex, 1, {makeFrame(0)});
     }
     EXPECT_EQ(processor.busOutputs[1].size(), std::size_t{bound});
+    processor.numOfOutdatedResults[1] = 3;
+    processor.reset();
+    int busIndex = 1;
+    processor.appendToBusOutputs(busIndex, 1, {makeFrame(0)});
+    EXPECT_EQ(processor.busOutputs[1].size(), 1u) << "nothing is outdated behind a reset";
 }
 
 TEST_F(ZevrantProcessorTest, whatAModelThrowsInThePoolArrivesWhenAllModelsAreDone) {
