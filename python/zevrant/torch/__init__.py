@@ -1,0 +1,41 @@
+"""From PyTorch into a model file.
+
+`Spectra` is what surrounds a network when it runs; the other modules are the engine's own kinds of layer.
+Tensors are [batch, channels, time, frequency], as PyTorch's Conv2d takes them.
+"""
+
+from ..packings import ComplexBins, ComplexGroups, Magnitudes, Packing, RectifiedParts
+from .layers import (
+    CausalConv2d,
+    CausalConvTranspose2d,
+    ChannelGain,
+    FrequencyDense,
+    FrequencyRescale,
+    LevelFollower,
+    LevelNorm,
+    RMSNorm,
+    SelfAttention,
+    SeparableChannelConv,
+    align,
+)
+from .spectra import Spectra
+
+__all__ = [
+    "CausalConv2d",
+    "CausalConvTranspose2d",
+    "ChannelGain",
+    "ComplexBins",
+    "ComplexGroups",
+    "FrequencyDense",
+    "FrequencyRescale",
+    "LevelFollower",
+    "LevelNorm",
+    "Magnitudes",
+    "Packing",
+    "RMSNorm",
+    "RectifiedParts",
+    "SelfAttention",
+    "SeparableChannelConv",
+    "Spectra",
+    "align",
+]
