@@ -8,10 +8,11 @@
 
 #include <sndfile.h>
 
+#include "audiofiles/Pass.h"
+#include "audiofiles/SampleFormat.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
-#include "cli/Pass.h"
-#include "cli/SampleFormat.h"
+#include "cli/Progress.h"
 #include "cli/SeparationOptions.h"
 
 namespace zevrant::cli {
@@ -120,32 +121,34 @@ struct StemsCommand : SeparationOptions {
     }
 
     void run() {
-        const Model opened = loadModel(model);
+        const Model opened = Model::open(model);
         const BusControls controls = getControls(opened);
         const auto reader = openInput();
         const AudioDescription description = describeOutput(*reader);
         const double workingRate = getWorkingRate(*reader, opened);
-        const auto splitter = createGroups(description.numOfChannels, channelsPerGroup, [&](int channels) {
-            return createStemSplitter(opened, channels, workingRate, controls);
-        });
+        Separator splitter(opened, Output::Busses, description.numOfChannels, workingRate, channelsPerGroup);
+        controls.applyTo(splitter);
 
-        ProtectedFiles inputs;
+        audiofiles::ProtectedFiles inputs;
         inputs.add(input);
         inputs.add(opened.path);
         OutputFolder outputFolder(folder);
-        std::vector<std::unique_ptr<AudioWriter>> writers;
+        std::vector<std::unique_ptr<audiofiles::AudioWriter>> writers;
         const auto busNames = opened.getBusNames();
         for (const std::string& name : makeFileNames(busNames)) {
             const fs::path path = fs::path(folder) / (name + "." + chooseExtension(description));
-            writers.push_back(createAudio(path.string(), description, inputs));
+            writers.push_back(audiofiles::createAudio(path.string(), description, inputs));
         }
 
         std::int64_t numOfSamples = 0;
         double seconds = 0.0;
         {
             Progress progress("stems", description.numOfSamples, description.sampleRate, isQuiet);
-            numOfSamples = runPass(*reader, *splitter, workingRate, blockSize, progress,
-                                   [&](const PassBlock& block) { writeBlock(block, writers); });
+            audiofiles::runPass(*reader, splitter, workingRate, blockSize,
+                                [&](const audiofiles::PassBlock& block) {
+                                    writeBlock(block, writers);
+                                    progress.show(numOfSamples += block.numOfSamples);
+                                });
             seconds = progress.getSeconds();
         }
         for (const auto& writer : writers) writer->close();
@@ -156,7 +159,8 @@ struct StemsCommand : SeparationOptions {
     }
 
     // Writes the channels of each stem, and measures the sums of what the engine gave and of what is written.
-    void writeBlock(const PassBlock& block, const std::vector<std::unique_ptr<AudioWriter>>& writers) {
+    void writeBlock(const audiofiles::PassBlock& block,
+                    const std::vector<std::unique_ptr<audiofiles::AudioWriter>>& writers) {
         const std::size_t numOfStems = writers.size();
         const auto length = static_cast<std::size_t>(block.numOfSamples);
         const auto channels = static_cast<std::size_t>(block.numOfOutputChannels) / numOfStems;
@@ -175,7 +179,7 @@ struct StemsCommand : SeparationOptions {
                 continue;
             }
             integers.resize(stem.size());
-            quantise(stem.data(), std::ssize(stem), bits, integers.data());
+            audiofiles::quantise(stem.data(), std::ssize(stem), bits, integers.data());
             for (std::size_t i = 0; i < stem.size(); ++i) writtenSum[i] += integers[i] / 2147483648.0;
         }
         for (std::size_t i = 0; i < stem.size(); ++i) {
@@ -185,7 +189,7 @@ struct StemsCommand : SeparationOptions {
     }
 
     void report(const std::vector<std::string>& busNames,
-                const std::vector<std::unique_ptr<AudioWriter>>& writers, double speed) const {
+                const std::vector<std::unique_ptr<audiofiles::AudioWriter>>& writers, double speed) const {
         std::size_t width = 0;
         for (const std::string& name : busNames) width = std::max(width, name.size());
         std::int64_t numOfClippedValues = 0;

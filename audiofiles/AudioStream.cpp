@@ -1,4 +1,4 @@
-#include "cli/AudioStream.h"
+#include "audiofiles/AudioStream.h"
 
 #include <algorithm>
 #include <bit>
@@ -11,11 +11,11 @@
 #include <sndfile.h>
 #include <unistd.h>
 
-#include "cli/Failure.h"
-#include "cli/Interruption.h"
-#include "cli/SampleFormat.h"
+#include "audiofiles/Error.h"
+#include "audiofiles/Interruption.h"
+#include "audiofiles/SampleFormat.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 namespace {
 
@@ -32,37 +32,11 @@ constexpr std::uint16_t extensibleTag = 0xFFFE;
 // All of the subformat of an extensible header but its first two bytes, which are one of the tags above.
 constexpr unsigned char subformatTail[] = {0, 0, 0, 0, 0x10, 0, 0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71};
 
-int getBytesPerValue(int sampleFormat) {
-    if (sampleFormat == SF_FORMAT_FLOAT) return 4;
-    if (sampleFormat == SF_FORMAT_DOUBLE) return 8;
-    return getIntegerBits(sampleFormat) / 8;
-}
-
 template <class Number>
 Number takeNumber(const unsigned char* bytes) {
     Number number;
     std::memcpy(&number, bytes, sizeof number);
     return number;
-}
-
-// One value as it stands in a WAV stream. Integers of 8 bits are stored with an offset, all others signed.
-float decodeValue(const unsigned char* bytes, int sampleFormat) {
-    switch (sampleFormat) {
-        case SF_FORMAT_FLOAT:
-            return takeNumber<float>(bytes);
-        case SF_FORMAT_DOUBLE:
-            return static_cast<float>(takeNumber<double>(bytes));
-        case SF_FORMAT_PCM_U8:
-            return static_cast<float>(bytes[0] - 128) / 128.0f;
-        case SF_FORMAT_PCM_16:
-            return static_cast<float>(takeNumber<std::int16_t>(bytes)) / 32768.0f;
-        case SF_FORMAT_PCM_24: {
-            const std::int32_t value = bytes[0] | bytes[1] << 8 | static_cast<signed char>(bytes[2]) * 65536;
-            return static_cast<float>(value) / 8388608.0f;
-        }
-        default:
-            return static_cast<float>(takeNumber<std::int32_t>(bytes)) / 2147483648.0f;
-    }
 }
 
 // ---- reading -----------------------------------------------------------------------------------
@@ -80,13 +54,14 @@ class StreamReader : public AudioReader {
             description.numOfChannels = raw->numOfChannels;
             description.sampleRate = raw->sampleRate;
             description.container = SF_FORMAT_RAW;
-            description.sampleFormat = SF_FORMAT_FLOAT;
+            description.sampleFormat = raw->samples.sampleFormat;
+            description.isBigEndian = raw->samples.isBigEndian;
         } else {
-            throw Failure(ExitStatus::BadInput,
-                          name + ": no WAV stream; for raw floats give --raw-channels and --raw-rate");
+            throw Error(ErrorKind::BadInput,
+                        name + ": no WAV stream; for raw samples give --raw-channels and --raw-rate");
         }
-        bytesPerFrame = static_cast<std::size_t>(description.numOfChannels) *
-                        static_cast<std::size_t>(getBytesPerValue(description.sampleFormat));
+        coding.emplace(description.sampleFormat, description.isBigEndian);
+        bytesPerFrame = static_cast<std::size_t>(description.numOfChannels) * coding->getBytesPerValue();
         if (restOfData >= 0) description.numOfSamples = restOfData / static_cast<std::int64_t>(bytesPerFrame);
     }
 
@@ -95,10 +70,8 @@ class StreamReader : public AudioReader {
         if (restOfData >= 0) wanted = std::min(wanted, static_cast<std::size_t>(restOfData));
         fill(wanted);
         const std::size_t numOfFrames = std::min(buffer.size(), wanted) / bytesPerFrame;
-        const std::size_t numOfValues = numOfFrames * static_cast<std::size_t>(description.numOfChannels);
-        const auto step = static_cast<std::size_t>(getBytesPerValue(description.sampleFormat));
-        for (std::size_t i = 0; i < numOfValues; ++i)
-            interleaved[i] = decodeValue(buffer.data() + i * step, description.sampleFormat);
+        coding->decode(buffer.data(), numOfFrames * static_cast<std::size_t>(description.numOfChannels),
+                       interleaved);
         drop(numOfFrames * bytesPerFrame);
         if (restOfData >= 0) restOfData -= static_cast<std::int64_t>(numOfFrames * bytesPerFrame);
         return static_cast<int>(numOfFrames);
@@ -112,10 +85,10 @@ class StreamReader : public AudioReader {
         while (held < numOfBytes) {
             const ssize_t count = ::read(descriptor, buffer.data() + held, numOfBytes - held);
             const int error = errno;
-            stopIfInterrupted();
+            checkInterruption();
             if (count < 0 && error == EINTR) continue;
             if (count < 0)
-                throw Failure(ExitStatus::BadInput, name + ": " + std::generic_category().message(error));
+                throw Error(ErrorKind::BadInput, name + ": " + std::generic_category().message(error));
             if (count == 0) break;
             held += static_cast<std::size_t>(count);
         }
@@ -128,7 +101,7 @@ class StreamReader : public AudioReader {
     }
 
     void require(bool holds, const char* text) const {
-        if (!holds) throw Failure(ExitStatus::BadInput, name + ": " + text);
+        if (!holds) throw Error(ErrorKind::BadInput, name + ": " + text);
     }
 
     void readWavHeader() {
@@ -180,8 +153,7 @@ class StreamReader : public AudioReader {
         description.sampleRate = static_cast<int>(rate);
         description.sampleFormat = getSampleFormat(tag, bits);
         require(description.sampleFormat != 0, "WAV streams have to hold integers or floats");
-        require(takeNumber<std::uint16_t>(fields + 12) ==
-                    description.numOfChannels * getBytesPerValue(description.sampleFormat),
+        require(takeNumber<std::uint16_t>(fields + 12) == description.numOfChannels * (bits / 8),
                 "the WAV header contradicts itself");
     }
 
@@ -203,6 +175,7 @@ class StreamReader : public AudioReader {
     }
 
     int descriptor;
+    std::optional<SampleCoding> coding;
     std::vector<unsigned char> buffer;  // read and not yet used
     std::int64_t restOfData = -1;       // bytes; -1: until the stream ends
     std::size_t bytesPerFrame = 0;
@@ -213,10 +186,13 @@ class StreamReader : public AudioReader {
 class StreamWriter : public AudioWriter {
   public:
     StreamWriter(int target, bool owns, const std::string& streamName, const AudioDescription& description)
-        : descriptor(target), ownsDescriptor(owns), numOfChannels(description.numOfChannels) {
+        : descriptor(target),
+          ownsDescriptor(owns),
+          numOfChannels(description.numOfChannels),
+          isRaw(description.container == SF_FORMAT_RAW),
+          sampleFormat(chooseSampleFormat(description.sampleFormat)),
+          coding(sampleFormat, isRaw && description.isBigEndian) {
         name = streamName;
-        const bool isRaw = description.container == SF_FORMAT_RAW;
-        sampleFormat = isRaw ? SF_FORMAT_FLOAT : chooseSampleFormat(description.sampleFormat);
         integerBits = getIntegerBits(sampleFormat);
         if (!isRaw) writeHeader(description);
     }
@@ -227,23 +203,8 @@ class StreamWriter : public AudioWriter {
     void write(const float* interleaved, int numOfSamples) override {
         const auto numOfValues =
             static_cast<std::size_t>(numOfSamples) * static_cast<std::size_t>(numOfChannels);
-        const auto step = static_cast<std::size_t>(getBytesPerValue(sampleFormat));
-        bytes.resize(numOfValues * step);
-        if (sampleFormat == SF_FORMAT_FLOAT) {
-            if (numOfValues > 0) std::memcpy(bytes.data(), interleaved, bytes.size());
-        } else if (sampleFormat == SF_FORMAT_DOUBLE) {
-            for (std::size_t i = 0; i < numOfValues; ++i) {
-                const double value = interleaved[i];
-                std::memcpy(bytes.data() + i * step, &value, step);
-            }
-        } else {
-            integers.resize(numOfValues);
-            numOfClippedValues +=
-                quantise(interleaved, static_cast<std::int64_t>(numOfValues), integerBits, integers.data());
-            for (std::size_t i = 0; i < numOfValues; ++i)  // the upper bytes
-                std::memcpy(bytes.data() + i * step,
-                            reinterpret_cast<const unsigned char*>(&integers[i]) + 4 - step, step);
-        }
+        bytes.resize(numOfValues * coding.getBytesPerValue());
+        numOfClippedValues += coding.encode(interleaved, numOfValues, bytes.data());
         writeFully(descriptor, bytes.data(), bytes.size(), name);
     }
 
@@ -275,7 +236,7 @@ class StreamWriter : public AudioWriter {
     void put(const char* id) { bytes.insert(bytes.end(), id, id + 4); }
 
     void writeHeader(const AudioDescription& description) {
-        const int bits = 8 * getBytesPerValue(sampleFormat);
+        const auto bits = static_cast<int>(8 * coding.getBytesPerValue());
         const int bytesPerFrame = numOfChannels * bits / 8;
         const bool isInteger = getIntegerBits(sampleFormat) > 0;
         const bool isExtensible = numOfChannels > 2 || bits == 24;
@@ -311,9 +272,10 @@ class StreamWriter : public AudioWriter {
     int descriptor;
     bool ownsDescriptor;
     int numOfChannels;
-    int sampleFormat = 0;
+    bool isRaw;
+    int sampleFormat;
+    SampleCoding coding;
     std::vector<unsigned char> bytes;
-    std::vector<std::int32_t> integers;
 };
 
 }  // namespace
@@ -328,4 +290,4 @@ std::unique_ptr<AudioWriter> createStream(int descriptor, bool ownsDescriptor, c
     return std::make_unique<StreamWriter>(descriptor, ownsDescriptor, name, description);
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

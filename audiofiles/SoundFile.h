@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "cli/Audio.h"
+#include "audiofiles/Audio.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 // Audio files through libsndfile: what openAudio() and createAudio() use for everything that is no stream.
 
@@ -15,4 +15,4 @@ std::unique_ptr<AudioReader> openSoundFile(const std::string& path, int descript
 std::unique_ptr<AudioWriter> createSoundFile(const std::string& path, const AudioDescription& description,
                                              const ProtectedFiles& inputs);
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

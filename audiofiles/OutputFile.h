@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 // The files that a command reads, which no output may replace. Files are told apart by device and inode, so
 // that links and other spellings of a name count as the same file.
@@ -14,7 +14,7 @@ class ProtectedFiles {
   public:
     void add(const std::filesystem::path& input);  // "-" is standard input; what is not there is ignored
 
-    // Throws Failure when the path leads to one of the files.
+    // Throws Error when the path leads to one of the files.
     void requireOther(const std::filesystem::path& output) const;
 
   private:
@@ -28,7 +28,7 @@ class ProtectedFiles {
 
 // A file that appears under its name only when it is complete. It is written beside its place under a
 // temporary name and renamed by commit(); destruction before that removes it. What was there before stays
-// until then. A symbolic link is followed, not replaced. Errors   Failure with BadOutput.
+// until then. A symbolic link is followed, not replaced. Errors   Error with BadOutput.
 class OutputFile {
   public:
     OutputFile(const std::filesystem::path& place, const ProtectedFiles& inputs);
@@ -53,7 +53,7 @@ class OutputFile {
 // Whether the path is there and no regular file: a device, a named pipe, /dev/fd/3.
 bool isSpecialFile(const std::filesystem::path& path);
 
-// Writes all of it or throws Failure with BadOutput and this name. Throws Interrupted.
+// Writes all of it or throws Error with BadOutput and this name, or what the interruption check throws.
 void writeFully(int descriptor, const void* bytes, std::size_t numOfBytes, const std::string& name);
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

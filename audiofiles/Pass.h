@@ -3,11 +3,10 @@
 #include <cstdint>
 #include <functional>
 
-#include "cli/Audio.h"
-#include "cli/Progress.h"
-#include "cli/Separator.h"
+#include "audiofiles/Audio.h"
+#include "separation/Separator.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 // What a pass hands out: the input and what the separator made of it, for the same samples.
 struct PassBlock {
@@ -24,8 +23,9 @@ struct PassBlock {
 //              there and back, without a delay. What is lost on this way, above all the frequencies that the
 //              lower of the rates does not hold, is what all busses leave of the input, and so it joins the
 //              residual with its gain.
-// Returns the number of samples. Throws Failure, for a model that keeps samples back too, and Interrupted.
-std::int64_t runPass(AudioReader& reader, Separator& separator, double workingRate, int blockSize,
-                     Progress& progress, const std::function<void(const PassBlock&)>& receive);
+// Returns the number of samples. Throws Error, for a model that keeps samples back too,
+// separation::Error for one that cannot process, and what the interruption check throws.
+std::int64_t runPass(AudioReader& reader, separation::Separator& separator, double workingRate, int blockSize,
+                     const std::function<void(const PassBlock&)>& receive);
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -1,4 +1,4 @@
-#include "cli/OutputFile.h"
+#include "audiofiles/OutputFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,17 +10,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/Failure.h"
-#include "cli/Interruption.h"
+#include "audiofiles/Error.h"
+#include "audiofiles/Interruption.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 namespace fs = std::filesystem;
 
 namespace {
 
 [[noreturn]] void failToWrite(const std::string& name, int error) {
-    throw Failure(ExitStatus::BadOutput, name + ": " + std::generic_category().message(error));
+    throw Error(ErrorKind::BadOutput, name + ": " + std::generic_category().message(error));
 }
 
 // The umask, which can only be read by setting it.
@@ -48,14 +48,14 @@ void ProtectedFiles::requireOther(const fs::path& output) const {
         return entry.device == status.st_dev && entry.inode == status.st_ino;
     });
     if (match != entries.end())
-        throw Failure(ExitStatus::BadOutput, output.string() + ": would overwrite the input " + match->name +
-                                                 "; choose another name");
+        throw Error(ErrorKind::BadOutput,
+                    output.string() + ": would overwrite the input " + match->name + "; choose another name");
 }
 
 OutputFile::OutputFile(const fs::path& place, const ProtectedFiles& inputs) : path(place), target(place) {
     inputs.requireOther(path);
     std::error_code error;
-    if (fs::is_directory(path, error)) throw Failure(ExitStatus::BadOutput, path.string() + ": is a folder");
+    if (fs::is_directory(path, error)) throw Error(ErrorKind::BadOutput, path.string() + ": is a folder");
     if (fs::is_symlink(path, error)) {
         const fs::path followed = fs::weakly_canonical(path, error);
         if (!error) target = followed;
@@ -93,7 +93,7 @@ void writeFully(int descriptor, const void* bytes, std::size_t numOfBytes, const
         const ssize_t written = write(descriptor, rest, numOfBytes);
         if (written < 0) {
             const int error = errno;
-            stopIfInterrupted();
+            checkInterruption();
             if (error == EINTR) continue;
             failToWrite(name, error);
         }
@@ -102,4 +102,4 @@ void writeFully(int descriptor, const void* bytes, std::size_t numOfBytes, const
     }
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -1,18 +1,18 @@
-#include "cli/Resampler.h"
+#include "audiofiles/Resampler.h"
 
 #include <algorithm>
 #include <string>
 
 #include <soxr.h>
 
-#include "cli/Failure.h"
+#include "audiofiles/Error.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 namespace {
 
 void require(soxr_error_t error) {
-    if (error) throw Failure(ExitStatus::Failed, std::string("rate conversion: ") + error);
+    if (error) throw Error(ErrorKind::Failed, std::string("rate conversion: ") + error);
 }
 
 }  // namespace
@@ -62,4 +62,4 @@ void Resampler::run(const float* interleaved, int numOfSamples, std::vector<floa
     }
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -1,4 +1,4 @@
-#include "cli/Audio.h"
+#include "audiofiles/Audio.h"
 
 #include <cerrno>
 #include <system_error>
@@ -7,11 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/AudioStream.h"
-#include "cli/Failure.h"
-#include "cli/SoundFile.h"
+#include "audiofiles/AudioStream.h"
+#include "audiofiles/Error.h"
+#include "audiofiles/SoundFile.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 namespace {
 
@@ -42,8 +42,8 @@ class OwningStreamReader : public AudioReader {
     std::unique_ptr<AudioReader> stream;
 };
 
-[[noreturn]] void fail(ExitStatus status, const std::string& path) {
-    throw Failure(status, path + ": " + std::generic_category().message(errno));
+[[noreturn]] void fail(ErrorKind kind, const std::string& path) {
+    throw Error(kind, path + ": " + std::generic_category().message(errno));
 }
 
 }  // namespace
@@ -56,10 +56,10 @@ std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optio
         return openStream(STDIN_FILENO, "standard input", raw);
     }
     struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) fail(ExitStatus::BadInput, path);
-    if (S_ISDIR(status.st_mode)) throw Failure(ExitStatus::BadInput, path + ": is a folder");
+    if (stat(path.c_str(), &status) != 0) fail(ErrorKind::BadInput, path);
+    if (S_ISDIR(status.st_mode)) throw Error(ErrorKind::BadInput, path + ": is a folder");
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) fail(ExitStatus::BadInput, path);
+    if (descriptor < 0) fail(ErrorKind::BadInput, path);
     if (raw || !S_ISREG(status.st_mode)) return std::make_unique<OwningStreamReader>(descriptor, path, raw);
     close(descriptor);
     return openSoundFile(path);
@@ -68,12 +68,12 @@ std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optio
 std::unique_ptr<AudioWriter> createAudio(const std::string& path, const AudioDescription& description,
                                          const ProtectedFiles& inputs) {
     if (path == "-" && isatty(STDOUT_FILENO) == 1)
-        throw Failure(ExitStatus::WrongUsage, "standard output is a terminal, which is no place for audio");
+        throw Error(ErrorKind::Unsupported, "standard output is a terminal, which is no place for audio");
     if (path == "-") return createStream(STDOUT_FILENO, false, "standard output", description);
     if (!isSpecialFile(path)) return createSoundFile(path, description, inputs);
     const int descriptor = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (descriptor < 0) fail(ExitStatus::BadOutput, path);
+    if (descriptor < 0) fail(ErrorKind::BadOutput, path);
     return createStream(descriptor, true, path, description);
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -1,4 +1,4 @@
-#include "cli/SoundFile.h"
+#include "audiofiles/SoundFile.h"
 
 #include <algorithm>
 #include <cctype>
@@ -11,11 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/Failure.h"
-#include "cli/Interruption.h"
-#include "cli/SampleFormat.h"
+#include "audiofiles/Error.h"
+#include "audiofiles/Interruption.h"
+#include "audiofiles/SampleFormat.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 namespace {
 
@@ -47,10 +47,10 @@ class SoundFileReader : public AudioReader {
         file.reset(descriptor < 0 ? sf_open(path.c_str(), SFM_READ, &info)
                                   : sf_open_fd(dup(descriptor), SFM_READ, &info, 1));
         if (!file)
-            throw Failure(ExitStatus::BadInput,
-                          name + ": no audio file that can be read (" + getErrorText(nullptr) + ")");
+            throw Error(ErrorKind::BadInput,
+                        name + ": no audio file that can be read (" + getErrorText(nullptr) + ")");
         if (info.channels < 1 || info.samplerate < 1)
-            throw Failure(ExitStatus::BadInput, name + ": has no channels or no sample rate");
+            throw Error(ErrorKind::BadInput, name + ": has no channels or no sample rate");
         description.numOfChannels = info.channels;
         description.sampleRate = info.samplerate;
         description.numOfSamples = info.frames;
@@ -66,9 +66,9 @@ class SoundFileReader : public AudioReader {
 
     int read(float* interleaved, int numOfSamples) override {
         const auto count = static_cast<int>(sf_readf_float(file.get(), interleaved, numOfSamples));
-        stopIfInterrupted();
+        checkInterruption();
         if (count < numOfSamples && sf_error(file.get()) != SF_ERR_NO_ERROR)
-            throw Failure(ExitStatus::BadInput, name + ": damaged (" + getErrorText(file.get()) + ")");
+            throw Error(ErrorKind::BadInput, name + ": damaged (" + getErrorText(file.get()) + ")");
         return count;
     }
 
@@ -111,8 +111,8 @@ const Container& findContainer(const std::string& path) {
         if (extension == container.extension) return container;
         known += std::string(known.empty() ? "" : ", ") + container.extension;
     }
-    throw Failure(ExitStatus::WrongUsage,
-                  path + ": the name has to end in the format that it asks for: " + known);
+    throw Error(ErrorKind::Unsupported,
+                path + ": the name has to end in the format that it asks for: " + known);
 }
 
 // The names of integer formats differ between containers although they hold the same.
@@ -155,9 +155,9 @@ SF_INFO chooseFormat(const std::string& path, const AudioDescription& descriptio
         }
         return info;
     }
-    throw Failure(ExitStatus::WrongUsage, path + ": " + container.extension + " cannot hold " +
-                                              std::to_string(description.numOfChannels) + " channels at " +
-                                              std::to_string(description.sampleRate) + " Hz");
+    throw Error(ErrorKind::Unsupported, path + ": " + container.extension + " cannot hold " +
+                                            std::to_string(description.numOfChannels) + " channels at " +
+                                            std::to_string(description.sampleRate) + " Hz");
 }
 
 // ---- writing -----------------------------------------------------------------------------------
@@ -246,7 +246,7 @@ class SoundFileWriter : public AudioWriter {
     [[noreturn]] void fail(SNDFILE* at) const {
         const std::string text =
             watched.error != 0 ? std::generic_category().message(watched.error) : getErrorText(at);
-        throw Failure(ExitStatus::BadOutput, name + ": " + text);
+        throw Error(ErrorKind::BadOutput, name + ": " + text);
     }
 
     SF_INFO info;
@@ -267,4 +267,4 @@ std::unique_ptr<AudioWriter> createSoundFile(const std::string& path, const Audi
     return std::make_unique<SoundFileWriter>(path, description, inputs);
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -4,12 +4,12 @@
 #include <optional>
 #include <string>
 
-#include "cli/Audio.h"
+#include "audiofiles/Audio.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 // Audio that goes through a pipe, where nothing can be sought: WAV (RIFF or RF64, integers of 8 to 32 bits or
-// floats) and raw floats.
+// floats) and samples without a header.
 
 // Reads from the descriptor, which stays open. Chunks of the WAV header that are not needed are skipped; a
 // data chunk that announces nothing, or as much as a header can hold, lasts until the stream ends.
@@ -20,4 +20,4 @@ std::unique_ptr<AudioReader> openStream(int descriptor, const std::string& name,
 std::unique_ptr<AudioWriter> createStream(int descriptor, bool ownsDescriptor, const std::string& name,
                                           const AudioDescription& description);
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -1,17 +1,17 @@
-#include "cli/Pass.h"
+#include "audiofiles/Pass.h"
 
 #include <algorithm>
-#include <exception>
-#include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "cli/Failure.h"
-#include "cli/Interruption.h"
-#include "cli/Resampler.h"
+#include "audiofiles/Error.h"
+#include "audiofiles/Interruption.h"
+#include "audiofiles/Resampler.h"
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
+
+using separation::Separator;
 
 namespace {
 
@@ -51,35 +51,33 @@ class FrameQueue {
 
 class Pass {
   public:
-    Pass(AudioReader& source, Separator& engine, double rate, int block, Progress& bar,
+    Pass(AudioReader& source, Separator& engine, double rate, int block,
          const std::function<void(const PassBlock&)>& receiver)
         : reader(source),
           separator(engine),
           workingRate(rate),
           blockSize(block),
-          progress(bar),
           receive(receiver),
           waiting(source.description.numOfChannels),
           converted(source.description.numOfChannels),
-          made(engine.numOfOutputChannels) {
+          made(engine.getNumOfOutputChannels()) {
         const double sampleRate = reader.description.sampleRate;
         if (workingRate == sampleRate) return;
-        toEngine.emplace(sampleRate, workingRate, separator.numOfInputChannels);
-        fromEngine.emplace(workingRate, sampleRate, separator.numOfOutputChannels);
-        aroundEngine.emplace(workingRate, sampleRate, separator.numOfInputChannels);
+        toEngine.emplace(sampleRate, workingRate, separator.getNumOfInputChannels());
+        fromEngine.emplace(workingRate, sampleRate, separator.getNumOfOutputChannels());
+        aroundEngine.emplace(workingRate, sampleRate, separator.getNumOfInputChannels());
     }
 
     std::int64_t run() {
         std::vector<float> block(static_cast<std::size_t>(reader.description.numOfChannels) *
                                  static_cast<std::size_t>(blockSize));
         while (const int count = reader.read(block.data(), blockSize)) {
-            stopIfInterrupted();
+            checkInterruption();
             waiting.append(block.data(), static_cast<std::size_t>(count));
             if (toEngine)
                 convert([&](std::vector<float>& out) { toEngine->process(block.data(), count, out); });
             else
                 addToEngine(block.data(), count);
-            progress.show(numOfSamplesDone);
         }
         if (toEngine) convert([&](std::vector<float>& out) { toEngine->finish(out); });
         flushEngine();
@@ -93,7 +91,7 @@ class Pass {
     void convert(const Conversion& conversion) {
         atWorkingRate.clear();
         conversion(atWorkingRate);
-        const auto channels = static_cast<std::size_t>(separator.numOfInputChannels);
+        const auto channels = static_cast<std::size_t>(separator.getNumOfInputChannels());
         const std::size_t step = channels * static_cast<std::size_t>(blockSize);
         for (std::size_t start = 0; start < atWorkingRate.size(); start += step) {
             const float* part = atWorkingRate.data() + start;
@@ -124,14 +122,7 @@ class Pass {
     }
 
     void addToEngineOnly(const float* interleaved, int numOfSamples) {
-        try {
-            separator.add(interleaved, numOfSamples);
-        } catch (const std::bad_alloc&) {
-            throw;
-        } catch (const std::exception& error) {
-            throw Failure(ExitStatus::Failed,
-                          std::string("the model cannot process this audio (") + error.what() + ")");
-        }
+        separator.addInterleaved(interleaved, numOfSamples);
         drainEngine();
     }
 
@@ -141,8 +132,8 @@ class Pass {
         const auto count = static_cast<int>(std::min<std::int64_t>(separator.getNumOfPendingSamples(), rest));
         if (count < 1) return;
         output.resize(static_cast<std::size_t>(count) *
-                      static_cast<std::size_t>(separator.numOfOutputChannels));
-        separator.take(output.data(), count);
+                      static_cast<std::size_t>(separator.getNumOfOutputChannels()));
+        separator.takeInterleaved(output.data(), count);
         numOfSamplesTaken += count;
         if (fromEngine) {
             back.clear();
@@ -156,23 +147,22 @@ class Pass {
 
     void flushEngine() {
         const std::vector<float> zeros(
-            static_cast<std::size_t>(separator.numOfInputChannels) * static_cast<std::size_t>(blockSize),
+            static_cast<std::size_t>(separator.getNumOfInputChannels()) * static_cast<std::size_t>(blockSize),
             0.0f);
         const std::int64_t most =
-            separator.latency + static_cast<std::int64_t>(mostExtraSeconds * workingRate) + blockSize;
+            separator.getLatency() + static_cast<std::int64_t>(mostExtraSeconds * workingRate) + blockSize;
         for (std::int64_t added = 0; numOfSamplesTaken < numOfSamplesAdded; added += blockSize) {
-            stopIfInterrupted();
+            checkInterruption();
             if (added > most)
-                throw Failure(ExitStatus::Failed, "the model keeps back " +
-                                                      std::to_string(numOfSamplesAdded - numOfSamplesTaken) +
-                                                      " samples beyond its latency");
+                throw Error(ErrorKind::Failed, "the model keeps back " +
+                                                   std::to_string(numOfSamplesAdded - numOfSamplesTaken) +
+                                                   " samples beyond its latency");
             addToEngineOnly(zeros.data(), blockSize);
-            progress.show(numOfSamplesDone);
         }
     }
 
     void handOut(const float* interleaved, int count) {
-        receive({waiting.getFront(), interleaved, count, separator.numOfOutputChannels});
+        receive({waiting.getFront(), interleaved, count, separator.getNumOfOutputChannels()});
         waiting.drop(count);
         numOfSamplesDone += count;
     }
@@ -182,13 +172,14 @@ class Pass {
         const auto count =
             static_cast<int>(std::min({made.getLength(), converted.getLength(), waiting.getLength()}));
         if (count < 1) return;
-        const int channels = separator.numOfInputChannels;
-        const int stride = separator.numOfOutputChannels;
+        const int channels = separator.getNumOfInputChannels();
+        const int stride = separator.getNumOfOutputChannels();
+        const float residualGain = separator.getGain(separator.getNumOfBusses() - 1);
         float* lastBus = made.getFront() + (stride - channels);
         for (int i = 0; i < count; ++i)
             for (int c = 0; c < channels; ++c)
-                lastBus[i * stride + c] += separator.residualGain * (waiting.getFront()[i * channels + c] -
-                                                                     converted.getFront()[i * channels + c]);
+                lastBus[i * stride + c] += residualGain * (waiting.getFront()[i * channels + c] -
+                                                           converted.getFront()[i * channels + c]);
         handOut(made.getFront(), count);
         made.drop(count);
         converted.drop(count);
@@ -198,7 +189,6 @@ class Pass {
     Separator& separator;
     double workingRate;
     int blockSize;
-    Progress& progress;
     const std::function<void(const PassBlock&)>& receive;
     FrameQueue waiting;    // input whose output is still to come
     FrameQueue converted;  // the input after the way there and back
@@ -213,8 +203,8 @@ class Pass {
 }  // namespace
 
 std::int64_t runPass(AudioReader& reader, Separator& separator, double workingRate, int blockSize,
-                     Progress& progress, const std::function<void(const PassBlock&)>& receive) {
-    return Pass(reader, separator, workingRate, blockSize, progress, receive).run();
+                     const std::function<void(const PassBlock&)>& receive) {
+    return Pass(reader, separator, workingRate, blockSize, receive).run();
 }
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -5,7 +5,7 @@
 
 struct soxr;
 
-namespace zevrant::cli {
+namespace zevrant::audiofiles {
 
 // Converts the rate of interleaved audio, with a linear phase and no delay: output sample k stands at the
 // time k / outputRate of the input. Very high quality of libsoxr.
@@ -31,4 +31,4 @@ class Resampler {
     std::size_t numOfChannels;
 };
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::audiofiles

@@ -4,7 +4,7 @@
 
 #include "processors/ZevrantProcessor.h"
 
-namespace zevrant::cli {
+namespace zevrant::separation {
 
 // Takes the busses of a processor to the time domain, each on its own: the framing is done once, the networks
 // run once, and the spectra of all busses lie side by side as channels on their way back.
@@ -13,23 +13,24 @@ namespace zevrant::cli {
 //
 // The processor serves as the spectral step alone. Its formats and sizes are followed, its controls apply,
 // and the sum of the busses is what it would give by itself, to rounding.
-class StemProcessor : public BaseSpectralProcessor {
+class BusSplitter : public BaseSpectralProcessor {
   public:
-    // Loads a model and sets the format. False when either is refused.
-    bool open(const File& modelFile, int numOfChannels, double sampleRate);
+    // On a processor that has its models and its format, and that nothing else runs from here on. It has to
+    // outlive the splitter.
+    explicit BusSplitter(ZevrantProcessor& processor);
+    ~BusSplitter() override;
 
     int getLatency(int blockSize) const override;
     void reset() override;
     using BaseSpectralProcessor::process;
     std::list<ComplexSignal32> process(const ComplexSignal32& spectrum) override;
 
-    ZevrantProcessor processor;
-
   private:
     void receiveBus(int bus, const ComplexSignal32& spectrum);
 
-    ComplexSignal32 stems;              // of the frame at hand
+    ZevrantProcessor& processor;
+    ComplexSignal32 busses;             // of the frame at hand
     std::list<ComplexSignal32> frames;  // complete ones
 };
 
-}  // namespace zevrant::cli
+}  // namespace zevrant::separation
