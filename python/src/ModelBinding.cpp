@@ -1,15 +1,12 @@
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <exception>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +27,8 @@
 #include "neural/NormLayers.h"
 #include "neural/SelfAttentionLayer.h"
 #include "neural/TransposedConvLayer.h"
+#include "separation/MemoryStream.h"
+#include "separation/Model.h"
 
 namespace zevrant::python {
 
@@ -47,37 +46,11 @@ namespace {
     throw py::error_already_set();
 }
 
-// Bytes in memory as the stream that a model is read from.
-class BytesStream : public InputStream {
-  public:
-    explicit BytesStream(std::string content) : bytes(std::move(content)) {}
-
-    int read(void* destination, int size) override {
-        const auto left = static_cast<long long>(bytes.size()) - position;
-        const auto count = static_cast<int>(std::max(0LL, std::min<long long>(left, size)));
-        std::copy_n(bytes.data() + position, count, static_cast<char*>(destination));
-        position += count;
-        return count;
-    }
-    bool setPosition(long long newPosition) override {
-        if (newPosition < 0 || newPosition > static_cast<long long>(bytes.size())) return false;
-        position = newPosition;
-        return true;
-    }
-    long long getPosition() const override { return position; }
-    long long getLength() const override { return static_cast<long long>(bytes.size()); }
-    void close() override {}
-
-  private:
-    std::string bytes;
-    long long position = 0;
-};
-
 // The stream in which a layer's constructor finds the name of its source.
 std::shared_ptr<InputStream> nameAsStream(const std::string& name) {
     const auto length = static_cast<std::int32_t>(name.size());
-    return std::make_shared<BytesStream>(std::string(reinterpret_cast<const char*>(&length), sizeof length) +
-                                         name);
+    return std::make_shared<separation::MemoryStream>(std::make_shared<const std::string>(
+        std::string(reinterpret_cast<const char*>(&length), sizeof length) + name));
 }
 
 // What comes out of a place in the graph, all slices behind each other.
@@ -145,16 +118,6 @@ class ClockTap : public BaseLayer<float> {
     Clock::time_point& latest;
     double* seconds;  // null for the tap behind the others
 };
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        errno = errno != 0 ? errno : ENOENT;
-        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
-        throw py::error_already_set();
-    }
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 py::object toArray(const Tensor<float>& tensor) {
     if (tensor.shape.empty() || tensor.getNumOfElements() <= 0) return py::none();
@@ -226,9 +189,7 @@ std::pair<const char*, py::dict> describeLayer(const BaseLayer<float>& layer) {
 // A network by itself: tensors in, tensors out. One thread at a time is let in; the others wait.
 class TensorModel {
   public:
-    explicit TensorModel(std::string content) : bytes(std::move(content)) {
-        withModel([&] { load(network); });
-    }
+    explicit TensorModel(separation::Model opened) : model(std::move(opened)), network(model.makeNetwork()) {}
 
     // [T, rows, columns] -> [T', F, C], or None where nothing came out.
     py::object push(py::handle input) {
@@ -248,8 +209,7 @@ class TensorModel {
         std::map<std::string, Slices> outputs;
         std::string unknown;
         withModel([&] {
-            NeuralModel<float> copy;
-            load(copy);
+            NeuralModel<float> copy = model.makeNetwork();
             std::map<std::string, std::unique_ptr<TapLayer>> taps;
             for (const std::string& name : names) {
                 if (name == "output") continue;
@@ -275,8 +235,7 @@ class TensorModel {
         const FloatArray tensor = requireInput(input);
         std::map<std::string, double> seconds;
         withModel([&] {
-            NeuralModel<float> copy;
-            load(copy);
+            NeuralModel<float> copy = model.makeNetwork();
             ClockTap::Clock::time_point latest{};
             double ofOthers = 0.0;
             std::vector<std::unique_ptr<ClockTap>> taps;
@@ -364,11 +323,6 @@ class TensorModel {
         failAsModel(failure);
     }
 
-    void load(NeuralModel<float>& model) const {
-        if (!model.loadModel(std::make_shared<BytesStream>(bytes)))
-            throw std::runtime_error("no model, a damaged one, or one of a version that is not supported");
-    }
-
     FloatArray requireInput(py::handle input) const {
         const BinLayout layout{network.inputPacking, 0, 0, 0, 0};
         const int columns = network.numOfInputChannels * (layout.isComplex() ? 2 : network.numHistoryFrames);
@@ -401,7 +355,7 @@ class TensorModel {
         slices.append(result);
     }
 
-    std::string bytes;
+    const separation::Model model;
     NeuralModel<float> network;
     std::mutex mutex;
 };
@@ -411,9 +365,18 @@ class TensorModel {
 void bindModel(py::module_& module) {
     module.attr("ModelError") = getModelError();
     py::class_<TensorModel>(module, "TensorModel")
-        .def(py::init([](const py::bytes& content) { return std::make_unique<TensorModel>(content); }))
+        .def_static("from_memory",
+                    [](const py::bytes& content) {
+                        const std::string bytes = content;
+                        const py::gil_scoped_release release;
+                        return std::make_unique<TensorModel>(
+                            separation::Model::fromMemory(bytes.data(), bytes.size(), "model"));
+                    })
         .def_static("open",
-                    [](const std::string& path) { return std::make_unique<TensorModel>(readFile(path)); })
+                    [](const std::string& path) {
+                        const py::gil_scoped_release release;
+                        return std::make_unique<TensorModel>(separation::Model::open(path));
+                    })
         .def("push", &TensorModel::push)
         .def("reset", &TensorModel::reset)
         .def("layer_outputs", &TensorModel::getLayerOutputs)

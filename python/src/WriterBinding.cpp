@@ -25,10 +25,11 @@ class Fields {
     Fields(std::string nameOfLayer, py::dict fieldsOfLayer)
         : layer(std::move(nameOfLayer)), fields(std::move(fieldsOfLayer)) {}
 
-    int getInt(const char* field) const {
-        const py::handle value = get(field);
+    int getInt(const char* field) const { return toInt(get(field), field); }
+
+    int toInt(py::handle value, const char* field) const {
         if (!PyIndex_Check(value.ptr())) fail(field, "an integer", value);
-        const long long number = PyNumber_AsSsize_t(value.ptr(), nullptr);
+        const Py_ssize_t number = PyNumber_AsSsize_t(value.ptr(), nullptr);
         if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
             fail(field, "an integer of 32 bits", value);
         return static_cast<int>(number);
@@ -78,12 +79,14 @@ class Fields {
 };
 
 std::vector<mw::FrequencyRescale::Band> getBands(const Fields& fields) {
+    constexpr const char* wanted = "pairs of a first input and taps";
+    const py::handle value = fields.get("bands");
+    if (!PySequence_Check(value.ptr())) fields.fail("bands", wanted, value);
     std::vector<mw::FrequencyRescale::Band> bands;
-    for (const py::handle band : fields.get("bands")) {
-        const auto pair = py::reinterpret_borrow<py::sequence>(band);
-        if (!PySequence_Check(band.ptr()) || pair.size() != 2)
-            fields.fail("bands", "pairs of a first bin and taps", band);
-        bands.push_back({pair[0].cast<int>(), fields.toTensor(py::object(pair[1]), "bands")});
+    for (const py::handle band : value) {
+        if (!PyTuple_Check(band.ptr()) || PyTuple_Size(band.ptr()) != 2) fields.fail("bands", wanted, band);
+        const auto pair = py::reinterpret_borrow<py::tuple>(band);
+        bands.push_back({fields.toInt(pair[0], "bands"), fields.toTensor(pair[1], "bands")});
     }
     return bands;
 }

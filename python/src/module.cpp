@@ -5,4 +5,5 @@
 PYBIND11_MODULE(_core, module) {
     zevrant::python::bindWriter(module);
     zevrant::python::bindModel(module);
+    zevrant::python::bindSeparation(module);
 }

@@ -9,6 +9,7 @@ from typing import Any, Optional, Union
 
 from . import _core, layers
 from .layers import Floats, Layer
+from .files import find_model
 from .packings import ComplexBins, ComplexGroups, FrameHistory, Magnitudes, Packing, RectifiedParts
 
 ModelError = _core.ModelError
@@ -74,22 +75,22 @@ class Model:
 
     Parameters
     ----------
-    path : path, or bytes
-        The file, or what a file would hold.
+    path : path, str or bytes
+        The file, the name of a shipped model, or what a file would hold.
 
     Raises
     ------
-    OSError
-        The file cannot be read.
+    FileNotFoundError
+        There is no such file, and no model of this name.
     ModelError
         It holds no model.
     """
 
     def __init__(self, path: Union[str, os.PathLike[str], bytes]) -> None:
         if isinstance(path, bytes):
-            self._model = _core.TensorModel(path)
+            self._model = _core.TensorModel.from_memory(path)
         else:
-            self._model = _core.TensorModel.open(os.fspath(path))
+            self._model = _core.TensorModel.open(find_model(path))
 
     @property
     def info(self) -> ModelInfo:
