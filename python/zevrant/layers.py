@@ -26,7 +26,7 @@ Weights = Union[npt.NDArray[Any], Sequence[Any]]
 
 @dataclass(eq=False)
 class Conv:
-    """Convolution over time and frequency, causal in time; channel-wise where inputs is 1 and channels are more."""
+    """Convolution, causal in time; channel-wise where inputs is 1 and there are more channels."""
 
     weights: Weights  # [kernel_time, kernel_frequency, inputs, outputs]
     bias: Optional[Weights] = None  # [outputs]
@@ -94,7 +94,7 @@ class Norm:
 
 @dataclass(eq=False)
 class PreNorm:
-    """Division by a weighted sum of recent levels: weight 0 meets the newest, weight 1 the oldest."""
+    """Division by a weighted sum of levels: weight 0 meets the newest, weight 1 the oldest."""
 
     level_weights: Weights  # [levels]
 

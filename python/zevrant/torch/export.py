@@ -88,8 +88,11 @@ def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:
         try:
             graph = trace(module)
         except Obstacle as obstacle:
-            return Lowered([], "input", [Problem("forward", type(module).__name__, obstacle.place, obstacle.why,
-                                                 obstacle.instead)])
+            return Lowered(
+                [],
+                "input",
+                [Problem("forward", type(module).__name__, obstacle.place, obstacle.why, obstacle.instead)],
+            )
         device = next((p.device for p in module.parameters()), torch.device("cpu"))
         try:
             results = record(graph, probe(spectra, layout).to(device))
@@ -221,7 +224,12 @@ def export(
 
     if spectra is None:
         spectra = Spectra(
-            frames, packing, output_packing=output_packing, channels=channels, busses=busses, mode=mode,
+            frames,
+            packing,
+            output_packing=output_packing,
+            channels=channels,
+            busses=busses,
+            mode=mode,
             sample_rate=sample_rate,
         )
     lowered = lower(module, spectra, layout)
@@ -234,7 +242,9 @@ def export(
     writer.set_busses(spectra.busses).set_processing_mode(0 if spectra.mode == "mask" else 1)
     writer.set_packing(spectra.packing, spectra.output_packing).set_half_precision(half_precision)
     for step in lowered.steps:
-        sources = step.sources if isinstance(step.record, (records.Concat, records.Arithmetic)) else step.sources[0]
+        sources = (
+            step.sources if isinstance(step.record, (records.Concat, records.Arithmetic)) else step.sources[0]
+        )
         try:
             writer.add_layer(step.name, sources, step.record)
         except (TypeError, ValueError) as error:

@@ -300,7 +300,11 @@ class Lowering:
     def _remember(self, node: fx.Node, value: Value) -> None:
         """Notes which node a layer's result can be compared with: the last that is the same."""
         result = self.results[node.name]
-        if isinstance(result, Tensor) and tuple(len(r) for r in value.axes) and len(value.axes) != result.dim():
+        if (
+            isinstance(result, Tensor)
+            and tuple(len(r) for r in value.axes)
+            and len(value.axes) != result.dim()
+        ):
             raise Obstacle(f"internal: {len(value.axes)} axes for {result.dim()} dimensions")
         step = self.by_name.get(value.layer)
         if step is not None and not value.padded and isinstance(result, Tensor):
@@ -312,8 +316,10 @@ class Lowering:
         value = self.values.get(result) if isinstance(result, fx.Node) else None
         if value is None:
             if not self.problems:
-                raise Obstacle("the module's result does not depend on its input, or is several results",
-                               "return one tensor")
+                raise Obstacle(
+                    "the module's result does not depend on its input, or is several results",
+                    "return one tensor",
+                )
             return "input"
         value = self.settle(value)
         if value.frequencies == 1 and value.channels == rows and columns == 1 and rows > 1:
@@ -376,7 +382,9 @@ class Lowering:
         taps = np.zeros((2, 1, 1, value.channels), np.float32)
         taps[0] = 1.0
         return self.add(
-            value, "delay", records.Conv(taps, time_dilation=slices),
+            value,
+            "delay",
+            records.Conv(taps, time_dilation=slices),
             multiply_adds=2 * value.frequencies * value.channels,
         )
 
@@ -393,7 +401,10 @@ class Lowering:
         one, none = np.ones(1, np.float32), np.zeros(1, np.float32)
         bands = [(k, one) if 0 <= k < value.frequencies else (0, none) for k in pick]
         return self.add(
-            value, suffix, records.FrequencyRescale(bands), frequencies=len(bands),
+            value,
+            suffix,
+            records.FrequencyRescale(bands),
+            frequencies=len(bands),
             multiply_adds=len(bands) * value.channels,
         )
 
@@ -407,7 +418,10 @@ class Lowering:
             bands.append((first, row[first : last + 1].astype(np.float32)))
             total += last + 1 - first
         return self.add(
-            value, suffix, records.FrequencyRescale(bands), frequencies=len(bands),
+            value,
+            suffix,
+            records.FrequencyRescale(bands),
+            frequencies=len(bands),
             multiply_adds=total * value.channels,
         )
 
@@ -416,7 +430,10 @@ class Lowering:
         outputs, inputs = matrix.shape
         weights = np.ascontiguousarray(matrix.T, np.float32).reshape(1, 1, inputs, outputs)
         return self.add(
-            value, suffix, records.Conv(weights, bias), channels=outputs,
+            value,
+            suffix,
+            records.Conv(weights, bias),
+            channels=outputs,
             multiply_adds=value.frequencies * inputs * outputs,
         )
 
@@ -426,7 +443,9 @@ class Lowering:
         gains = np.broadcast_to(np.asarray(gain, np.float32), (value.channels,)).copy()
         offsets = np.broadcast_to(np.asarray(offset, np.float32), (value.channels,)).copy()
         return self.add(
-            value, suffix, records.Norm(gains, offsets),
+            value,
+            suffix,
+            records.Norm(gains, offsets),
             multiply_adds=value.frequencies * value.channels,
         )
 
@@ -434,7 +453,9 @@ class Lowering:
         """A layer that gives [frequencies, channels] for every slice of another."""
         matrix = np.zeros((like.channels, like.channels), np.float32)
         return self.add(
-            like, "constant", records.SelfAttention(matrix, array),
+            like,
+            "constant",
+            records.SelfAttention(matrix, array),
             multiply_adds=like.frequencies * like.channels**2,
         )
 
@@ -443,7 +464,9 @@ class Lowering:
         if np.all(array == array[:1]):
             return self.affine(value, 1.0, array[0], suffix)
         return self.add(
-            value, suffix, records.SelfAttention(np.eye(value.channels, dtype=np.float32), array),
+            value,
+            suffix,
+            records.SelfAttention(np.eye(value.channels, dtype=np.float32), array),
             multiply_adds=value.frequencies * value.channels**2,
         )
 
@@ -455,16 +478,20 @@ class Lowering:
         """Element by element. A layer can be a source once only, so what comes twice takes a way of its own."""
         seen: list[Value] = []
         for source in sources:
-            if any(source.layer == other.layer for other in seen) or source.layer == "input" and seen == []:
-                source = source if source.layer == "input" and not seen else self.add(
-                    source, "same", self._identity(source)
+            if any(source.layer == other.layer for other in seen) or (source.layer == "input" and seen == []):
+                source = (
+                    source
+                    if source.layer == "input" and not seen
+                    else self.add(source, "same", self._identity(source))
                 )
             seen.append(source)
         return self.add(seen, suffix, records.Arithmetic(operation))
 
     # ---- layouts ----------------------------------------------------------------------------------
 
-    def gather(self, value: Value, kernel: Array, bias: Optional[Array], suffix: str, **options: Any) -> Value:
+    def gather(
+        self, value: Value, kernel: Array, bias: Optional[Array], suffix: str, **options: Any
+    ) -> Value:
         """A convolution over time that sees all frequencies: kernel [time, frequency, inputs, outputs].
 
         The result has one frequency. A band that one stride cannot cross goes to the channels in two steps.
@@ -483,14 +510,16 @@ class Lowering:
             # [count * step, inputs] -> [count, step * inputs]
             move = np.eye(step * inputs, dtype=np.float32).reshape(1, step, inputs, step * inputs)
             value = self.add(
-                value, "fold", records.Conv(move, frequency_stride=step), frequencies=count,
-                channels=step * inputs, multiply_adds=count * (step * inputs) ** 2,
+                value,
+                "fold",
+                records.Conv(move, frequency_stride=step),
+                frequencies=count,
+                channels=step * inputs,
+                multiply_adds=count * (step * inputs) ** 2,
             )
             kernel = kernel.reshape(times, count, step * inputs, outputs)
         layer = records.Conv(kernel, bias, frequency_stride=kernel.shape[1], **options)
-        return self.add(
-            value, suffix, layer, frequencies=1, channels=outputs, multiply_adds=int(kernel.size)
-        )
+        return self.add(value, suffix, layer, frequencies=1, channels=outputs, multiply_adds=int(kernel.size))
 
     def to_channels(self, value: Value, role: Role) -> Value:
         """Frequencies become channels, in the order that a dimension of this role has."""
@@ -502,8 +531,9 @@ class Lowering:
         else:
             move = move.reshape(value.frequencies, value.channels, size)
         moved = self.gather(value, np.ascontiguousarray(move)[None], None, "unfold")
-        axes = tuple(("c",) if axis == role else (("1",) if axis in (("c",), ("f",)) else axis)
-                     for axis in value.axes)
+        axes = tuple(
+            ("c",) if axis == role else (("1",) if axis in (("c",), ("f",)) else axis) for axis in value.axes
+        )
         return replace(moved, axes=axes)
 
     def channels_to_frequency(self, value: Value) -> Value:
@@ -519,18 +549,28 @@ class Lowering:
         # [1, size] -> [count, step] -> [count * step, 1]
         move = np.eye(count * step, size, dtype=np.float32).reshape(1, count, step, size)
         moved = self.add(
-            value, "refold", records.TransposedConv(move, frequency_stride=count), frequencies=count,
-            channels=step, multiply_adds=int(move.size),
+            value,
+            "refold",
+            records.TransposedConv(move, frequency_stride=count),
+            frequencies=count,
+            channels=step,
+            multiply_adds=int(move.size),
         )
         if step > 1:
             spread = np.eye(step, dtype=np.float32).reshape(1, step, 1, step)
             moved = self.add(
-                moved, "refold", records.TransposedConv(spread, frequency_stride=step),
-                frequencies=count * step, channels=1, multiply_adds=count * step * step,
+                moved,
+                "refold",
+                records.TransposedConv(spread, frequency_stride=step),
+                frequencies=count * step,
+                channels=1,
+                multiply_adds=count * step * step,
             )
         if count * step != size:
             moved = self.resize(moved, 0, size - count * step)
-        axes = tuple(("f",) if axis == ("c",) else (("1",) if axis == ("f",) else axis) for axis in value.axes)
+        axes = tuple(
+            ("f",) if axis == ("c",) else (("1",) if axis == ("f",) else axis) for axis in value.axes
+        )
         return replace(moved, axes=axes)
 
     def size_of(self, value: Value, role: Role) -> int:
@@ -580,8 +620,18 @@ class Lowering:
 
 
 _shape_only = {
-    "size", "dim", "numel", "type", "ndimension", "zeros_like", "ones_like", "full_like", "new_zeros",
-    "new_ones", "new_full", "arange",
+    "size",
+    "dim",
+    "numel",
+    "type",
+    "ndimension",
+    "zeros_like",
+    "ones_like",
+    "full_like",
+    "new_zeros",
+    "new_ones",
+    "new_full",
+    "arange",
 }
 
 
@@ -639,9 +689,9 @@ _ways_out = {
     "GELU": ("no layer computes it", "ReLU or ELU"),
     "SiLU": ("no layer computes it", "x * torch.sigmoid(x)"),
 }
-_ways_out.update({name: _ways_out["GRU"] for name in ("LSTM", "RNN", "GRUCell", "LSTMCell")})
+_ways_out.update(dict.fromkeys(("LSTM", "RNN", "GRUCell", "LSTMCell"), _ways_out["GRU"]))
 _ways_out.update(
-    {name: _ways_out["LayerNorm"] for name in ("InstanceNorm2d", "InstanceNorm1d", "GroupNorm", "layer_norm")}
+    dict.fromkeys(("InstanceNorm2d", "InstanceNorm1d", "GroupNorm", "layer_norm"), _ways_out["LayerNorm"])
 )
 _ways_out.update({"max_pool2d": _ways_out["MaxPool2d"], "log1p": _ways_out["log"], "log10": _ways_out["log"]})
 _ways_out.update({"bmm": _ways_out["matmul"], "einsum": _ways_out["matmul"]})
@@ -675,7 +725,9 @@ def _spread_taps(kernel: Array, axis: int, dilation: int) -> Array:
     shape = list(kernel.shape)
     shape[axis] = dilation * (shape[axis] - 1) + 1
     spread = np.zeros(shape, np.float32)
-    spread[tuple(slice(None, None, dilation) if a == axis else slice(None) for a in range(kernel.ndim))] = kernel
+    spread[tuple(slice(None, None, dilation) if a == axis else slice(None) for a in range(kernel.ndim))] = (
+        kernel
+    )
     return spread
 
 
@@ -693,8 +745,10 @@ def _spatial_order(value: Value, channel: int, first: int, second: int) -> tuple
     """Checks a Conv2d's layout; True where frequency comes before time."""
     time = [place for place in (first, second) if value.axes[place] == ("t",)]
     if len(time) != 1:
-        raise Obstacle("a convolution over two dimensions of which none is time",
-                       "tensors laid out as [batch, channels, time, frequency]")
+        raise Obstacle(
+            "a convolution over two dimensions of which none is time",
+            "tensors laid out as [batch, channels, time, frequency]",
+        )
     return value, time[0] == second
 
 
@@ -741,8 +795,11 @@ def _convolve(
     # Above the band there are zeros as well, so rows that are missing there can be laid out as zeros. A
     # band that is cut has to be cut before.
     if value.low < 0 or value.high < 0:
-        value = replace(low.resize(value, min(value.low, 0), min(value.high, 0)), low=max(value.low, 0),
-                        high=max(value.high, 0))
+        value = replace(
+            low.resize(value, min(value.low, 0), min(value.high, 0)),
+            low=max(value.low, 0),
+            high=max(value.high, 0),
+        )
         start = -(padding[1][0] + value.low)
     needed = frequencies * stride[1] - value.frequencies
     value, offset = _time_offset(low, value, padding[0][0], reach)
@@ -753,8 +810,9 @@ def _convolve(
     value = replace(value, front=0, low=0, high=0)
     produced = value.frequencies // stride[1]
     layer = records.Conv(kernel, bias, stride[0], stride[1], time_dilation, time_offset=offset)
-    result = low.add(value, "", layer, frequencies=produced, channels=outputs,
-                     multiply_adds=produced * int(kernel.size))
+    result = low.add(
+        value, "", layer, frequencies=produced, channels=outputs, multiply_adds=produced * int(kernel.size)
+    )
     if produced > frequencies:
         result = low.resize(result, 0, frequencies - produced)
     return result
@@ -815,8 +873,10 @@ def _conv2d(low: Lowering, module: nn.Conv2d, value: Value) -> Value:
 def _conv1d(low: Lowering, module: nn.Conv1d, value: Value) -> Value:
     weight, bias = _weights(module)
     if value.axes[2] != ("t",):
-        raise Obstacle("a convolution over one dimension that is not time",
-                       "Conv2d over [batch, channels, time, frequency]")
+        raise Obstacle(
+            "a convolution over one dimension that is not time",
+            "Conv2d over [batch, channels, time, frequency]",
+        )
     padding = _conv_padding(module, 1)[0]
     role = value.axes[1]
     axes: tuple[Role, ...] = (value.axes[0], ("c",), ("t",))
@@ -826,12 +886,22 @@ def _conv1d(low: Lowering, module: nn.Conv1d, value: Value) -> Value:
             value = replace(low.resize(value, value.low, value.high), low=0, high=0)
         value, offset = _time_offset(low, value, padding[0], dilation * (module.kernel_size[0] - 1))
         kernel = np.ascontiguousarray(weight.transpose(2, 1, 0))[:, :, None]
-        result = low.gather(replace(value, front=0), kernel, bias, "", time_dilation=dilation, time_offset=offset)
+        result = low.gather(
+            replace(value, front=0), kernel, bias, "", time_dilation=dilation, time_offset=offset
+        )
         return replace(result, axes=axes)
     if role != ("c",):
         value = low.to_channels(value, role)
-    result = _convolve(low, value, weight[..., None], bias, (module.stride[0], 1), (padding, (0, 0)),
-                       (module.dilation[0], 1), module.groups)
+    result = _convolve(
+        low,
+        value,
+        weight[..., None],
+        bias,
+        (module.stride[0], 1),
+        (padding, (0, 0)),
+        (module.dilation[0], 1),
+        module.groups,
+    )
     return replace(result, axes=axes)
 
 
@@ -858,8 +928,9 @@ def _convolve_transposed(
     else:
         if groups > 1:
             swapped = weight.reshape(groups, inputs // groups, outputs // groups, *weight.shape[2:])
-            weight = _ungroup(swapped.transpose(0, 2, 1, 3, 4).reshape(outputs, inputs // groups,
-                                                                       *weight.shape[2:]), groups)
+            weight = _ungroup(
+                swapped.transpose(0, 2, 1, 3, 4).reshape(outputs, inputs // groups, *weight.shape[2:]), groups
+            )
             weight = weight.transpose(1, 0, 2, 3)
         kernel = weight.transpose(2, 3, 1, 0)  # [time, frequency, outputs, inputs]
     kernel = np.ascontiguousarray(kernel)
@@ -872,8 +943,14 @@ def _convolve_transposed(
     kernel = np.pad(kernel, ((0, 0), (below, above), (0, 0), (0, 0)))
     produced = value.frequencies * stride[1]
     layer = records.TransposedConv(kernel, bias, outputs, stride[0], stride[1], time_offset=padding[0])
-    result = low.add(value, "", layer, frequencies=produced, channels=outputs,
-                     multiply_adds=value.frequencies * int(kernel.size) // stride[0])
+    result = low.add(
+        value,
+        "",
+        layer,
+        frequencies=produced,
+        channels=outputs,
+        multiply_adds=value.frequencies * int(kernel.size) // stride[0],
+    )
     if produced > frequencies:
         result = low.resize(result, 0, frequencies - produced)
     return result
@@ -890,8 +967,9 @@ def _conv_transpose2d(low: Lowering, module: nn.ConvTranspose2d, value: Value) -
         weight = weight.transpose(0, 1, 3, 2)
         stride, padding, dilation = stride[::-1], padding[::-1], dilation[::-1]
     frequencies = low.results[low.node.name].shape[place]
-    result = _convolve_transposed(low, value, weight, bias, stride, padding, dilation, module.groups,
-                                  frequencies)
+    result = _convolve_transposed(
+        low, value, weight, bias, stride, padding, dilation, module.groups, frequencies
+    )
     axes = list(value.axes)
     axes[1], axes[place] = ("c",), ("f",)
     return replace(result, axes=tuple(axes))
@@ -905,8 +983,15 @@ def _conv_transpose1d(low: Lowering, module: nn.ConvTranspose1d, value: Value) -
     if value.axes[1] != ("c",):
         value = low.to_channels(value, value.axes[1])
     result = _convolve_transposed(
-        low, value, weight[..., None], bias, (module.stride[0], 1), (int(module.padding[0]), 0),
-        (module.dilation[0], 1), module.groups, 1,
+        low,
+        value,
+        weight[..., None],
+        bias,
+        (module.stride[0], 1),
+        (int(module.padding[0]), 0),
+        (module.dilation[0], 1),
+        module.groups,
+        1,
     )
     return replace(result, axes=(value.axes[0], ("c",), ("t",)))
 
@@ -917,10 +1002,17 @@ def _causal_conv2d(low: Lowering, module: ours.CausalConv2d, value: Value) -> Va
     weight, bias = _weights(module)
     kernel = np.ascontiguousarray(weight.transpose(2, 3, 1, 0))
     produced = value.frequencies // module.stride[1]
-    layer = records.Conv(kernel, bias, module.stride[0], module.stride[1], module.time_dilation,
-                         time_offset=module.look_ahead)
-    result = low.add(value, "", layer, frequencies=produced, channels=module.out_channels,
-                     multiply_adds=produced * int(kernel.size))
+    layer = records.Conv(
+        kernel, bias, module.stride[0], module.stride[1], module.time_dilation, time_offset=module.look_ahead
+    )
+    result = low.add(
+        value,
+        "",
+        layer,
+        frequencies=produced,
+        channels=module.out_channels,
+        multiply_adds=produced * int(kernel.size),
+    )
     return replace(result, axes=(value.axes[0], ("c",), ("t",), ("f",)))
 
 
@@ -929,11 +1021,17 @@ def _causal_conv_transpose2d(low: Lowering, module: ours.CausalConvTranspose2d, 
     value = low.settle(_as_channels(low, value, 1, 3))
     weight, bias = _weights(module)
     kernel = np.ascontiguousarray(weight.transpose(2, 3, 1, 0))
-    layer = records.TransposedConv(kernel, bias, module.out_channels, module.stride[0], module.stride[1],
-                                   time_offset=module.look_ahead)
-    result = low.add(value, "", layer, frequencies=value.frequencies * module.stride[1],
-                     channels=module.out_channels,
-                     multiply_adds=value.frequencies * int(kernel.size) // module.stride[0])
+    layer = records.TransposedConv(
+        kernel, bias, module.out_channels, module.stride[0], module.stride[1], time_offset=module.look_ahead
+    )
+    result = low.add(
+        value,
+        "",
+        layer,
+        frequencies=value.frequencies * module.stride[1],
+        channels=module.out_channels,
+        multiply_adds=value.frequencies * int(kernel.size) // module.stride[0],
+    )
     return replace(result, axes=(value.axes[0], ("c",), ("t",), ("f",)))
 
 
@@ -1008,8 +1106,9 @@ def _batch_norm(low: Lowering, module: nn.BatchNorm2d, value: Value) -> Value:
 
 def _per_frequency(low: Lowering, value: Value, gain: Array, offset: Array) -> Value:
     bands: list[tuple[int, records.Weights]] = [(k, gain[k : k + 1]) for k in range(value.frequencies)]
-    scaled = low.add(value, "gain", records.FrequencyRescale(bands),
-                     multiply_adds=value.frequencies * value.channels)
+    scaled = low.add(
+        value, "gain", records.FrequencyRescale(bands), multiply_adds=value.frequencies * value.channels
+    )
     return low.offset(scaled, np.repeat(offset[:, None], value.channels, 1), "")
 
 
@@ -1022,8 +1121,12 @@ def _channel_gain(low: Lowering, module: ours.ChannelGain, value: Value) -> Valu
 def _rms_norm(low: Lowering, module: ours.RMSNorm, value: Value) -> Value:
     value = low.settle(value)
     offset = None if module.offset is None else _numbers(module.offset)
-    return low.add(value, "", records.Norm(_numbers(module.gain), offset, mode=1),
-                   multiply_adds=2 * value.frequencies * value.channels)
+    return low.add(
+        value,
+        "",
+        records.Norm(_numbers(module.gain), offset, mode=1),
+        multiply_adds=2 * value.frequencies * value.channels,
+    )
 
 
 @_for_modules(ours.LevelNorm)
@@ -1046,9 +1149,13 @@ def _level_follower(low: Lowering, module: ours.LevelFollower, value: Value) -> 
 def _frequency_rescale(low: Lowering, module: ours.FrequencyRescale, value: Value) -> Value:
     value = low.settle(value)
     taps = np.split(_numbers(module.taps), np.cumsum(module.counts)[:-1])
-    return low.add(value, "", records.FrequencyRescale(list(zip(module.first, taps))),
-                   frequencies=module.output_frequencies,
-                   multiply_adds=sum(module.counts) * value.channels)
+    return low.add(
+        value,
+        "",
+        records.FrequencyRescale(list(zip(module.first, taps))),
+        frequencies=module.output_frequencies,
+        multiply_adds=sum(module.counts) * value.channels,
+    )
 
 
 @_for_modules(ours.FrequencyDense)
@@ -1064,8 +1171,12 @@ def _separable(low: Lowering, module: ours.SeparableChannelConv, value: Value) -
     if module.look_ahead:
         raise_at = "and the engine does not report it as latency"
         low.notes.append(f"{low.node.name}: waits for {module.look_ahead} slices, {raise_at}")
-    return low.add(value, "", records.SeparableChannelConv(np.roll(time, -1), frequency),
-                   multiply_adds=value.frequencies * value.channels * (len(time) + len(frequency)))
+    return low.add(
+        value,
+        "",
+        records.SeparableChannelConv(np.roll(time, -1), frequency),
+        multiply_adds=value.frequencies * value.channels * (len(time) + len(frequency)),
+    )
 
 
 @_for_modules(ours.SelfAttention)
@@ -1074,8 +1185,12 @@ def _self_attention(low: Lowering, module: ours.SelfAttention, value: Value) -> 
     matrix, bias = _numbers(module.channel_matrix), _numbers(module.position_bias)
     times = None if module.time_weight is None else _numbers(module.time_weight)
     history = 0 if times is None else len(times)
-    return low.add(value, "", records.SelfAttention(matrix, bias, module.look_ahead, times),
-                   multiply_adds=value.frequencies * value.channels * (value.channels + history))
+    return low.add(
+        value,
+        "",
+        records.SelfAttention(matrix, bias, module.look_ahead, times),
+        multiply_adds=value.frequencies * value.channels * (value.channels + history),
+    )
 
 
 @_for_modules(nn.Dropout, nn.Dropout2d, nn.Dropout1d, nn.Identity)
@@ -1130,7 +1245,9 @@ def _tanh(low: Lowering, value: Value) -> Value:
     def half(sign: float, suffix: str) -> Value:
         side = low.activation(low.affine(value, sign, 0.0, "side"), records.ReLU(), "side")
         bent = low.activation(low.affine(side, -2.0, 0.0, "side"), records.ELU(), "side")
-        return low.arithmetic(1, [low.affine(bent, 1.0, 2.0, suffix), low.affine(bent, -1.0, 0.0, suffix)], suffix)
+        return low.arithmetic(
+            1, [low.affine(bent, 1.0, 2.0, suffix), low.affine(bent, -1.0, 0.0, suffix)], suffix
+        )
 
     return low.arithmetic(3, [half(-1.0, "below"), half(1.0, "above")])
 
@@ -1248,8 +1365,9 @@ def _upsample(low: Lowering, module: nn.Upsample, value: Value) -> Value:
 
 
 @_for_functions("interpolate")
-def _interpolate(low: Lowering, value: Value, size: Any = None, scale_factor: Any = None,
-                 mode: str = "nearest", **_: Any) -> Value:
+def _interpolate(
+    low: Lowering, value: Value, size: Any = None, scale_factor: Any = None, mode: str = "nearest", **_: Any
+) -> Value:
     if mode != "nearest":
         raise Obstacle(f"interpolation by {mode}", 'mode="nearest", or ConvTranspose2d')
     shape = low.results[low.node.name].shape
@@ -1266,8 +1384,14 @@ def _zero_pad(low: Lowering, module: Any, value: Value) -> Value:
 
 
 @_for_functions("pad")
-def _pad(low: Lowering, value: Value, pad: Sequence[int], mode: str = "constant", constant: Any = 0.0,
-         **kwargs: Any) -> Value:
+def _pad(
+    low: Lowering,
+    value: Value,
+    pad: Sequence[int],
+    mode: str = "constant",
+    constant: Any = 0.0,
+    **kwargs: Any,
+) -> Value:
     if mode != "constant" or kwargs.get("value", constant) not in (None, 0, 0.0):
         raise Obstacle(f"padding by {mode}", "padding by zeros")
     for number in range(len(pad) // 2):
@@ -1283,8 +1407,12 @@ def _pad(low: Lowering, value: Value, pad: Sequence[int], mode: str = "constant"
             value = low.settle(value)
             place = np.eye(value.channels + below + above, value.channels, -below, dtype=np.float32)
             value = low.mix_channels(value, place, None, "pad")
-            value = replace(value, axes=tuple(("c",) if k == len(value.axes) - 1 - number else axis
-                                              for k, axis in enumerate(value.axes)))
+            value = replace(
+                value,
+                axes=tuple(
+                    ("c",) if k == len(value.axes) - 1 - number else axis for k, axis in enumerate(value.axes)
+                ),
+            )
         else:
             raise Obstacle(f"padding of {'x'.join(role)}")
     return value
@@ -1299,8 +1427,12 @@ def _shift_time(low: Lowering, value: Value, front: int) -> Value:
     if cut > 127:
         raise Obstacle(f"{cut} slices are cut off in front; one layer can drop up to 127")
     weights = np.ones((1, 1, 1, value.channels), np.float32)
-    return low.add(value, "wait", records.Conv(weights, time_offset=cut),
-                   multiply_adds=value.frequencies * value.channels)
+    return low.add(
+        value,
+        "wait",
+        records.Conv(weights, time_offset=cut),
+        multiply_adds=value.frequencies * value.channels,
+    )
 
 
 # ---- merging and arithmetic -----------------------------------------------------------------------------
@@ -1332,8 +1464,10 @@ def _cat(low: Lowering, tensors: Sequence[Any], dim: int = 0, axis: Optional[int
             parts.append(low.resize(value, below, total - below - value.frequencies))
             below += value.frequencies
         return low.arithmetic(2, parts)
-    raise Obstacle(f"tensors are joined along {' and '.join(sorted('x'.join(r) for r in roles))}",
-                   "join along channels or frequency")
+    raise Obstacle(
+        f"tensors are joined along {' and '.join(sorted('x'.join(r) for r in roles))}",
+        "join along channels or frequency",
+    )
 
 
 def _live(value: Any) -> Value:
@@ -1344,7 +1478,7 @@ def _live(value: Any) -> Value:
 
 def _constant_over(low: Lowering, value: Value, constant: Any) -> Optional[Array]:
     """A constant as [frequencies or 1, channels or 1] beside a value; None for one number."""
-    if isinstance(constant, (int, float)) or isinstance(constant, Tensor) and constant.numel() == 1:
+    if isinstance(constant, (int, float)) or (isinstance(constant, Tensor) and constant.numel() == 1):
         return None
     if not isinstance(constant, Tensor):
         raise Obstacle(f"an operand of type {type(constant).__name__}")
@@ -1363,8 +1497,9 @@ def _constant_over(low: Lowering, value: Value, constant: Any) -> Optional[Array
             array = first
             continue
         order.append((table[axis], place))
-    array = array.transpose([p for _, p in sorted(order)] + [p for p in range(array.ndim)
-                                                            if p not in [q for _, q in order]])
+    array = array.transpose(
+        [p for _, p in sorted(order)] + [p for p in range(array.ndim) if p not in [q for _, q in order]]
+    )
     kept = dict(order)
     shape = (
         array.shape[0] if 0 in kept else 1,
@@ -1407,8 +1542,9 @@ def _multiply(low: Lowering, first: Any, second: Any) -> Value:
         return low.affine(first, array[0], 0.0)
     if array.shape[1] == 1:
         bands: list[tuple[int, records.Weights]] = [(k, array[k]) for k in range(first.frequencies)]
-        return low.add(first, "", records.FrequencyRescale(bands),
-                       multiply_adds=first.frequencies * first.channels)
+        return low.add(
+            first, "", records.FrequencyRescale(bands), multiply_adds=first.frequencies * first.channels
+        )
     return low.arithmetic(0, [first, low.constant(first, _whole(first, array))])
 
 
@@ -1506,7 +1642,7 @@ def _get_item(low: Lowering, value: Any, index: Any) -> Any:
 
 
 def _cut(low: Lowering, value: Value, role: Role, start: int, count: int, step: int, size: int) -> Value:
-    if start == 0 and count == size and step == 1 or role in (("b",), ("1",)):
+    if (start == 0 and count == size and step == 1) or role in (("b",), ("1",)):
         return value
     if role == ("t",):
         if step != 1:

@@ -8,7 +8,6 @@ from pathlib import Path
 from typing import Optional, Union
 
 import numpy as np
-import torch
 from torch import Tensor, nn
 
 from ..packings import ComplexBins, ComplexGroups, Magnitudes, Packing, RectifiedParts
@@ -82,7 +81,9 @@ class ParityReport:
             )
         widths = [max(len(row[k]) for row in rows) for k in range(len(rows[0]))]
         lines = [
-            "  ".join(cell.ljust(w) if k < 2 else cell.rjust(w) for k, (cell, w) in enumerate(zip(row, widths)))
+            "  ".join(
+                cell.ljust(w) if k < 2 else cell.rjust(w) for k, (cell, w) in enumerate(zip(row, widths))
+            )
             for row in rows
         ]
         if self.audio_error is not None:
