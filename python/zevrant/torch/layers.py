@@ -323,7 +323,7 @@ class SeparableChannelConv(nn.Module):
         x = x.reshape(batch * channels, 1, time, frequency)
         x = functional.conv2d(x, self.time_kernel.flip(0)[None, None, :, None])
         x = functional.conv2d(x, self.frequency_kernel.flip(0)[None, None, None, :])
-        return x.reshape(batch, channels, -1, frequency)
+        return x.reshape(batch, channels, *x.shape[2:])
 
 
 class SelfAttention(nn.Module):

@@ -126,7 +126,14 @@ class _Proxy(fx.Proxy):
             for instruction in dis.get_instructions(caller.f_code):
                 if instruction.offset == caller.f_lasti and instruction.opname == "UNPACK_SEQUENCE":
                     return (self[k] for k in range(instruction.argval))
+        if self.node.target in ("chunk", torch.chunk):
+            return (self[k] for k in range(len(self)))
         return cast(Iterator[fx.Proxy], self.tracer.iter(self))
+
+
+    def __len__(self) -> int:
+        chunks = self.node.args[1] if self.node.target in ("chunk", torch.chunk) else None
+        return chunks if isinstance(chunks, int) else int(super().__len__())
 
 
 class _Tracer(fx.Tracer):
