@@ -155,8 +155,8 @@ def test_what_came_and_what_is_wanted_is_told(tmp_path: Path) -> None:
         raise KeyboardInterrupt
 
     cases: list[tuple[type[BaseException], str, Callable[[], object]]] = [
-        (TypeError, "float32 array .*got a float64", lambda: processor.process(audio.astype(float))),  # type: ignore[arg-type]
-        (TypeError, "got an object of type list", lambda: processor.process([1.0])),  # type: ignore[arg-type]
+        (TypeError, "float32 array .*got a float64", lambda: processor.process(audio.astype(float))),
+        (TypeError, "got an object of type list", lambda: processor.process([1.0])),
         (ValueError, r"shape \(5000,\)", lambda: processor.process(audio[0])),
         (ValueError, r"\[2, samples\].*\(1, 5000\)", lambda: processor.process(audio[:1])),
         (KeyError, "Harmonic, Percussive", lambda: processor.gains["Bass"]),
@@ -183,10 +183,18 @@ def test_what_came_and_what_is_wanted_is_told(tmp_path: Path) -> None:
         (ValueError, r"\[time, 2049, 2\]", lambda: tensors.push(audio)),
         (KeyError, "nowhere", lambda: tensors.layer_outputs(np.zeros((1, 2049, 2), np.float32), ["nowhere"])),
         (ValueError, '"a".*"b"', lambda: writer.add_layer("a", "b", zl.ReLU())),
-        (ValueError, "timeStride is 300", lambda: writer.add_layer("a", "input", zl.Conv([[[[1]]]], time_stride=300))),
-        (TypeError, "time_stride", lambda: writer.add_layer("a", "input", zl.Conv([[[[1]]]], time_stride=1.5))),  # type: ignore[arg-type]
+        (
+            ValueError,
+            "timeStride is 300",
+            lambda: writer.add_layer("a", "input", zl.Conv([[[[1]]]], time_stride=300)),
+        ),
+        (
+            TypeError,
+            "time_stride",
+            lambda: writer.add_layer("a", "input", zl.Conv([[[[1]]]], time_stride=1.5)),
+        ),
         (TypeError, "weights", lambda: writer.add_layer("a", "input", zl.Conv("text"))),
-        (TypeError, "bands", lambda: writer.add_layer("a", "input", zl.FrequencyRescale([3]))),  # type: ignore[list-item]
+        (TypeError, "bands", lambda: writer.add_layer("a", "input", zl.FrequencyRescale([3]))),
         (ValueError, "one source", lambda: writer.add_layer("a", ["input", "input"], zl.ReLU())),
         (RuntimeError, "output", writer.to_bytes),
     ]

@@ -1,4 +1,4 @@
-"""Every kind of layer, on random shapes and parameters: exported, run slice by slice, and held against PyTorch.
+"""Every kind of layer, on random shapes and parameters: exported, run slice by slice, held against PyTorch.
 
 `export` itself compares each layer; what is asked here is that it finds nothing to refuse, that the file
 gives as many slices as the module, and that the last layer was among those compared.
@@ -20,7 +20,7 @@ from torch.nn import functional as F  # noqa: E402
 Make = Callable[[random.Random, int, int], nn.Module]
 
 
-class Function(nn.Module):  # type: ignore[misc]
+class Function(nn.Module):
     def __init__(self, function: Callable[..., Tensor], *inner: nn.Module) -> None:
         super().__init__()
         self.function, self.inner = function, nn.ModuleList(inner)
@@ -29,7 +29,7 @@ class Function(nn.Module):  # type: ignore[misc]
         return self.function(x, *self.inner)
 
 
-class Front(nn.Module):  # type: ignore[misc]
+class Front(nn.Module):
     """Zeros in front of the time axis, so that what follows is causal."""
 
     def __init__(self, slices: int, inner: nn.Module) -> None:
@@ -107,6 +107,16 @@ def make_norm(r: random.Random, channels: int, _: int) -> nn.Module:
     return nn.Sequential(nn.Conv2d(channels, channels, 1), norm) if r.random() < 0.5 else norm
 
 
+def make_constants(r: random.Random, c: int, f: int) -> nn.Module:
+    a, b, d = torch.rand(c, 1, f), torch.rand(f), torch.rand(c, 1, 1)
+    return Function(lambda x: (x * a + b) * b / (d + 1) - a)
+
+
+def make_pads(r: random.Random, channels: int, frequencies: int) -> nn.Module:
+    low, high, front = r.randint(0, 3), r.randint(0, 3), r.randint(1, 5)
+    return Function(lambda x: 2.0 * F.pad(x, (low, high, front, 0))[:, :, : x.shape[2], 1:-1])
+
+
 kinds: dict[str, Make] = {
     "Conv2d": make_conv,
     "ConvTranspose2d": make_transposed,
@@ -127,17 +137,10 @@ kinds: dict[str, Make] = {
     "LevelFollower": lambda r, c, f: zt.LevelFollower(r.random(), r.random(), 1e-3),
     "SeparableChannelConv": lambda r, c, f: zt.SeparableChannelConv(r.randint(1, 6), r.randint(1, 6)),
     "SelfAttention": lambda r, c, f: zt.SelfAttention(c, f, r.randint(0, 5)),
-    "constants": lambda r, c, f: Function(
-        lambda x, a=torch.rand(c, 1, f), b=torch.rand(f), d=torch.rand(c, 1, 1): (x * a + b) * b / (d + 1) - a
-    ),
+    "constants": make_constants,
     "PReLU": lambda r, c, f: nn.PReLU(r.choice([1, c])),
     "AvgPool2d": lambda r, c, f: nn.AvgPool2d((1, r.randint(1, 3))),
-    "pads and cuts": lambda r, c, f: Function(
-        lambda x, a=r.randint(0, 3), b=r.randint(0, 3), t=r.randint(1, 5): F.pad(x, (a, b, t, 0))[
-            :, :, : x.shape[2], 1:-1
-        ]
-        * 2.0
-    ),
+    "pads and cuts": make_pads,
 }
 functions: dict[str, Callable[[Tensor], Tensor]] = {
     "relu": torch.relu,
@@ -153,12 +156,12 @@ functions: dict[str, Callable[[Tensor], Tensor]] = {
     "softmax": lambda x: F.softmax(torch.cat([x, -x, x * x], 1), dim=1),
     "arithmetic": lambda x: 1 / (x + 0.5) - x * 3 + x / (2 + x) - (1 - x) * x,
     "reductions": lambda x: x - x.mean(3, keepdim=True) * x.sum(1, keepdim=True),
-    "chunks": lambda x: torch.cat(list(torch.cat([x, 2 * x], 1).chunk(2, 1))[::-1] + [x[..., :]], 1),
+    "chunks": lambda x: torch.cat([x[..., :], *list(torch.cat([x, 2 * x], 1).chunk(2, 1))[::-1]], 1),
     "bands": lambda x: torch.cat([x[..., 5:], x[..., :5] * 2], 3),
     "layouts": lambda x: x.permute(0, 3, 2, 1).transpose(1, 3).contiguous().flatten(0, 0),
     "nearest": lambda x: F.interpolate(x, scale_factor=(1.0, 2.0)),
 }
-kinds.update({name: lambda r, c, f, g=function: Function(g) for name, function in functions.items()})  # type: ignore[misc]
+kinds.update({name: lambda r, c, f, g=function: Function(g) for name, function in functions.items()})
 
 
 @pytest.mark.parametrize("name", kinds)
@@ -185,9 +188,9 @@ def test_streams_as_pytorch_computes_it(name: str, tmp_path: Path) -> None:
 
 
 def test_future_is_allowed_slice_by_slice(tmp_path: Path) -> None:
-    """Symmetric kernels and skips beside them: paired by count, and refused unless the latency is accepted."""
+    """Symmetric kernels and skips beside them: paired by count, refused unless the latency is accepted."""
 
-    class Symmetric(nn.Module):  # type: ignore[misc]
+    class Symmetric(nn.Module):
         def __init__(self) -> None:
             super().__init__()
             self.first, self.second = nn.Conv2d(1, 4, 5, padding=2), nn.Conv2d(5, 1, 3, padding=1)
@@ -195,7 +198,7 @@ def test_future_is_allowed_slice_by_slice(tmp_path: Path) -> None:
         def forward(self, x: Tensor) -> Tensor:
             return self.second(torch.cat([x, F.relu(self.first(x))], 1))
 
-    class Aligned(nn.Module):  # type: ignore[misc]
+    class Aligned(nn.Module):
         def __init__(self) -> None:
             super().__init__()
             self.ahead = zt.CausalConv2d(1, 3, (4, 3), look_ahead=2)
@@ -211,7 +214,7 @@ def test_future_is_allowed_slice_by_slice(tmp_path: Path) -> None:
         options = {"frames": (64, 64, 32), "quiet": True}
         with pytest.raises(zt.ExportError, match="future"):
             zt.export(module, file, look_ahead=2, **options)
-        assert len(zt.explain(module, **options)) == 2  # type: ignore[arg-type]
+        assert len(zt.explain(module, **options)) == 2
         assert not file.exists()
         report = zt.export(module, file, look_ahead=3, **options)
         assert report.parity is not None
@@ -219,7 +222,7 @@ def test_future_is_allowed_slice_by_slice(tmp_path: Path) -> None:
 
 
 def test_obstacles_are_told_all_at_once_with_their_lines(tmp_path: Path) -> None:
-    class Impossible(nn.Module):  # type: ignore[misc]
+    class Impossible(nn.Module):
         def __init__(self) -> None:
             super().__init__()
             self.memory = nn.LSTM(33, 33, batch_first=True)
@@ -239,7 +242,7 @@ def test_obstacles_are_told_all_at_once_with_their_lines(tmp_path: Path) -> None
         assert file == __file__ and problem.node.split("_")[0] in lines[int(line) - 1]
         assert problem.why and problem.instead
 
-    class Branches(nn.Module):  # type: ignore[misc]
+    class Branches(nn.Module):
         def forward(self, x: Tensor) -> Tensor:
             return x if x.sum() > 0 else -x
 
@@ -255,8 +258,12 @@ def test_a_file_that_is_too_far_off_is_not_left(tmp_path: Path) -> None:
     with pytest.raises(zt.ExportError, match="clamp"):
         zt.export(far, tmp_path / "file", frames=(64, 64, 32), quiet=True)
     assert not list(tmp_path.iterdir())
-    zt.export(Function(lambda x: torch.sigmoid((x * 0 - 30.0).clamp(-10, 10))), tmp_path / "file",
-              frames=(64, 64, 32), quiet=True)
+    zt.export(
+        Function(lambda x: torch.sigmoid((x * 0 - 30.0).clamp(-10, 10))),
+        tmp_path / "file",
+        frames=(64, 64, 32),
+        quiet=True,
+    )
 
 
 def test_half_precision_has_a_tolerance_of_its_own(tmp_path: Path) -> None:

@@ -13,7 +13,7 @@ import zevrant.torch as zt  # noqa: E402
 from zevrant.packings import ComplexBins, ComplexGroups, Magnitudes, Packing, RectifiedParts  # noqa: E402
 
 
-class Rough(torch.nn.Module):  # type: ignore[misc]
+class Rough(torch.nn.Module):
     """Masks or spectra that differ in every row and column."""
 
     def __init__(self, spectra: zt.Spectra) -> None:
@@ -59,16 +59,14 @@ def test_engine_and_spectra_agree(packing: tuple[Packing, Packing | None], mode:
                 output_packing=packing[1],
                 channels=2,
                 busses=["A", "B", "Rest"],
-                mode=mode,  # type: ignore[arg-type]
+                mode=mode,
                 mask_extrapolation=extrapolates,
             )
             network = Rough(spectra)
             zt.export(network, tmp_path / "rough", spectra=spectra, quiet=True)
             for channels in (2, 1, 3):  # other than the model's are averaged for the network
                 audio = make_music(channels, 3001)
-                stems = zevrant.separate(
-                    audio, 48000, tmp_path / "rough", mask_extrapolation=extrapolates
-                )
+                stems = zevrant.separate(audio, 48000, tmp_path / "rough", mask_extrapolation=extrapolates)
                 with torch.no_grad():
                     wanted = spectra(torch.from_numpy(audio)[None], network)[0].numpy()
                 got = np.stack(list(stems.values()))
@@ -97,4 +95,4 @@ def test_what_no_engine_could_run_is_refused() -> None:
         {"mode": "other"},
     ):
         with pytest.raises(ValueError, match=r"\w"):
-            zt.Spectra(**arguments)  # type: ignore[arg-type]
+            zt.Spectra(**arguments)

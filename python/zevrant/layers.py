@@ -85,7 +85,7 @@ class LeakyReLU:
 
 @dataclass(eq=False)
 class Norm:
-    """Gain and offset for each channel; mode 1 divides by the root mean square across channels before that."""
+    """Gain and offset for each channel; in mode 1 behind a division by the level across channels."""
 
     gain: Weights  # [channels]
     offset: Optional[Weights] = None  # [channels]; needed in mode 0

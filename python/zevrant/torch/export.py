@@ -18,7 +18,7 @@ from .lowering import Lowered, Lowering, Obstacle, Problem, record, trace
 from .spectra import Spectra
 
 if TYPE_CHECKING:
-    from .parity import ParityReport
+    from .parity import LayerParity, ParityReport
 
 _probe_frames = 97  # enough for what looks far back; no size that occurs elsewhere
 
@@ -82,7 +82,7 @@ def to_layout(features: Tensor, layout: str) -> Tensor:
 
 def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:
     """Steps and problems. The module is run in evaluation mode and left as it was."""
-    wasTraining = module.training
+    was_training = module.training
     module.eval()
     try:
         try:
@@ -107,7 +107,7 @@ def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:
         lowering = Lowering(graph, results, spectra.level_scale)
         return lowering.run(layout, rows, columns, out_rows, out_columns)
     finally:
-        module.train(wasTraining)
+        module.train(was_training)
 
 
 def _look_ahead_problems(lowered: Lowered) -> list[Problem]:
@@ -268,21 +268,23 @@ def export(
             print(parity)
         worst = parity.worst
         if worst is not None and not worst.relative_error <= tolerance:
-            raise ExportError(
-                f"no file is written: {worst.name} ({worst.kind}) is off by {worst.relative_error:.2g} of its "
-                f"root mean square, and the tolerance is {tolerance:g}"
-                + (
-                    "; a sigmoid is limited to inputs from -10 to 10, and clamp(-10, 10) before it makes both alike"
-                    if any(isinstance(step.record, records.Sigmoid) for step in lowered.steps)
-                    else ""
-                )
-            )
+            raise ExportError(_tell_distance(worst, tolerance, lowered))
     _write_whole(Path(path), content)
     for note in lowered.notes:
         if not quiet:
             print(f"note: {note}", file=sys.stderr)
     total = sum(step.multiply_adds for step in lowered.steps)
     return ExportReport(os.fspath(path), len(lowered.steps), total, lowered.notes, parity)
+
+
+def _tell_distance(worst: LayerParity, tolerance: float, lowered: Lowered) -> str:
+    text = (
+        f"no file is written: {worst.name} ({worst.kind}) is off by {worst.relative_error:.2g} of its root "
+        f"mean square, and the tolerance is {tolerance:g}"
+    )
+    if any(isinstance(step.record, records.Sigmoid) for step in lowered.steps):
+        text += "; a sigmoid is limited to inputs from -10 to 10, as clamp(-10, 10) before it does in PyTorch"
+    return text
 
 
 def _write_whole(path: Path, content: bytes) -> None:

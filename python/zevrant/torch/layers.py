@@ -1,9 +1,9 @@
 """The engine's own kinds of layer over whole sequences, differentiable.
 
 Every module takes [batch, channels, time, frequency] and streams: slice t of a result depends on slices up
-to t + look-ahead alone. A module that looks ahead gives fewer slices than it takes, and slice k of its result
-belongs to slice k of its input; `align` cuts what is merged with it to the same length. `docs/model-format.md`
-holds the formulas.
+to t + look-ahead alone. A module that looks ahead gives fewer slices than it takes, and slice k of its
+result belongs to slice k of its input; `align` cuts what is merged with it to the same length.
+`docs/model-format.md` holds the formulas.
 """
 
 from __future__ import annotations

@@ -144,9 +144,8 @@ class Spectra(nn.Module):
             raise ValueError(f"{packing}: a group holds 1 to 127 bins")
         if (packing.all_bins - packing.fine_bins) % packing.group_size:
             raise ValueError(f"{packing}: the bins above the fine ones have to fill whole groups")
-        if isinstance(packing, ComplexGroups) and self.output_packing.code != ComplexGroups.code:
-            if packing.group_size > 1:
-                raise ValueError("results of grouped rows can only be read back as groups")
+        if packing.group_size > 1 and not isinstance(self.output_packing, ComplexGroups):
+            raise ValueError("results of grouped rows can only be read back as groups")
 
     # ---- what a network meets -----------------------------------------------------------------------
 
