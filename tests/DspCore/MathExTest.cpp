@@ -30,10 +30,11 @@ TEST(MathEx, powersOfTwoMatchTheirDefinitions) {
         while ((std::int64_t{2} << logarithm) <= n) ++logarithm;
         const std::int64_t nearest = upper - n < std::llabs(n - upper / 2) ? upper : upper / 2;
         const auto expectPower = [n](int (*find)(int), std::int64_t expected) {
-            if (expected <= INT_MAX)
-                EXPECT_EQ(find(n), expected);
-            else
+            if (expected > INT_MAX) {
                 EXPECT_THROW(find(n), std::overflow_error);
+            } else {
+                EXPECT_EQ(find(n), expected);
+            }
         };
         expectPower(MathEx::findLargerPowerOfTwo, upper);
         expectPower(MathEx::findNearestPowerOfTwo, nearest);
@@ -83,7 +84,9 @@ TEST(MathEx, phasesWrapToTheNearestTurn) {
             const long double distance = std::remainder(static_cast<long double>(phase) - wrapped, turn);
             EXPECT_NEAR(static_cast<double>(distance), 0.0, tolerance) << phase;
             EXPECT_LE(std::abs(wrapped), std::numbers::pi + tolerance) << phase;
-            if (magnitude < 3.14) EXPECT_EQ(wrapped, phase);
+            if (magnitude < 3.14) {
+                EXPECT_EQ(wrapped, phase);
+            }
         }
 }
 

@@ -301,8 +301,8 @@ TEST_F(ZevrantProcessorTest, severalModelsWaitForBussesThatNoneFills) {
     for (const auto& list : processor.busOutputs) EXPECT_TRUE(list.empty());
 
     // The threads of the pool flush denormals, which this one does not.
-    processor.process(ComplexSignal32(1, 129, {FLT_MIN / 2.0f, -FLT_MIN / 2.0f}));
-    EXPECT_EQ(rowsOf(processor.busOutputs[0].front()), rowsOf(ComplexSignal32(1, 129, 0.0f)));
+    for (int i = 0; i < 2; ++i) processor.process(ComplexSignal32(1, 129, {FLT_MIN / 2.0f, -FLT_MIN / 2.0f}));
+    EXPECT_EQ(rowsOf(processor.busOutputs[0].back()), rowsOf(ComplexSignal32(1, 129, 0.0f)));
 }
 
 // Two busses: the model fills the first, nothing the second until the test does.
