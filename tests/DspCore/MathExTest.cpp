@@ -38,7 +38,9 @@ TEST(MathEx, powersOfTwoMatchTheirDefinitions) {
         };
         expectPower(MathEx::findLargerPowerOfTwo, upper);
         expectPower(MathEx::findNearestPowerOfTwo, nearest);
-        if (n >= 0) EXPECT_EQ(MathEx::log2(n), logarithm);
+        if (n >= 0) {
+            EXPECT_EQ(MathEx::log2(n), logarithm);
+        }
     }
 }
 
