@@ -1,4 +1,4 @@
-// What the rate converter is worth: its gain over frequency, what it adds to a pure tone, and how far it
+// How good the rate converter is: its gain over frequency, what it adds to a pure tone, and how far it
 // lets a tone through that the output rate cannot carry. Prints tables in Markdown.
 //
 // Each tone is a sine of amplitude 1 in blocks of 480 samples. Where the output can carry it, a sine of

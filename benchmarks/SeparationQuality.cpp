@@ -1,4 +1,4 @@
-// What the models that ship are worth, on mixes whose parts are known. Prints tables in Markdown.
+// How well the models that ship work, on mixes whose parts are known. Prints tables in Markdown.
 //
 //   scripts/render-mixes && build/release/benchmarks/SeparationQuality models build/mixes demo
 //

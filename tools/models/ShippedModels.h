@@ -6,7 +6,7 @@
 #include "modelwriter/ModelWriter.h"
 
 // The models that ship with the engine. Each is a known piece of signal processing, written out of the
-// engine's own layers; docs/models.md tells what they are worth.
+// engine's own layers; docs/models.md says how well they work.
 namespace zevrant::models {
 
 // Tonal sound against percussive sound.
