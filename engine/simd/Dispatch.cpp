@@ -1,8 +1,24 @@
 #include "simd/Dispatch.h"
 
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
 #if HWY_ARCH_X86
 #include <cpuid.h>
 #endif
+
+// What the assertions in Highway's headers call where they are compiled, as in a debug build. Weak, for a
+// program that links Highway as well.
+[[gnu::weak]] void hwy::Abort(const char* file, int line, const char* format, ...) {
+    std::fprintf(stderr, "%s:%d: ", file, line);
+    std::va_list values;
+    va_start(values, format);
+    std::vfprintf(stderr, format, values);
+    va_end(values);
+    std::fputc('\n', stderr);
+    std::abort();
+}
 
 namespace zevrant::simd {
 
