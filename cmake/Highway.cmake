@@ -5,5 +5,3 @@ if(NOT ZEVRANT_HIGHWAY_INCLUDE)
 endif()
 add_library(zevrant_highway INTERFACE)
 target_include_directories(zevrant_highway SYSTEM INTERFACE "${ZEVRANT_HIGHWAY_INCLUDE}")
-# Its checks of debug builds end in a function of the library that we do not link.
-target_compile_definitions(zevrant_highway INTERFACE HWY_IS_DEBUG_BUILD=0)
