@@ -1,6 +1,6 @@
-// Counts what a program asks the system allocator for, through new as well as through the C functions, and the
-// mutexes that it locks.
-// A test program that links zevrant_allocation_counter counts from its first instruction on.
+// Counts what a program asks the system allocator for, through new as well as through the C functions, and
+// the mutexes that it locks. A test program that links zevrant_allocation_counter counts from its first
+// instruction on.
 #pragma once
 
 #include <cstdint>

@@ -37,7 +37,9 @@ TEST(MathEx, powersOfTwoMatchTheirDefinitions) {
         };
         expectPower(MathEx::findLargerPowerOfTwo, upper);
         expectPower(MathEx::findNearestPowerOfTwo, nearest);
-        if (n >= 0) EXPECT_EQ(MathEx::log2(n), logarithm);
+        if (n >= 0) {
+            EXPECT_EQ(MathEx::log2(n), logarithm);
+        }
     }
 }
 
@@ -83,7 +85,9 @@ TEST(MathEx, phasesWrapToTheNearestTurn) {
             const long double distance = std::remainder(static_cast<long double>(phase) - wrapped, turn);
             EXPECT_NEAR(static_cast<double>(distance), 0.0, tolerance) << phase;
             EXPECT_LE(std::abs(wrapped), std::numbers::pi + tolerance) << phase;
-            if (magnitude < 3.14) EXPECT_EQ(wrapped, phase);
+            if (magnitude < 3.14) {
+                EXPECT_EQ(wrapped, phase);
+            }
         }
 }
 
