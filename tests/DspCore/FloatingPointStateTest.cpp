@@ -14,8 +14,13 @@ namespace {
 
 volatile float tiny = FLT_MIN;
 
+volatile float denormal = FLT_MIN / 2.0f;
+
+// What a product comes to, and what goes into one.
 bool flushes() {
-    return tiny * 0.5f == 0.0f;
+    const bool asResult = tiny * 0.5f == 0.0f, asOperand = denormal * 4.0f == 0.0f;
+    EXPECT_EQ(asResult, asOperand);
+    return asResult;
 }
 
 TEST(FloatingPointState, denormalsAreFlushedForTheLifeOfTheScope) {

@@ -130,9 +130,9 @@ TYPED_TEST(SignalTypes, multichannelSignalsRepeatTheFirstRow) {
 // The right operands are larger than the left ones, so that their own strides count and the left ones'
 // shapes decide. Small integers keep all results exact.
 TEST(Signals, operatorsGiveNewSignalsInTheShapeOfTheLeftOperand) {
-    const Signal32 a = makeRamp<Signal32>(2, 19), b = makeRamp<Signal32>(3, 50);
-    const ComplexSignal32 z = makeRamp<ComplexSignal32>(2, 19), w = makeRamp<ComplexSignal32>(3, 50);
+    const Signal32 a = makeRamp<Signal32>(2, 19), b = makeRamp<Signal32>(3, 50) * 3.0f;
     const std::complex<float> factor(0.5f, -2.0f);
+    const ComplexSignal32 z = makeRamp<ComplexSignal32>(2, 19), w = makeRamp<ComplexSignal32>(3, 50) * factor;
     ComplexSignal32 total = z;
     total += w;
     const auto expectEach = [](const auto& result, const auto& define) {
