@@ -50,10 +50,8 @@ int main(int argc, char** argv) {
 
 def time_blocks(folder: Path, build: Path) -> None:
     """A model whose network costs next to nothing, so that the calls are seen."""
-    writer = (
-        zevrant.ModelWriter("small").set_channels(2)
+    writer = zevrant.ModelWriter("small").set_channels(2)
     writer.set_frames(1024, 1024, 480).set_packing(Magnitudes(1))
-    )
     writer.add_layer("gain", "input", Conv(np.ones((1, 1, 1, 2)))).set_output("gain")
     writer.write(folder / "small.zevrant")
     (folder / "calls.c").write_text(c_source)
