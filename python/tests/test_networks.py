@@ -4,12 +4,10 @@ from __future__ import annotations
 
 from pathlib import Path
 
-import numpy as np
 import pytest
 
 torch = pytest.importorskip("torch")
 import networks  # noqa: E402
-import zevrant  # noqa: E402
 import zevrant.torch as zt  # noqa: E402
 
 frames = (128, 128, 64)
@@ -48,12 +46,7 @@ def test_exports_unchanged_and_sounds_alike(name: str, tmp_path: Path) -> None:
     report = zt.export(network, tmp_path / "network", spectra=spectra, quiet=True)
     assert report.parity is not None and report.parity.worst is not None
     assert report.parity.worst.relative_error < 2e-5
-    audio = 0.2 * np.random.default_rng(2).standard_normal((spectra.channels, 5000)).astype(np.float32)
-    stems = np.stack(list(zevrant.separate(audio, 48000, tmp_path / "network").values()))
-    with torch.no_grad():
-        wanted = spectra(torch.from_numpy(audio)[None], network)[0].numpy()
-    off = np.sum((stems - wanted) ** 2) / np.sum(wanted**2)
-    assert 10 * np.log10(off) < -100
+    assert report.parity.audio_error < -100
 
 
 def test_recurrence_has_a_way_out(tmp_path: Path) -> None:

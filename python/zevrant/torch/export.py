@@ -56,12 +56,15 @@ class ExportReport:
 
 def probe(spectra: Spectra, layout: str, frames: int = _probe_frames, seed: int = 1) -> Tensor:
     """Features of noise that swells and fades, [2, columns, frames, rows] in the module's layout."""
+    return to_layout(spectra.analyse(probe_audio(spectra, frames, seed)).features, layout)
+
+
+def probe_audio(spectra: Spectra, frames: int, seed: int) -> Tensor:
+    """[2, channels, samples] that make so many frames."""
     generator = torch.Generator().manual_seed(seed)
     samples = (frames - 1) * spectra.hop_size
     noise = torch.randn(2, spectra.channels, samples, generator=generator)
-    level = 0.05 + 0.25 * torch.linspace(0.0, 12.0, samples).sin().square()
-    features = spectra.analyse(noise * level).features
-    return to_layout(features, layout)
+    return noise * (0.05 + 0.25 * torch.linspace(0.0, 12.0, samples).sin().square())
 
 
 def to_layout(features: Tensor, layout: str) -> Tensor:
@@ -78,6 +81,14 @@ def to_layout(features: Tensor, layout: str) -> Tensor:
             raise ValueError(f"layout {layout!r}, but the features have more than one of what it leaves out")
         moved = moved.squeeze(-1)
     return moved
+
+
+def from_layout(results: Tensor, layout: str) -> Tensor:
+    """The way back to [batch, channels, time, frequency]."""
+    for _ in range(4 - len(layout)):
+        results = results.unsqueeze(-1)
+    roles = layout + "".join(role for role in "cf" if role not in layout)
+    return results.permute(*[roles.index(role) for role in "bctf"])
 
 
 def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:

@@ -287,7 +287,8 @@ class Spectra(nn.Module):
         ----------
         results : Tensor
             [batch, columns, frames, rows], the network's output. Result k belongs to frame k, so a network
-            that holds frames back has fewer results than there are frames.
+            that holds frames back has fewer results than there are frames; what one with strides makes beyond
+            the last frame is left out.
         spectrum : Tensor
             [batch, channels, frames, bins], from `transform`
 
@@ -296,8 +297,8 @@ class Spectra(nn.Module):
         Tensor
             [batch, busses, channels, frames of results, bins], complex
         """
-        busses = self.unpack(results)
-        frames = spectrum[:, None, :, : results.shape[2]]
+        busses = self.unpack(results[:, :, : spectrum.shape[2]])
+        frames = spectrum[:, None, :, : busses.shape[3]]
         if busses.shape[2] != spectrum.shape[1]:
             busses = busses.mean(2, keepdim=True).expand(-1, -1, spectrum.shape[1], -1, -1)
         if self.mode == "mask":
