@@ -105,9 +105,10 @@ class Separator(nn.Module):
     def __init__(self, shape: Shape) -> None:
         super().__init__()
         s = self.shape = shape
+        self.spectra = shape.spectra()
         bands, spread = band_tables(s)
         self.bands = FrequencyRescale(bands, s.bins)
-        self.level = LevelFollower(s.attack, s.release, 1e-3, s.spectra().level_scale)
+        self.level = LevelFollower(s.attack, s.release, 1e-3, self.spectra.level_scale)
         inputs = s.channels * len(s.knees)
         self.knees = CausalConv2d(s.channels, inputs, (1, 1), bias=False)
         self.one = ChannelGain(inputs)
