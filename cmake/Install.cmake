@@ -49,7 +49,7 @@ foreach(component runtime development)
   install(FILES THIRD_PARTY_NOTICES.md
     DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_${component}}" COMPONENT ${component})
 endforeach()
-if(ZEVRANT_TOOLS)
+if(ZEVRANT_PROGRAM)
   install(FILES THIRD_PARTY_NOTICES.md
     DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${notices_tools}" COMPONENT tools)
 endif()

@@ -301,4 +301,22 @@ ComplexSignal32 ComplexSignal32::fromPolar(const Signal<float>& magnitude, const
     return result;
 }
 
+// ---- interleaved audio ------------------------------------------------------------------------
+
+void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out) {
+    for (int c = 0; c < out.numOfChannels; ++c) {
+        const float* in = interleaved + c;
+        float* row = out.getWriteChannelPtr(c);
+        for (int i = 0; i < out.numOfSamples; ++i) row[i] = in[std::ptrdiff_t{i} * numOfChannelsPerFrame];
+    }
+}
+
+void interleave(const Signal32& in, float* interleaved, int numOfChannelsPerFrame) {
+    for (int c = 0; c < in.numOfChannels; ++c) {
+        const float* row = in.getReadChannelPtr(c);
+        float* out = interleaved + c;
+        for (int i = 0; i < in.numOfSamples; ++i) out[std::ptrdiff_t{i} * numOfChannelsPerFrame] = row[i];
+    }
+}
+
 }  // namespace zevrant

@@ -165,4 +165,10 @@ class ComplexSignal64 : public Signal<std::complex<double>> {
     static const ComplexSignal64 empty;
 };
 
+// Audio that lies frame by frame, to the rows of a signal and back: element (c, i) of the signal stands at
+// interleaved[i * numOfChannelsPerFrame + c]. The signal gives the shape; frames may have further channels
+// before and behind those of the signal, which are left alone.
+void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out);
+void interleave(const Signal32& in, float* interleaved, int numOfChannelsPerFrame);
+
 }  // namespace zevrant

@@ -68,10 +68,7 @@ void ProcessorState::addAudio(const float** channels, int numOfSamples) {
 
 void ProcessorState::addAudioInterleaved(const float* samples, int numOfSamples) {
     Signal32 input(numOfInputChannels, numOfSamples);
-    for (int c = 0; c < numOfInputChannels; ++c) {
-        float* row = input.getWriteChannelPtr(c);
-        for (int i = 0; i < numOfSamples; ++i) row[i] = samples[std::ptrdiff_t{i} * numOfInputChannels + c];
-    }
+    deinterleave(samples, numOfInputChannels, input);
     outputQueue.add(process(input));
 }
 
@@ -105,10 +102,8 @@ bool ProcessorState::getAudioInterleaved(float* samples, int numOfSamples) {
     Signal32 audio;
     if (!takeQueued(numOfSamples, audio)) return false;
     if (numOfSamples < 1) return true;
-    for (int c = 0; c < numOfOutputChannels; ++c) {
-        const float* row = audio.getReadChannelPtr(c);
-        for (int i = 0; i < numOfSamples; ++i) samples[std::ptrdiff_t{i} * numOfOutputChannels + c] = row[i];
-    }
+    audio.numOfChannels = numOfOutputChannels;
+    interleave(audio, samples, numOfOutputChannels);
     return true;
 }
 

@@ -119,14 +119,26 @@ ZevrantProcessor::~ZevrantProcessor() = default;
 // ---- loading and formats ----------------------------------------------------------------------
 
 bool ZevrantProcessor::loadModelFiles(const std::vector<File>& files) {
-    numOfModels = static_cast<std::int32_t>(files.size());
-    neuralModels.resize(files.size());
+    return fillModels(files.size(), [&](std::size_t i) { return neuralModels[i].loadModel(files[i]); });
+}
+
+bool ZevrantProcessor::setModels(const std::vector<NeuralModel<float>>& models) {
+    return fillModels(models.size(), [&](std::size_t i) {
+        neuralModels[i] = models[i];
+        return true;
+    });
+}
+
+template <class Fill>
+bool ZevrantProcessor::fillModels(std::size_t count, const Fill& fill) {
+    numOfModels = static_cast<std::int32_t>(count);
+    neuralModels.resize(count);
     modelInputFormat = {};
     modelOutputFormat = {};
     outputBusNames.clear();
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        NeuralModel<float>& model = neuralModels[i];
-        if (!model.loadModel(files[i])) return false;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (!fill(i)) return false;
+        const NeuralModel<float>& model = neuralModels[i];
         if (!agreesInFrameSizes(model)) return false;
         if (!acceptFormat(modelInputFormat, model.numOfInputChannels, model.sampleRate)) return false;
         if (!acceptFormat(modelOutputFormat, model.numOfOutputChannels, model.sampleRate)) return false;

@@ -62,6 +62,9 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     // set is kept.
     bool loadModelFiles(const std::vector<File>& files);
 
+    // The same with models that are loaded already and that nothing else runs: a copy shares its state.
+    bool setModels(const std::vector<NeuralModel<float>>& models);
+
     // False without loaded models. Every change of format drops all streaming state.
     bool setFormat(const AudioFormat& input, const AudioFormat& output) override;
 
@@ -137,6 +140,8 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     // same number to rounding; bins that are not finite take the way through the angle.
     ComplexSignal32 processSensitivity(float sensitivity, const ComplexSignal32& mask);
 
+    template <class Fill>
+    bool fillModels(std::size_t count, const Fill& fill);
     bool acceptFormat(AudioFormat& modelFormat, int numOfChannels, double sampleRate);
     bool agreesInFrameSizes(const NeuralModel<float>& model) const;
     int getNumOfBusLists() const { return getNumOfOutputBusses(false); }

@@ -353,6 +353,30 @@ TEST_F(PipeTest, rawFloatsGoThroughAsTheyAre) {
     EXPECT_LT(calcDifference(file, sound), -120.0);
 }
 
+// libsndfile makes the samples and judges what comes back.
+TEST_F(PipeTest, rawSamplesOfAllFormatsAndByteOrders) {
+    makeModel({.channels = 2, .delay = 1});
+    const std::pair<std::string, int> formats[] = {{"s16", SF_FORMAT_PCM_16},
+                                                   {"s24", SF_FORMAT_PCM_24},
+                                                   {"s32", SF_FORMAT_PCM_32},
+                                                   {"f32", SF_FORMAT_FLOAT},
+                                                   {"f64", SF_FORMAT_DOUBLE}};
+    for (const auto& [name, format] : formats)
+        for (const bool isBigEndian : {false, true}) {
+            SCOPED_TRACE(name);
+            const int order = isBigEndian ? SF_ENDIAN_BIG : SF_ENDIAN_LITTLE;
+            Sound sound = makeNoise(2, 44100, SF_FORMAT_RAW | order | format, 1500);
+            write(folder.getPath("raw"), sound);
+            const std::string bytes = folder.readFile("raw");
+            const Outcome outcome = pipe(bytes, {"--raw-channels", "2", "--raw-rate", "44100", "--raw-format",
+                                                 name + (isBigEndian ? "be" : "le")});
+            ASSERT_EQ(outcome.out.size(), bytes.size()) << outcome.err;
+            EXPECT_TRUE(format != SF_FORMAT_PCM_16 || outcome.out == bytes);
+            folder.makeFile("after", outcome.out);
+            EXPECT_LT(calcDifference(read(folder.getPath("after"), sound), sound), -80.0);
+        }
+}
+
 TEST_F(PipeTest, aRegularFileAsStandardInputMayHaveAnyFormat) {
     makeModel({});
     const Sound sound = makeNoise(2, 44100, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 2000);

@@ -64,8 +64,11 @@ inline std::string write(const std::string& path, const Sound& sound) {
     return path;
 }
 
-inline Sound read(const std::string& path) {
+// Of samples without a header, raw tells the format.
+inline Sound read(const std::string& path, const Sound& raw = {}) {
     SF_INFO info = {};
+    if ((raw.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_RAW)
+        info = {0, raw.sampleRate, raw.channels, raw.format, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (!file) throw std::runtime_error(path + ": " + sf_strerror(nullptr));
     Sound sound{info.channels, info.samplerate, info.format};

@@ -9,7 +9,8 @@
 
 #include "cli/Commands.h"
 #include "cli/Interruption.h"
-#include "cli/Separator.h"
+#include "cli/Model.h"
+#include "separation/Separator.h"
 
 namespace zevrant::cli {
 
@@ -41,9 +42,10 @@ std::vector<float> makeNoise(std::size_t numOfValues) {
 
 Timing measure(const Model& model, int channels, double sampleRate, int blockSize, double seconds) {
     using Clock = std::chrono::steady_clock;
-    const auto mixer = createMixer(model, channels, sampleRate, BusControls(0));
+    separation::Separator mixer(model, separation::Output::Mix, channels, sampleRate);
     const auto numOfBlocks = std::max(fewestBlocks, static_cast<int>(seconds * sampleRate / blockSize));
-    const auto numOfWarmUps = static_cast<int>((mixer->latency + warmUpSeconds * sampleRate) / blockSize) + 1;
+    const auto numOfWarmUps =
+        static_cast<int>((mixer.getLatency() + warmUpSeconds * sampleRate) / blockSize) + 1;
     // One second of noise is cycled through, so that generating it takes no part.
     const auto width = static_cast<std::size_t>(channels);
     const std::size_t cycle = std::max<std::size_t>(static_cast<std::size_t>(sampleRate), 1);
@@ -56,8 +58,8 @@ Timing measure(const Model& model, int channels, double sampleRate, int blockSiz
     for (int i = -numOfWarmUps; i < numOfBlocks; ++i) {
         stopIfInterrupted();
         const Clock::time_point start = Clock::now();
-        mixer->add(noise.data() + position * width, blockSize);
-        while (mixer->getNumOfPendingSamples() >= blockSize) mixer->take(output.data(), blockSize);
+        mixer.addInterleaved(noise.data() + position * width, blockSize);
+        while (mixer.getNumOfPendingSamples() >= blockSize) mixer.takeInterleaved(output.data(), blockSize);
         if (i >= 0) times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
         position = (position + static_cast<std::size_t>(blockSize)) % cycle;
     }
@@ -83,7 +85,7 @@ struct BenchCommand {
     bool asJson = false;
 
     void run() {
-        const Model opened = loadModel(model);
+        const Model opened = Model::open(model);
         const int numOfChannels = channels > 0 ? channels : std::max(opened.network.numOfInputChannels, 1);
         if (sampleRates.empty()) sampleRates = {opened.network.sampleRate, 2.0 * opened.network.sampleRate};
         Json rows = Json::array();

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/Audio.h"
+#include "audiofiles/Audio.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Interruption.h"
@@ -46,7 +46,8 @@ class Comparison {
 
 Comparison compareFiles(const std::string& estimatePath, const std::string& referencePath) {
     constexpr int blockSize = 16384;
-    const auto estimate = openAudio(estimatePath), reference = openAudio(referencePath);
+    const auto estimate = audiofiles::openAudio(estimatePath),
+               reference = audiofiles::openAudio(referencePath);
     const int channels = reference->description.numOfChannels;
     if (estimate->description.numOfChannels != channels ||
         estimate->description.sampleRate != reference->description.sampleRate)

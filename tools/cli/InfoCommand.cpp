@@ -7,7 +7,7 @@
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/ModelReport.h"
-#include "cli/Separator.h"
+#include "separation/Separator.h"
 
 namespace zevrant::cli {
 
@@ -63,7 +63,8 @@ struct Summary {
     explicit Summary(const Model& opened)
         : model(opened), network(opened.network), report(describeModel(opened)) {
         const int channels = network.numOfInputChannels > 0 ? network.numOfInputChannels : 1;
-        latency = createMixer(model, channels, network.sampleRate, BusControls(0))->latency;
+        latency =
+            separation::Separator(model, separation::Output::Mix, channels, network.sampleRate).getLatency();
         framesPerSecond = network.sampleRate / network.hopSize;
     }
 
@@ -226,8 +227,9 @@ void printDot(const Summary& summary) {
 }
 
 void printModelList() {
-    for (const std::string& name : listModels()) std::printf("%s\n", name.c_str());
-    for (const auto& folder : getModelFolders()) std::printf("  looked for in %s\n", folder.c_str());
+    for (const std::string& name : separation::listModels()) std::printf("%s\n", name.c_str());
+    for (const auto& folder : separation::getModelFolders())
+        std::printf("  looked for in %s\n", folder.c_str());
 }
 
 struct InfoCommand {
@@ -237,7 +239,7 @@ struct InfoCommand {
 
     void run() const {
         if (model.empty()) return printModelList();
-        const Model opened = loadModel(model);
+        const Model opened = Model::open(model);
         const Summary summary(opened);
         if (asDot)
             printDot(summary);

@@ -4,9 +4,10 @@
 
 #include <sndfile.h>
 
+#include "audiofiles/Pass.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
-#include "cli/Pass.h"
+#include "cli/Progress.h"
 #include "cli/SeparationOptions.h"
 
 namespace zevrant::cli {
@@ -37,25 +38,33 @@ struct ProcessCommand : SeparationOptions {
     }
 
     void run() const {
-        const Model opened = loadModel(model);
+        const Model opened = Model::open(model);
         BusControls controls = getControls(opened);
         setGains(opened, controls);
         const auto reader = openInput();
         AudioDescription description = describeOutput(*reader);
-        if (output == "-" && writesRaw) description.container = SF_FORMAT_RAW;
+        if (output == "-" && writesRaw) {
+            const audiofiles::RawSampleFormat raw = getRawSampleFormat();
+            description.container = SF_FORMAT_RAW;
+            description.sampleFormat = raw.sampleFormat;
+            description.isBigEndian = raw.isBigEndian;
+        }
         const double workingRate = getWorkingRate(*reader, opened);
-        const auto mixer = createGroups(description.numOfChannels, channelsPerGroup, [&](int channels) {
-            return createMixer(opened, channels, workingRate, controls);
-        });
+        Separator mixer(opened, Output::Mix, description.numOfChannels, workingRate, channelsPerGroup);
+        controls.applyTo(mixer);
 
-        ProtectedFiles inputs;
+        audiofiles::ProtectedFiles inputs;
         inputs.add(input);
         inputs.add(opened.path);
-        const auto writer = createAudio(output, description, inputs);
+        const auto writer = audiofiles::createAudio(output, description, inputs);
         {
             Progress progress("process", description.numOfSamples, description.sampleRate, isQuiet);
-            runPass(*reader, *mixer, workingRate, blockSize, progress,
-                    [&](const PassBlock& block) { writer->write(block.output, block.numOfSamples); });
+            std::int64_t numOfSamplesDone = 0;
+            audiofiles::runPass(*reader, mixer, workingRate, blockSize,
+                                [&](const audiofiles::PassBlock& block) {
+                                    writer->write(block.output, block.numOfSamples);
+                                    progress.show(numOfSamplesDone += block.numOfSamples);
+                                });
         }
         writer->close();
         writer->commit();
@@ -80,7 +89,7 @@ void addProcessCommand(CLI::App& program) {
         ->allow_extra_args(false);
     command->add_option("--solo", options->solos, "BUS: silence all others. May be repeated")
         ->allow_extra_args(false);
-    command->add_flag("--raw", options->writesRaw, "With -o -: raw 32-bit floats instead of WAV");
+    command->add_flag("--raw", options->writesRaw, "With -o -: samples without a header instead of WAV");
     command->footer(
         "The output lines up with the input sample for sample and has its length. Busses are named or "
         "numbered\n"

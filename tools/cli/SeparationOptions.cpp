@@ -5,8 +5,8 @@
 
 #include <sndfile.h>
 
+#include "audiofiles/SampleFormat.h"
 #include "cli/Failure.h"
-#include "cli/SampleFormat.h"
 
 namespace zevrant::cli {
 
@@ -15,6 +15,15 @@ namespace {
 constexpr int numOfControls = 16;  // busses with a gain and a sensitivity in the engine
 
 }  // namespace
+
+void BusControls::applyTo(Separator& separator) const {
+    separator.setMaskExtrapolationEnabled(extrapolatesMasks);
+    for (int bus = 0; bus < std::ssize(gains); ++bus) {
+        const auto index = static_cast<std::size_t>(bus);
+        separator.setGain(bus, gains[index]);
+        separator.setSensitivity(bus, sensitivities[index]);
+    }
+}
 
 void SeparationOptions::addTo(CLI::App& command) {
     command
@@ -41,19 +50,29 @@ void SeparationOptions::addTo(CLI::App& command) {
         ->capture_default_str();
     command.add_option("--sample-format", sampleFormat,
                        "pcm16, pcm24, pcm32, float or double, instead of the input's own");
-    command.add_option("--raw-channels", rawChannels, "Input without a header: channels of 32-bit floats")
+    command.add_option("--raw-channels", rawChannels, "Input without a header: its channels")
         ->check(CLI::Range(1, 1024));
     command.add_option("--raw-rate", rawRate, "Input without a header: sample rate in Hz")
         ->check(CLI::Range(1, 10000000));
+    command
+        .add_option("--raw-format", rawFormat,
+                    "Samples without a header, in and out: s16, s24, s32, f32 or f64, and le or be behind it")
+        ->capture_default_str();
     command.add_flag("-q,--quiet", isQuiet, "No progress bar and no notes");
 }
 
 std::unique_ptr<AudioReader> SeparationOptions::openInput() const {
     if ((rawChannels > 0) != (rawRate > 0))
         throw Failure(ExitStatus::WrongUsage, "--raw-channels and --raw-rate go together");
-    std::optional<RawFormat> raw;
-    if (rawChannels > 0) raw = RawFormat{rawChannels, rawRate};
-    return openAudio(input, raw);
+    const audiofiles::RawFormat raw{rawChannels, rawRate, getRawSampleFormat()};
+    return audiofiles::openAudio(input, rawChannels > 0 ? std::optional(raw) : std::nullopt);
+}
+
+audiofiles::RawSampleFormat SeparationOptions::getRawSampleFormat() const {
+    if (const auto format = audiofiles::parseRawSampleFormat(rawFormat)) return *format;
+    throw Failure(
+        ExitStatus::WrongUsage,
+        "--raw-format " + rawFormat + ": has to be s16, s24, s32, f32 or f64 with le or be behind it");
 }
 
 BusControls SeparationOptions::getControls(const Model& opened) const {
@@ -73,7 +92,7 @@ double SeparationOptions::getWorkingRate(const AudioReader& reader, const Model&
 AudioDescription SeparationOptions::describeOutput(const AudioReader& reader) const {
     AudioDescription description = reader.description;
     if (!sampleFormat.empty()) {
-        description.sampleFormat = parseSampleFormat(sampleFormat);
+        description.sampleFormat = audiofiles::parseSampleFormat(sampleFormat);
         if (description.sampleFormat == 0)
             throw Failure(ExitStatus::WrongUsage, "--sample-format " + sampleFormat +
                                                       ": has to be pcm16, pcm24, pcm32, float or double");

@@ -7,16 +7,36 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli/Audio.h"
-#include "cli/Separator.h"
+#include "audiofiles/Audio.h"
+#include "cli/Model.h"
+#include "separation/Separator.h"
 
 namespace zevrant::cli {
+
+using audiofiles::AudioDescription;
+using audiofiles::AudioReader;
+using separation::Output;
+using separation::Separator;
+
+// Where the controls of the busses are to stand; all neutral at the start.
+struct BusControls {
+    explicit BusControls(int numOfBusses)
+        : gains(static_cast<std::size_t>(numOfBusses), 1.0f),
+          sensitivities(static_cast<std::size_t>(numOfBusses), 0.0f) {}
+
+    void applyTo(Separator& separator) const;
+
+    std::vector<float> gains;          // linear
+    std::vector<float> sensitivities;  // -100 to 100
+    bool extrapolatesMasks = true;
+};
 
 // What the commands that run audio through a model have in common on their command lines.
 struct SeparationOptions {
     void addTo(CLI::App& command);
 
     std::unique_ptr<AudioReader> openInput() const;
+    audiofiles::RawSampleFormat getRawSampleFormat() const;
     BusControls getControls(const Model& model) const;  // without gains
     double getWorkingRate(const AudioReader& reader, const Model& model) const;
 
@@ -33,6 +53,7 @@ struct SeparationOptions {
     int channelsPerGroup = 0;  // 0: all channels together
     int rawChannels = 0;
     int rawRate = 0;
+    std::string rawFormat = "f32le";
     std::string sampleFormat;
 };
 

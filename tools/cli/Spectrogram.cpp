@@ -22,7 +22,7 @@ float toDecibels(double power) {
 // Hands out the frames of a stream: frame k has its middle at sample k * hop, with zeros around the stream.
 class FrameReader {
   public:
-    FrameReader(AudioReader& source, int frameSize, int hop)
+    FrameReader(audiofiles::AudioReader& source, int frameSize, int hop)
         : reader(source),
           channels(source.description.numOfChannels),
           numOfFrameSamples(frameSize),
@@ -65,7 +65,7 @@ class FrameReader {
         }
     }
 
-    AudioReader& reader;
+    audiofiles::AudioReader& reader;
     int channels, numOfFrameSamples, numOfHopSamples;
     std::vector<float> samples;  // from the start of the next frame on
     std::vector<float> block;
@@ -111,7 +111,7 @@ double FrequencyScale::toFrequency(double position) const {
     return lowest + position * (highest - lowest);
 }
 
-LevelGrid calcSpectrogram(AudioReader& reader, double secondsPerColumn, int height, int frameSize,
+LevelGrid calcSpectrogram(audiofiles::AudioReader& reader, double secondsPerColumn, int height, int frameSize,
                           const FrequencyScale& scale) {
     const int channels = reader.description.numOfChannels;
     const double sampleRate = reader.description.sampleRate;

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/Audio.h"
+#include "audiofiles/Audio.h"
 
 namespace zevrant::cli {
 
@@ -31,7 +31,7 @@ struct LevelGrid {
 
 // Reads a file of known length to its end and averages the power of Hann-windowed frames over its channels
 // and over the frames of each column. The columns have this length; frames overlap by three quarters or more.
-LevelGrid calcSpectrogram(AudioReader& reader, double secondsPerColumn, int height, int frameSize,
+LevelGrid calcSpectrogram(audiofiles::AudioReader& reader, double secondsPerColumn, int height, int frameSize,
                           const FrequencyScale& scale);
 
 }  // namespace zevrant::cli

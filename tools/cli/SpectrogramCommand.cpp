@@ -29,13 +29,13 @@ struct SpectrogramCommand {
     void run() const {
         if (titles.size() > inputs.size())
             throw Failure(ExitStatus::WrongUsage, "--title: there are more titles than files");
-        ProtectedFiles protectedInputs;
-        std::vector<std::unique_ptr<AudioReader>> readers;
+        audiofiles::ProtectedFiles protectedInputs;
+        std::vector<std::unique_ptr<audiofiles::AudioReader>> readers;
         double seconds = 0.0, highestRate = 0.0;
         for (const std::string& input : inputs) {
-            readers.push_back(openAudio(input));
+            readers.push_back(audiofiles::openAudio(input));
             protectedInputs.add(input);
-            const AudioDescription& description = readers.back()->description;
+            const audiofiles::AudioDescription& description = readers.back()->description;
             if (description.numOfSamples < 0)
                 throw Failure(ExitStatus::BadInput,
                               readers.back()->name + ": a picture needs to know the length beforehand");
@@ -53,7 +53,7 @@ struct SpectrogramCommand {
         picture.scale.isLogarithmic = !isLinear;
         picture.scale.highest = highestFrequency > 0.0 ? highestFrequency : highestRate / 2.0;
         picture.scale.lowest = isLinear ? 0.0 : std::min(lowestFrequency, picture.scale.highest / 10.0);
-        OutputFile file(output, protectedInputs);
+        audiofiles::OutputFile file(output, protectedInputs);
         const double secondsPerColumn = seconds / SpectrogramPicture::getPlotWidth(width);
         for (std::size_t i = 0; i < inputs.size(); ++i) {
             const std::string name = std::filesystem::path(inputs[i]).filename().string();
@@ -66,7 +66,7 @@ struct SpectrogramCommand {
         file.commit();
     }
 
-    int chooseFrameSize(const AudioReader& reader) const {
+    int chooseFrameSize(const audiofiles::AudioReader& reader) const {
         if (frameSize > 0) return static_cast<int>(std::bit_ceil(static_cast<unsigned>(frameSize)));
         return static_cast<int>(
             std::bit_ceil(static_cast<unsigned>(frameSeconds * reader.description.sampleRate)));

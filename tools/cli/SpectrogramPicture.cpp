@@ -251,13 +251,13 @@ class Drawing {
 
 // Takes PNG bytes from cairo. C code stands in between, so an exception waits until that has returned.
 struct PngTarget {
-    OutputFile& file;
+    audiofiles::OutputFile& file;
     std::exception_ptr failure;
 
     static cairo_status_t write(void* closure, const unsigned char* bytes, unsigned int count) {
         auto& target = *static_cast<PngTarget*>(closure);
         try {
-            writeFully(target.file.getDescriptor(), bytes, count, target.file.getPath().string());
+            audiofiles::writeFully(target.file.getDescriptor(), bytes, count, target.file.getPath().string());
             return CAIRO_STATUS_SUCCESS;
         } catch (...) {
             target.failure = std::current_exception();
@@ -285,7 +285,7 @@ std::array<std::uint32_t, 256> makeColourMap() {
     return colours;
 }
 
-void SpectrogramPicture::write(OutputFile& file) const {
+void SpectrogramPicture::write(audiofiles::OutputFile& file) const {
     const Surface surface = makeSurface(width, getHeight(static_cast<int>(panels.size()), panelHeight));
     Drawing(*this, surface.get()).draw();
     PngTarget target{file, nullptr};

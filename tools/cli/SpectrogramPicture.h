@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/OutputFile.h"
+#include "audiofiles/OutputFile.h"
 #include "cli/Spectrogram.h"
 
 namespace zevrant::cli {
@@ -27,7 +27,7 @@ struct SpectrogramPicture {
     static int getPlotWidth(int pictureWidth) { return pictureWidth - leftMargin - rightMargin; }
 
     // Throws Failure with BadOutput.
-    void write(OutputFile& file) const;
+    void write(audiofiles::OutputFile& file) const;
 
     std::vector<SpectrogramPanel> panels;  // grids of panelHeight rows
     FrequencyScale scale;

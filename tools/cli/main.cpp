@@ -6,9 +6,12 @@
 #include <new>
 #include <string>
 
+#include "audiofiles/Error.h"
+#include "audiofiles/Interruption.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Interruption.h"
+#include "separation/Error.h"
 
 namespace {
 
@@ -41,6 +44,25 @@ int report(int status, const char* text) noexcept {
     return status;
 }
 
+ExitStatus getStatus(zevrant::audiofiles::ErrorKind kind) {
+    using Kind = zevrant::audiofiles::ErrorKind;
+    switch (kind) {
+        case Kind::BadInput:
+            return ExitStatus::BadInput;
+        case Kind::BadOutput:
+            return ExitStatus::BadOutput;
+        case Kind::Unsupported:
+            return ExitStatus::WrongUsage;
+        default:
+            return ExitStatus::Failed;
+    }
+}
+
+ExitStatus getStatus(zevrant::separation::ErrorKind kind) {
+    using Kind = zevrant::separation::ErrorKind;
+    return kind == Kind::NoSuchModel || kind == Kind::BadModel ? ExitStatus::BadModel : ExitStatus::Failed;
+}
+
 int run(int argc, char** argv) {
     CLI::App program(description, "zevrant");
     program.footer(footer);
@@ -70,6 +92,10 @@ int run(int argc, char** argv) {
         return report(ExitStatus::WrongUsage, (std::string(error.what()) + " (see zevrant --help)").c_str());
     } catch (const Failure& failure) {
         return report(failure.status, failure.what());
+    } catch (const zevrant::audiofiles::Error& error) {
+        return report(getStatus(error.kind), error.what());
+    } catch (const zevrant::separation::Error& error) {
+        return report(getStatus(error.kind), error.what());
     } catch (const std::bad_alloc&) {
         return report(ExitStatus::Failed, "out of memory");
     }
@@ -82,6 +108,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     noteInterruptions();
+    zevrant::audiofiles::setInterruptionCheck(stopIfInterrupted);
     try {
         return run(argc, argv);
     } catch (const Interrupted& interrupted) {

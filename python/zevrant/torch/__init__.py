@@ -5,10 +5,12 @@ Tensors are [batch, channels, time, frequency], as PyTorch's Conv2d takes them.
 """
 
 from ..packings import ComplexBins, ComplexGroups, Magnitudes, Packing, RectifiedParts
+from .export import ExportError, ExportReport, explain, export
 from .layers import (
     CausalConv2d,
     CausalConvTranspose2d,
     ChannelGain,
+    DilatedMemory,
     FrequencyDense,
     FrequencyRescale,
     LevelFollower,
@@ -18,6 +20,7 @@ from .layers import (
     SeparableChannelConv,
     align,
 )
+from .parity import LayerParity, ParityReport, check_parity
 from .spectra import Spectra
 
 __all__ = [
@@ -26,16 +29,24 @@ __all__ = [
     "ChannelGain",
     "ComplexBins",
     "ComplexGroups",
+    "DilatedMemory",
+    "ExportError",
+    "ExportReport",
     "FrequencyDense",
     "FrequencyRescale",
+    "LayerParity",
     "LevelFollower",
     "LevelNorm",
     "Magnitudes",
     "Packing",
+    "ParityReport",
     "RMSNorm",
     "RectifiedParts",
     "SelfAttention",
     "SeparableChannelConv",
     "Spectra",
     "align",
+    "check_parity",
+    "explain",
+    "export",
 ]
