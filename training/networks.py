@@ -2,8 +2,11 @@
 from __future__ import annotations
 
 import bisect
-from dataclasses import asdict, dataclass
+from copy import deepcopy
+from dataclasses import dataclass
+from pathlib import Path
 
+import places  # noqa: F401 (finds the package zevrant)
 import torch
 from torch import Tensor, nn
 from torch.nn import functional
@@ -148,8 +151,24 @@ class Separator(nn.Module):
         return self.spread(torch.sigmoid(self.masks(x)))
 
 
-def describe(shape: Shape) -> dict[str, object]:
-    return asdict(shape)
+def exportable(network: Separator) -> Separator:
+    """A copy in which every layer is one that the exporter knows."""
+    copy = deepcopy(network).eval()
+    for parent in list(copy.modules()):
+        for name, child in parent.named_children():
+            if isinstance(child, Upsample):
+                plain = CausalConvTranspose2d(child.in_channels, child.out_channels, child.kernel_size, child.stride)
+                plain.load_state_dict(child.state_dict())
+                setattr(parent, name, plain)
+    return copy
+
+
+def load(path: Path) -> Separator:
+    """The averaged network of a checkpoint."""
+    state = torch.load(path, map_location="cpu")
+    network = Separator(Shape(**state["shape"]))
+    network.load_state_dict(state["average"])
+    return network.eval()
 
 
 def multiply_adds(network: Separator) -> int:
