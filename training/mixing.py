@@ -5,6 +5,7 @@ rest; `mixture.*` is passed over. Generated songs and recordings lie in the same
 """
 from __future__ import annotations
 
+from abc import ABC, abstractmethod
 from dataclasses import dataclass, field
 from math import gcd
 from pathlib import Path
@@ -75,8 +76,21 @@ def find_songs(folder: Path, targets: tuple[str, ...]) -> list[Song]:
     return found
 
 
-class SongMixer:
-    """Draws excerpts [stems, samples, 2]: the targets in their order, then the rest. They add up to the mix."""
+class Mixer(ABC):
+    """Draws excerpts [stems, samples, channels]: the targets in their order, then the rest. They add up to the mix."""
+
+    @abstractmethod
+    def draw(self, c: Chance) -> Audio:
+        ...
+
+    def batch(self, seed: int, step: int, count: int) -> npt.NDArray[np.float32]:
+        """[count, stems, channels, samples]; the same for the same seed and step."""
+        items = [self.draw(np.random.default_rng([seed, step, item])) for item in range(count)]
+        return np.stack(items).transpose(0, 1, 3, 2).copy()
+
+
+class SongMixer(Mixer):
+    """Songs as they were written, and bands whose players never met."""
 
     def __init__(self, collections: list[tuple[list[Song], float]], targets: tuple[str, ...], samples: int) -> None:
         self.collections, self.targets, self.samples = collections, targets, samples
@@ -125,7 +139,7 @@ class SongMixer:
                 stems[-1] = self.band(c)
         for number in range(len(stems)):
             if c.random() < 0.2:
-                stems[number] = self.change_speed(stems[number], c)
+                stems[number] = effects.change_speed(stems[number], c, self.samples)
             if c.random() < 0.5:
                 stems[number] = -stems[number]
         return self.level(stems, c)
@@ -138,12 +152,6 @@ class SongMixer:
             sources = song.stems["rest"]
             out += self.part(sources[c.integers(len(sources))], self.begin(song, c), c, False)
         return out
-
-    def change_speed(self, sound: Audio, c: Chance) -> Audio:
-        """Faster and higher only: what is slower would have no treble."""
-        up = int(c.integers(13, 16))
-        faster = np.asarray(resample_poly(sound, up, 16, axis=0), np.float32)
-        return np.concatenate([faster, faster[::-1]])[:self.samples]
 
     def level(self, stems: list[Audio], c: Chance) -> Audio:
         """Balance, pauses, mastering, the level of the whole."""
@@ -169,10 +177,90 @@ class SongMixer:
         peak = float(np.abs(np.sum(stems, axis=0)).max()) + 1e-9
         return np.stack(stems) * np.float32(10 ** (c.uniform(-26, 0) / 20) / peak)
 
-    def batch(self, seed: int, step: int, count: int) -> npt.NDArray[np.float32]:
-        """[count, stems, 2, samples]; the same for the same seed and step."""
-        items = [self.draw(np.random.default_rng([seed, step, item])) for item in range(count)]
-        return np.stack(items).transpose(0, 1, 3, 2).copy()
+
+@dataclass
+class Voices:
+    """A folder of speech/SPEAKER/*.* and noise/KIND/*.*; files right below speech or noise count as one more each."""
+
+    speakers: list[list[Source]]
+    noises: list[list[Source]]
+
+
+def find_voices(folder: Path) -> Voices:
+    def groups(root: Path) -> list[list[Source]]:
+        files: dict[Path, list[Source]] = {}
+        for path in sorted(root.rglob("*")):
+            if path.suffix.lower() in KINDS:
+                files.setdefault(path.parent, []).append(Source(path))
+        if not files:
+            raise SystemExit(f"{root}: no audio files")
+        return list(files.values())
+
+    return Voices(groups(folder / "speech"), groups(folder / "noise"))
+
+
+class SpeechMixer(Mixer):
+    """A voice with pauses in some room, and noise of one or two kinds. Mono."""
+
+    def __init__(self, collections: list[tuple[Voices, float]], samples: int) -> None:
+        self.collections, self.samples = collections, samples
+        shares = np.array([share for _, share in collections])
+        self.shares = shares / shares.sum()
+
+    def voice(self, speaker: list[Source], c: Chance) -> Audio:
+        out = np.zeros((self.samples, 2), np.float32)
+        begin = -int(c.integers(2 * RATE))
+        while begin < self.samples:
+            source = speaker[c.integers(len(speaker))]
+            first = max(0, -begin)
+            if first < source.samples:
+                sound = source.read(first, source.samples - first)[:self.samples - max(begin, 0)]
+                out[max(begin, 0):max(begin, 0) + len(sound)] += sound / np.float32(source.level) * np.float32(0.1)
+            begin += source.samples + int(c.exponential(0.5) * RATE)
+        return out
+
+    def noise(self, kinds: list[list[Source]], c: Chance) -> Audio:
+        kind = kinds[c.integers(len(kinds))]
+        source = kind[c.integers(len(kind))]
+        sound = source.read(int(c.integers(max(1, source.samples - self.samples))), self.samples)
+        if len(sound) < self.samples:
+            sound = np.resize(sound, (self.samples, 2))
+        return sound * np.float32(0.1 / source.level)
+
+    def draw(self, c: Chance) -> Audio:
+        voices = self.collections[c.choice(len(self.collections), p=self.shares)][0]
+        speech = self.voice(voices.speakers[c.integers(len(voices.speakers))], c)
+        if c.random() < 0.3:
+            speech = effects.change_speed(speech, c, self.samples)
+        noise = self.noise(voices.noises, c)
+        if c.random() < 0.4:
+            noise = noise + self.noise(voices.noises, c) * np.float32(10 ** (c.uniform(-10, 5) / 20))
+        if c.random() < 0.3:
+            speech = effects.reverberate(speech, c, c.choice([0.03, 0.06, 0.12]))
+        return self.level(speech, noise, c)
+
+    def level(self, speech: Audio, noise: Audio, c: Chance) -> Audio:
+        noise = noise * np.float32(10 ** (-c.uniform(-6, 18) / 20))
+        silent = c.random()
+        if silent < 0.04:
+            speech = np.zeros_like(speech)
+        elif silent < 0.12:
+            noise = np.zeros_like(noise)
+        stems = np.stack([speech, noise])[:, :, :1] * np.float32(1.0 if c.random() < 0.5 else -1.0)
+        return stems * np.float32(10 ** (c.uniform(-30, 0) / 20) / (np.abs(stems.sum(axis=0)).max() + 1e-9))
+
+
+def fixed_speech(voices: Voices, samples: int) -> list[Audio]:
+    """Each speaker (16 at most) in each of the levels of the tables, with one kind of noise after the other."""
+    mixer = SpeechMixer([(voices, 1.0)], samples)
+    excerpts = []
+    for number in range(max(24, len(voices.noises))):
+        c = np.random.default_rng([12, number])
+        speech = mixer.voice(voices.speakers[number * 7 % len(voices.speakers)], c)[:, :1]
+        noise = mixer.noise([voices.noises[number % len(voices.noises)]], c)[:, :1]
+        balance = np.sqrt(np.mean(speech ** 2) / np.mean(noise ** 2)) * 10 ** (-(0, 5, 10)[number % 3] / 20)
+        excerpts.append(np.stack([speech, noise * np.float32(balance)]))
+    return excerpts
 
 
 def fixed_excerpts(collection: list[Song], targets: tuple[str, ...], samples: int) -> list[Audio]:

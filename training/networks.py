@@ -49,9 +49,17 @@ class Shape:
 
 # Every bin to 4.5 kHz, pairs to 9 kHz, and four at a time above, where no ear and no network tells partials apart.
 MUSIC = ((192, 1), (96, 2), (160, 4))
+# Speech of the synthesizers ends at 8 kHz; above, masks follow those below.
+SPEECH = ((52, 1), (60, 2))
 SHAPES = {
     "drums": Shape(("Drums", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=2, strides=(4, 4, 2), widths=(32, 64, 96),
                    times=(5, 2, 1), dilations=(1, 2, 5, 12, 27)),
+    "band": Shape(("Drums", "Bass", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=4, strides=(4, 4, 2),
+                  widths=(48, 80, 112), times=(5, 2, 1), dilations=(1, 2, 5, 12, 27)),
+    "speech": Shape(("Speech", "Background"), (1024, 1024, 256), SPEECH, 1, look_ahead=3, strides=(4, 2, 2),
+                    widths=(32, 48, 80), times=(6, 2, 1), dilations=(1, 2, 5, 12, 27, 54), tilt=0.4),
+    "speech-fast": Shape(("Speech", "Background"), (512, 512, 256), ((40, 1), (24, 2)), 1, look_ahead=0, strides=(4, 2, 2),
+                         widths=(32, 48, 80), times=(4, 2, 1), dilations=(1, 2, 5, 12, 27, 54), tilt=0.4),
     # Small and quick: for the tutorial and the tests.
     "small": Shape(("Drums", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=2, strides=(4, 4, 2), widths=(8, 16, 32),
                    times=(3, 2, 1), dilations=(1, 3)),

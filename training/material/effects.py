@@ -4,7 +4,7 @@ from __future__ import annotations
 import numpy as np
 import numpy.typing as npt
 from scipy.fft import irfft, next_fast_len, rfft
-from scipy.signal import lfilter
+from scipy.signal import lfilter, resample_poly
 
 RATE = 48000
 Signal = npt.NDArray[np.float32]  # [samples] or [samples, channels]
@@ -117,6 +117,12 @@ def master(stems: list[Signal], c: Chance) -> list[Signal]:
     loud = 10 ** (c.uniform(2, 8) / 20)
     gain = gain * limiter_gain(mix * np.float32(loud), float(np.abs(mix).max() * 0.9)) * np.float32(loud)
     return [stem * gain[:, None] for stem in stems]
+
+
+def change_speed(signal: Signal, c: Chance, length: int) -> Signal:
+    """Faster and higher by up to a quarter, never slower, which would leave no treble; filled up backwards."""
+    faster = np.asarray(resample_poly(signal, int(c.integers(13, 16)), 16, axis=0), np.float32)
+    return np.concatenate([faster, faster[::-1]])[:length]
 
 
 def widen(signal: Signal, width: float) -> Signal:
