@@ -166,6 +166,7 @@ std::pair<const char*, py::dict> describeLayer(const BaseLayer<float>& layer) {
     }
     if (const auto* arithmetic = dynamic_cast<const ArithmeticLayer<float>*>(&layer))
         return {"Arithmetic", py::dict("operation"_a = arithmetic->operation)};
+    if (dynamic_cast<const ConcatLayer<float>*>(&layer)) return {"Concat", py::dict()};
     if (const auto* leaky = dynamic_cast<const LeakyReLULayer<float>*>(&layer))
         return {"LeakyReLU", py::dict("alpha"_a = leaky->alpha)};
     switch (layer.type) {
@@ -179,8 +180,6 @@ std::pair<const char*, py::dict> describeLayer(const BaseLayer<float>& layer) {
             return {"HardSigmoid", py::dict()};
         case LayerTypeEnum::Softplus:
             return {"Softplus", py::dict()};
-        case LayerTypeEnum::Concat:
-            return {"Concat", py::dict()};
         default:
             return {"Input", py::dict()};
     }

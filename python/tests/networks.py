@@ -50,7 +50,9 @@ class TemporalConvNet(nn.Module):
             super().__init__()
             self.enter = nn.Conv1d(width, hidden, 1)
             self.first = nn.PReLU(hidden)
-            self.depthwise = nn.Conv1d(hidden, hidden, 3, dilation=dilation, padding=2 * dilation, groups=hidden)
+            self.depthwise = nn.Conv1d(
+                hidden, hidden, 3, dilation=dilation, padding=2 * dilation, groups=hidden
+            )
             self.norm = nn.BatchNorm1d(hidden)
             self.second = nn.PReLU()
             self.leave = nn.Conv1d(hidden, width, 1)
@@ -139,8 +141,10 @@ class AttentionNet(nn.Module):
         time = x.shape[2]
         y = torch.relu(self.embed(x))
         q, k, v = self.query(y), self.key(y), self.value(y)
-        past = [(F.pad(k, (0, 0, j, 0))[:, :, :time], F.pad(v, (0, 0, j, 0))[:, :, :time])
-                for j in range(self.history)]
+        past = [
+            (F.pad(k, (0, 0, j, 0))[:, :, :time], F.pad(v, (0, 0, j, 0))[:, :, :time])
+            for j in range(self.history)
+        ]
         scores = torch.cat([(q * key).sum(1, keepdim=True) for key, _ in past], dim=1)
         weights = torch.softmax(scores * self.scale, dim=1)
         y = y + sum(weights[:, j : j + 1] * value for j, (_, value) in enumerate(past))

@@ -14,8 +14,10 @@ _shipped = Path(__file__).with_name("models")
 
 
 def shipped_models() -> list[str]:
-    """Names that a model can be asked for by, sorted: those that come with the package and those in the folders
-    of the variable ZEVRANT_MODEL_PATH."""
+    """Names that a model can be asked for by, sorted.
+
+    They come with the package, or lie in the folders of the variable ZEVRANT_MODEL_PATH.
+    """
     return sorted({*_core.list_models(), *(file.stem for file in _shipped.glob("*.zevrant"))})
 
 

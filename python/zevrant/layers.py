@@ -26,7 +26,7 @@ Weights = Union[npt.NDArray[Any], Sequence[Any]]
 
 @dataclass(eq=False)
 class Conv:
-    """Convolution over time and frequency, causal in time; channel-wise where inputs is 1 and channels are more."""
+    """Convolution, causal in time; channel-wise where inputs is 1 and there are more channels."""
 
     weights: Weights  # [kernel_time, kernel_frequency, inputs, outputs]
     bias: Optional[Weights] = None  # [outputs]
@@ -85,7 +85,7 @@ class LeakyReLU:
 
 @dataclass(eq=False)
 class Norm:
-    """Gain and offset for each channel; mode 1 divides by the root mean square across channels before that."""
+    """Gain and offset for each channel; in mode 1 behind a division by the level across channels."""
 
     gain: Weights  # [channels]
     offset: Optional[Weights] = None  # [channels]; needed in mode 0
@@ -94,7 +94,7 @@ class Norm:
 
 @dataclass(eq=False)
 class PreNorm:
-    """Division by a weighted sum of recent levels: weight 0 meets the newest, weight 1 the oldest."""
+    """Division by a weighted sum of levels: weight 0 meets the newest, weight 1 the oldest."""
 
     level_weights: Weights  # [levels]
 

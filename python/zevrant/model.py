@@ -8,8 +8,8 @@ from dataclasses import dataclass
 from typing import Any, Optional, Union
 
 from . import _core, layers
-from .layers import Floats, Layer
 from .files import find_model
+from .layers import Floats, Layer
 from .packings import ComplexBins, ComplexGroups, FrameHistory, Magnitudes, Packing, RectifiedParts
 
 ModelError = _core.ModelError
@@ -145,19 +145,26 @@ class Model:
         tensor : float32 array
             [time, rows, columns]
         names : iterable of str, optional
-            Layers, "input", or "output" for what leaves the model. All layers unless given. KeyError for others.
+            Layers, "input", or "output" for what leaves the model. All layers unless given.
 
         Returns
         -------
         dict of str to float32 array [time', frequency, channels], or None where nothing came out
+
+        Raises
+        ------
+        KeyError
+            No layer has this name.
         """
         chosen = list(self.layers) if names is None else list(names)
         return self._model.layer_outputs(tensor, chosen)
 
     def layer_times(self, tensor: Floats, names: Optional[Iterable[str]] = None) -> dict[str, float]:
-        """Seconds that layers take for an input, all of its slices together. Arguments as for `layer_outputs`."""
+        """Seconds that layers take for all slices of an input; arguments as for `layer_outputs`."""
         return self._model.layer_times(tensor, list(self.layers) if names is None else list(names))
 
     def __repr__(self) -> str:
         info: Any = self.info
-        return f"<zevrant.Model {info.name!r}: [{info.rows}, {info.columns}] for each {info.hop_size} samples>"
+        return (
+            f"<zevrant.Model {info.name!r}: [{info.rows}, {info.columns}] for each {info.hop_size} samples>"
+        )

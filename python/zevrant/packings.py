@@ -85,7 +85,7 @@ class ComplexBins(Packing):
 
 @dataclass(frozen=True)
 class FrameHistory(Packing):
-    """A packing that files can name and that no conversion is defined for: such a model loads and never runs."""
+    """A packing that no conversion is defined for: such a model loads and never runs."""
 
     fine: int
     rest: int
@@ -103,7 +103,7 @@ class FrameHistory(Packing):
 
 @dataclass(frozen=True)
 class ComplexGroups(Packing):
-    """As `ComplexBins` for the fine bins; above them one row for each whole group of bins, holding their mean."""
+    """As `ComplexBins` for the fine bins; above them one row for each group of bins, holding their mean."""
 
     fine: int
     rest: int

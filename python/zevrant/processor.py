@@ -124,4 +124,6 @@ class Processor(_core.Processor):
         self.reset()
 
     def __repr__(self) -> str:
-        return f"<zevrant.Processor {', '.join(self.busses)}: {self.channels} channels, {self.latency} samples>"
+        return (
+            f"<zevrant.Processor {', '.join(self.busses)}: {self.channels} channels, {self.latency} samples>"
+        )

@@ -98,9 +98,7 @@ def separate(
         raise ValueError(f"wanted a whole number of hertz, got {sample_rate!r}")
     found = find_model(model)
     busses = _core.get_bus_names(found)
-    controls = _make_controls(
-        busses, gains, sensitivities, mask_extrapolation, channels_per_group, resample
-    )
+    controls = _make_controls(busses, gains, sensitivities, mask_extrapolation, channels_per_group, resample)
     stems = _core.separate(found, audio, int(sample_rate), controls, progress)
     return dict(zip(_make_names(busses), stems))
 
@@ -149,9 +147,7 @@ def separate_file(
     """
     found = find_model(model)
     busses = _core.get_bus_names(found)
-    controls = _make_controls(
-        busses, gains, sensitivities, mask_extrapolation, channels_per_group, resample
-    )
+    controls = _make_controls(busses, gains, sensitivities, mask_extrapolation, channels_per_group, resample)
     extension = (format or "").lstrip(".")
     paths = _core.separate_file(
         found, os.fspath(path), os.fspath(folder), extension, sample_format or "", controls, progress

@@ -21,9 +21,9 @@ class ModelWriter:
 
     Setters may come in any order. A layer can only name sources that were added before it, or "input".
 
-    Errors, at the call that is wrong and with the layer and the field in their text: ValueError for an unknown
-    source, a name that is taken or a number that its field cannot hold; TypeError for something that is no
-    number or no array. The model is then as it was before the call.
+    Errors come at the call that is wrong, with the layer and the field in their text: ValueError for an
+    unknown source, a name that is taken or a number that its field cannot hold; TypeError for something that
+    is no number or no array. The model is then as it was before the call.
     """
 
     def __init__(self, name: str, version: int = _core.LATEST_VERSION) -> None:
@@ -59,7 +59,7 @@ class ModelWriter:
         return self
 
     def set_packing(self, input: Packing, output: Optional[Packing] = None) -> ModelWriter:
-        """How spectra lie in the tensors. Of the output's packing the kind counts; the numbers are the input's."""
+        """How spectra lie in the tensors. Of the output's packing only the kind counts."""
         extra = input.frames if isinstance(input, FrameHistory) else input.group_size
         other = input.all_bins - input.fine_bins
         code = input.code if output is None else output.code
@@ -72,7 +72,7 @@ class ModelWriter:
         return self
 
     def add_layer(self, name: str, sources: Union[str, Sequence[str]], layer: Layer) -> ModelWriter:
-        """Adds a record of `zevrant.layers`. `Concat` and `Arithmetic` take several sources, the others one."""
+        """Adds a record of `zevrant.layers`; `Concat` and `Arithmetic` take several sources."""
         kind, fields = type(layer).__name__, dict(vars(layer))
         if isinstance(layer, (Concat, Arithmetic)):
             names = [sources] if isinstance(sources, str) else list(sources)
@@ -80,7 +80,9 @@ class ModelWriter:
         else:
             source = sources if isinstance(sources, str) else " ".join(sources)
             if not isinstance(sources, str) and len(sources) != 1:
-                raise ValueError(f'layer "{name}": a layer of kind {kind} takes one source, not {len(sources)}')
+                raise ValueError(
+                    f'layer "{name}": a layer of kind {kind} takes one source, not {len(sources)}'
+                )
             self._writer.add_layer(name, source, kind, fields)
         return self
 

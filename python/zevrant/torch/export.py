@@ -18,7 +18,7 @@ from .lowering import Lowered, Lowering, Obstacle, Problem, record, trace
 from .spectra import Spectra
 
 if TYPE_CHECKING:
-    from .parity import ParityReport
+    from .parity import LayerParity, ParityReport
 
 _probe_frames = 97  # enough for what looks far back; no size that occurs elsewhere
 
@@ -56,12 +56,15 @@ class ExportReport:
 
 def probe(spectra: Spectra, layout: str, frames: int = _probe_frames, seed: int = 1) -> Tensor:
     """Features of noise that swells and fades, [2, columns, frames, rows] in the module's layout."""
+    return to_layout(spectra.analyse(probe_audio(spectra, frames, seed)).features, layout)
+
+
+def probe_audio(spectra: Spectra, frames: int, seed: int) -> Tensor:
+    """[2, channels, samples] that make so many frames."""
     generator = torch.Generator().manual_seed(seed)
     samples = (frames - 1) * spectra.hop_size
     noise = torch.randn(2, spectra.channels, samples, generator=generator)
-    level = 0.05 + 0.25 * torch.linspace(0.0, 12.0, samples).sin().square()
-    features = spectra.analyse(noise * level).features
-    return to_layout(features, layout)
+    return noise * (0.05 + 0.25 * torch.linspace(0.0, 12.0, samples).sin().square())
 
 
 def to_layout(features: Tensor, layout: str) -> Tensor:
@@ -80,16 +83,27 @@ def to_layout(features: Tensor, layout: str) -> Tensor:
     return moved
 
 
+def from_layout(results: Tensor, layout: str) -> Tensor:
+    """The way back to [batch, channels, time, frequency]."""
+    for _ in range(4 - len(layout)):
+        results = results.unsqueeze(-1)
+    roles = layout + "".join(role for role in "cf" if role not in layout)
+    return results.permute(*[roles.index(role) for role in "bctf"])
+
+
 def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:
     """Steps and problems. The module is run in evaluation mode and left as it was."""
-    wasTraining = module.training
+    was_training = module.training
     module.eval()
     try:
         try:
             graph = trace(module)
         except Obstacle as obstacle:
-            return Lowered([], "input", [Problem("forward", type(module).__name__, obstacle.place, obstacle.why,
-                                                 obstacle.instead)])
+            return Lowered(
+                [],
+                "input",
+                [Problem("forward", type(module).__name__, obstacle.place, obstacle.why, obstacle.instead)],
+            )
         device = next((p.device for p in module.parameters()), torch.device("cpu"))
         try:
             results = record(graph, probe(spectra, layout).to(device))
@@ -104,7 +118,7 @@ def lower(module: nn.Module, spectra: Spectra, layout: str) -> Lowered:
         lowering = Lowering(graph, results, spectra.level_scale)
         return lowering.run(layout, rows, columns, out_rows, out_columns)
     finally:
-        module.train(wasTraining)
+        module.train(was_training)
 
 
 def _look_ahead_problems(lowered: Lowered) -> list[Problem]:
@@ -221,7 +235,12 @@ def export(
 
     if spectra is None:
         spectra = Spectra(
-            frames, packing, output_packing=output_packing, channels=channels, busses=busses, mode=mode,
+            frames,
+            packing,
+            output_packing=output_packing,
+            channels=channels,
+            busses=busses,
+            mode=mode,
             sample_rate=sample_rate,
         )
     lowered = lower(module, spectra, layout)
@@ -234,7 +253,9 @@ def export(
     writer.set_busses(spectra.busses).set_processing_mode(0 if spectra.mode == "mask" else 1)
     writer.set_packing(spectra.packing, spectra.output_packing).set_half_precision(half_precision)
     for step in lowered.steps:
-        sources = step.sources if isinstance(step.record, (records.Concat, records.Arithmetic)) else step.sources[0]
+        sources = (
+            step.sources if isinstance(step.record, (records.Concat, records.Arithmetic)) else step.sources[0]
+        )
         try:
             writer.add_layer(step.name, sources, step.record)
         except (TypeError, ValueError) as error:
@@ -258,21 +279,23 @@ def export(
             print(parity)
         worst = parity.worst
         if worst is not None and not worst.relative_error <= tolerance:
-            raise ExportError(
-                f"no file is written: {worst.name} ({worst.kind}) is off by {worst.relative_error:.2g} of its "
-                f"root mean square, and the tolerance is {tolerance:g}"
-                + (
-                    "; a sigmoid is limited to inputs from -10 to 10, and clamp(-10, 10) before it makes both alike"
-                    if any(isinstance(step.record, records.Sigmoid) for step in lowered.steps)
-                    else ""
-                )
-            )
+            raise ExportError(_tell_distance(worst, tolerance, lowered))
     _write_whole(Path(path), content)
     for note in lowered.notes:
         if not quiet:
             print(f"note: {note}", file=sys.stderr)
     total = sum(step.multiply_adds for step in lowered.steps)
     return ExportReport(os.fspath(path), len(lowered.steps), total, lowered.notes, parity)
+
+
+def _tell_distance(worst: LayerParity, tolerance: float, lowered: Lowered) -> str:
+    text = (
+        f"no file is written: {worst.name} ({worst.kind}) is off by {worst.relative_error:.2g} of its root "
+        f"mean square, and the tolerance is {tolerance:g}"
+    )
+    if any(isinstance(step.record, records.Sigmoid) for step in lowered.steps):
+        text += "; a sigmoid is limited to inputs from -10 to 10, as clamp(-10, 10) before it does in PyTorch"
+    return text
 
 
 def _write_whole(path: Path, content: bytes) -> None:

@@ -1,9 +1,9 @@
 """The engine's own kinds of layer over whole sequences, differentiable.
 
-Every module takes [batch, channels, time, frequency] and streams: slice t of a result depends on slices up to
-t + look-ahead alone. A module that looks ahead gives fewer slices than it takes, and slice k of its result
-belongs to slice k of its input; `align` cuts what is merged with it to the same length. `docs/model-format.md`
-holds the formulas.
+Every module takes [batch, channels, time, frequency] and streams: slice t of a result depends on slices up
+to t + look-ahead alone. A module that looks ahead gives fewer slices than it takes, and slice k of its
+result belongs to slice k of its input; `align` cuts what is merged with it to the same length.
+`docs/model-format.md` holds the formulas.
 """
 
 from __future__ import annotations
@@ -69,9 +69,7 @@ class CausalConv2d(nn.Module):
     ) -> None:
         super().__init__()
         if channelwise and out_channels % in_channels:
-            raise ValueError(
-                f"channel-wise: {out_channels} outputs are no multiple of {in_channels} inputs"
-            )
+            raise ValueError(f"channel-wise: {out_channels} outputs are no multiple of {in_channels} inputs")
         self.in_channels, self.out_channels = in_channels, out_channels
         self.kernel_size, self.stride = kernel_size, stride
         self.time_dilation, self.look_ahead, self.channelwise = time_dilation, look_ahead, channelwise
@@ -128,7 +126,7 @@ class CausalConvTranspose2d(nn.Module):
         nn.init.kaiming_uniform_(self.weight, a=math.sqrt(5.0))
 
     def forward(self, x: Tensor) -> Tensor:
-        rows, taps = self.kernel_size
+        taps = self.kernel_size[1]
         start = frequency_start(taps, self.stride[1])
         length, width = x.shape[2] * self.stride[0], x.shape[3] * self.stride[1]
         y = functional.conv_transpose2d(x, self.weight, None, self.stride, groups=self.groups)
@@ -280,9 +278,7 @@ class FrequencyRescale(nn.Module):
         """[input_frequencies, output_frequencies]"""
         size = self.input_frequencies * self.output_frequencies
         empty = torch.zeros(size, dtype=self.taps.dtype, device=self.taps.device)
-        return empty.index_put((self.place,), self.taps).view(
-            self.input_frequencies, self.output_frequencies
-        )
+        return empty.index_put((self.place,), self.taps).view(self.input_frequencies, self.output_frequencies)
 
     def forward(self, x: Tensor) -> Tensor:
         return x @ self.matrix()
@@ -327,7 +323,7 @@ class SeparableChannelConv(nn.Module):
         x = x.reshape(batch * channels, 1, time, frequency)
         x = functional.conv2d(x, self.time_kernel.flip(0)[None, None, :, None])
         x = functional.conv2d(x, self.frequency_kernel.flip(0)[None, None, None, :])
-        return x.reshape(batch, channels, -1, frequency)
+        return x.reshape(batch, channels, *x.shape[2:])
 
 
 class SelfAttention(nn.Module):

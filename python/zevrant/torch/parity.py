@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Optional, Union
@@ -58,7 +59,7 @@ class ParityReport:
 
     layers: list[LayerParity]
     frames: int
-    audio_error: Optional[float]  # dB below the module's audio, the start apart; None where it was not run
+    audio_error: float  # dB: what differs in the busses' audio over that audio, the first window apart
 
     @property
     def worst(self) -> Optional[LayerParity]:
@@ -82,11 +83,12 @@ class ParityReport:
             )
         widths = [max(len(row[k]) for row in rows) for k in range(len(rows[0]))]
         lines = [
-            "  ".join(cell.ljust(w) if k < 2 else cell.rjust(w) for k, (cell, w) in enumerate(zip(row, widths)))
+            "  ".join(
+                cell.ljust(w) if k < 2 else cell.rjust(w) for k, (cell, w) in enumerate(zip(row, widths))
+            )
             for row in rows
         ]
-        if self.audio_error is not None:
-            lines.append(f"audio: {self.audio_error:.1f} dB")
+        lines.append(f"audio: {self.audio_error:.1f} dB")
         return "\n".join(lines)
 
 
@@ -142,7 +144,35 @@ def compare(
                 1e6 * seconds.get(step.name, 0.0) / len(inputs),
             )
         )
-    return ParityReport(rows, len(inputs), None)
+    return ParityReport(rows, len(inputs), _compare_audio(module, content, spectra, layout))
+
+
+def _compare_audio(module: nn.Module, content: bytes, spectra: Spectra, layout: str) -> float:
+    """Of all busses: the energy of the difference over that of the module's audio, in dB."""
+    from ..model import Model
+    from ..separation import separate
+    from .export import from_layout, probe_audio, to_layout
+
+    look_ahead = Model(content).info.latency_in_frames
+    audio = probe_audio(spectra, look_ahead + 60, seed=3)[:1]
+    with tempfile.TemporaryDirectory() as folder:
+        path = Path(folder, "model.zevrant")
+        path.write_bytes(content)
+        stems = separate(audio[0].numpy(), round(spectra.sample_rate), path)
+    device = next((p.device for p in module.parameters()), torch.device("cpu"))
+
+    def network(features: Tensor) -> Tensor:
+        return from_layout(module(to_layout(features, layout).to(device)), layout).cpu()
+
+    was_training = module.training
+    module.eval()
+    with torch.no_grad():
+        wanted = spectra.cpu()(audio, network, look_ahead)[0].numpy()
+    module.train(was_training)
+    start = spectra.window_size
+    got = np.stack(list(stems.values()))[..., start : wanted.shape[-1]].astype(np.float64)
+    off = np.sum(np.square(got - wanted[..., start:])) / max(1e-30, np.sum(np.square(wanted[..., start:])))
+    return float(10.0 * np.log10(max(off, 1e-30)))
 
 
 def check_parity(

@@ -144,9 +144,8 @@ class Spectra(nn.Module):
             raise ValueError(f"{packing}: a group holds 1 to 127 bins")
         if (packing.all_bins - packing.fine_bins) % packing.group_size:
             raise ValueError(f"{packing}: the bins above the fine ones have to fill whole groups")
-        if isinstance(packing, ComplexGroups) and self.output_packing.code != ComplexGroups.code:
-            if packing.group_size > 1:
-                raise ValueError("results of grouped rows can only be read back as groups")
+        if packing.group_size > 1 and not isinstance(self.output_packing, ComplexGroups):
+            raise ValueError("results of grouped rows can only be read back as groups")
 
     # ---- what a network meets -----------------------------------------------------------------------
 
@@ -288,7 +287,8 @@ class Spectra(nn.Module):
         ----------
         results : Tensor
             [batch, columns, frames, rows], the network's output. Result k belongs to frame k, so a network
-            that holds frames back has fewer results than there are frames.
+            that holds frames back has fewer results than there are frames; what one with strides makes beyond
+            the last frame is left out.
         spectrum : Tensor
             [batch, channels, frames, bins], from `transform`
 
@@ -297,8 +297,8 @@ class Spectra(nn.Module):
         Tensor
             [batch, busses, channels, frames of results, bins], complex
         """
-        busses = self.unpack(results)
-        frames = spectrum[:, None, :, : results.shape[2]]
+        busses = self.unpack(results[:, :, : spectrum.shape[2]])
+        frames = spectrum[:, None, :, : busses.shape[3]]
         if busses.shape[2] != spectrum.shape[1]:
             busses = busses.mean(2, keepdim=True).expand(-1, -1, spectrum.shape[1], -1, -1)
         if self.mode == "mask":
