@@ -1,4 +1,5 @@
 """How well a stem fits the truth, in decibels."""
+
 from __future__ import annotations
 
 import numpy as np
@@ -12,7 +13,7 @@ def decibels(power: float) -> float:
 
 
 def si_sdr(estimate: Signal, truth: Signal) -> float:
-    """Scale-invariant signal-to-distortion ratio, all channels as one vector (Le Roux et al., ICASSP 2019)."""
+    """Scale-invariant signal-to-distortion ratio, channels as one vector (Le Roux et al., ICASSP 2019)."""
     e, s = estimate.astype(np.float64).ravel(), truth.astype(np.float64).ravel()
     scaled = s * (e @ s / max(float(s @ s), 1e-20))
     return decibels(float(scaled @ scaled) / max(float(np.square(e - scaled).sum()), 1e-20))

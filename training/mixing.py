@@ -1,8 +1,9 @@
 """Mixes on the fly: excerpts of songs, recombined, coloured and levelled anew for every batch.
 
-A song is a folder of audio files. What is named drums*.* or bass*.* belongs to that stem, anything else to the
-rest; `mixture.*` is passed over. Generated songs and recordings lie in the same layout and are treated alike.
+A song is a folder of audio files. What is named drums*.* or bass*.* belongs to that stem, anything else to
+the rest; `mixture.*` is passed over. Generated songs and recordings lie in the same layout, treated alike.
 """
+
 from __future__ import annotations
 
 from abc import ABC, abstractmethod
@@ -35,8 +36,14 @@ class Source:
     def read(self, begin: int, length: int) -> Audio:
         """Silence beyond the end."""
         ratio = self.rate / RATE
-        sound, _ = soundfile.read(self.path, frames=int(np.ceil(length * ratio)), start=int(max(0, begin) * ratio),
-                                  dtype="float32", always_2d=True, fill_value=0.0)
+        sound, _ = soundfile.read(
+            self.path,
+            frames=int(np.ceil(length * ratio)),
+            start=int(max(0, begin) * ratio),
+            dtype="float32",
+            always_2d=True,
+            fill_value=0.0,
+        )
         sound = sound[:, [0, -1]]
         if self.rate != RATE:
             divisor = gcd(self.rate, RATE)
@@ -77,11 +84,10 @@ def find_songs(folder: Path, targets: tuple[str, ...]) -> list[Song]:
 
 
 class Mixer(ABC):
-    """Draws excerpts [stems, samples, channels]: the targets in their order, then the rest. They add up to the mix."""
+    """Draws excerpts [stems, samples, channels], the rest last; they add up to the mix."""
 
     @abstractmethod
-    def draw(self, c: Chance) -> Audio:
-        ...
+    def draw(self, c: Chance) -> Audio: ...
 
     def batch(self, seed: int, step: int, count: int) -> npt.NDArray[np.float32]:
         """[count, stems, channels, samples]; the same for the same seed and step."""
@@ -92,7 +98,9 @@ class Mixer(ABC):
 class SongMixer(Mixer):
     """Songs as they were written, and bands whose players never met."""
 
-    def __init__(self, collections: list[tuple[list[Song], float]], targets: tuple[str, ...], samples: int) -> None:
+    def __init__(
+        self, collections: list[tuple[list[Song], float]], targets: tuple[str, ...], samples: int
+    ) -> None:
         self.collections, self.targets, self.samples = collections, targets, samples
         shares = np.array([share for _, share in collections])
         self.shares = shares / shares.sum()
@@ -155,7 +163,7 @@ class SongMixer(Mixer):
 
     def level(self, stems: list[Audio], c: Chance) -> Audio:
         """Balance, pauses, mastering, the level of the whole."""
-        powers = [float(np.mean(stem ** 2)) for stem in stems]
+        powers = [float(np.mean(stem**2)) for stem in stems]
         for number in range(len(stems) - 1):
             rest = sum(powers) - powers[number]
             if powers[number] > 1e-6 and rest > 1e-6:
@@ -180,7 +188,7 @@ class SongMixer(Mixer):
 
 @dataclass
 class Voices:
-    """A folder of speech/SPEAKER/*.* and noise/KIND/*.*; files right below speech or noise count as one more each."""
+    """A folder of speech/SPEAKER/*.* and noise/KIND/*.*; files right below the two count as well."""
 
     speakers: list[list[Source]]
     noises: list[list[Source]]
@@ -214,8 +222,10 @@ class SpeechMixer(Mixer):
             source = speaker[c.integers(len(speaker))]
             first = max(0, -begin)
             if first < source.samples:
-                sound = source.read(first, source.samples - first)[:self.samples - max(begin, 0)]
-                out[max(begin, 0):max(begin, 0) + len(sound)] += sound / np.float32(source.level) * np.float32(0.1)
+                sound = source.read(first, source.samples - first)[: self.samples - max(begin, 0)]
+                out[max(begin, 0) : max(begin, 0) + len(sound)] += (
+                    sound / np.float32(source.level) * np.float32(0.1)
+                )
             begin += source.samples + int(c.exponential(0.5) * RATE)
         return out
 
@@ -251,14 +261,14 @@ class SpeechMixer(Mixer):
 
 
 def fixed_speech(voices: Voices, samples: int) -> list[Audio]:
-    """Each speaker (16 at most) in each of the levels of the tables, with one kind of noise after the other."""
+    """Speakers, kinds of noise and the levels of the tables in turn."""
     mixer = SpeechMixer([(voices, 1.0)], samples)
     excerpts = []
     for number in range(max(24, len(voices.noises))):
         c = np.random.default_rng([12, number])
         speech = mixer.voice(voices.speakers[number * 7 % len(voices.speakers)], c)[:, :1]
         noise = mixer.noise([voices.noises[number % len(voices.noises)]], c)[:, :1]
-        balance = np.sqrt(np.mean(speech ** 2) / np.mean(noise ** 2)) * 10 ** (-(0, 5, 10)[number % 3] / 20)
+        balance = np.sqrt(np.mean(speech**2) / np.mean(noise**2)) * 10 ** (-(0, 5, 10)[number % 3] / 20)
         excerpts.append(np.stack([speech, noise * np.float32(balance)]))
     return excerpts
 
@@ -269,8 +279,12 @@ def fixed_excerpts(collection: list[Song], targets: tuple[str, ...], samples: in
     for number, song in enumerate(collection):
         c = np.random.default_rng([11, number])
         begin = int(c.integers(max(1, song.samples - samples)))
-        stems = {name: np.sum([source.read(begin, samples) * np.float32(0.1 / source.level) for source in sources], axis=0)
-                 for name, sources in song.stems.items()}
+        stems = {
+            name: np.sum(
+                [source.read(begin, samples) * np.float32(0.1 / source.level) for source in sources], axis=0
+            )
+            for name, sources in song.stems.items()
+        }
         mixed = songs.mix_levels(stems, c, targets)
         silence = np.zeros((samples, 2), np.float32)
         excerpts.append(np.stack([mixed.get(name, silence) for name in (*targets, "rest")]))

@@ -1,4 +1,5 @@
 """The networks that ship. Only what the engine can run; tensors are [batch, channels, time, frequency]."""
+
 from __future__ import annotations
 
 import bisect
@@ -10,8 +11,15 @@ import places  # noqa: F401 (finds the package zevrant)
 import torch
 from torch import Tensor, nn
 from torch.nn import functional
-from zevrant.torch import (CausalConv2d, CausalConvTranspose2d, ChannelGain, FrequencyRescale, LevelFollower, Magnitudes,
-                           Spectra)
+from zevrant.torch import (
+    CausalConv2d,
+    CausalConvTranspose2d,
+    ChannelGain,
+    FrequencyRescale,
+    LevelFollower,
+    Magnitudes,
+    Spectra,
+)
 
 
 @dataclass(frozen=True)
@@ -43,43 +51,95 @@ class Shape:
         return sum(count * width for count, width in self.runs)
 
     def spectra(self) -> Spectra:
-        return Spectra(self.frames, Magnitudes(self.bins), channels=self.channels, busses=self.busses,
-                       sample_rate=self.sample_rate)
+        return Spectra(
+            self.frames,
+            Magnitudes(self.bins),
+            channels=self.channels,
+            busses=self.busses,
+            sample_rate=self.sample_rate,
+        )
 
 
-# Every bin to 4.5 kHz, pairs to 9 kHz, and four at a time above, where no ear and no network tells partials apart.
+# Every bin to 4.5 kHz, pairs to 9 kHz, and four at a time above: fine enough for treble.
 MUSIC = ((192, 1), (96, 2), (160, 4))
 # Speech of the synthesizers ends at 8 kHz; above, masks follow those below.
 SPEECH = ((52, 1), (60, 2))
 SHAPES = {
-    "drums": Shape(("Drums", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=2, strides=(4, 4, 2), widths=(32, 64, 96),
-                   times=(5, 2, 1), dilations=(1, 2, 5, 12, 27)),
-    "band": Shape(("Drums", "Bass", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=4, strides=(4, 4, 2),
-                  widths=(48, 80, 112), times=(5, 2, 1), dilations=(1, 2, 5, 12, 27)),
-    "speech": Shape(("Speech", "Background"), (1024, 1024, 256), SPEECH, 1, look_ahead=3, strides=(4, 2, 2),
-                    widths=(32, 48, 80), times=(6, 2, 1), dilations=(1, 2, 5, 12, 27, 54), tilt=0.4),
-    "speech-fast": Shape(("Speech", "Background"), (512, 512, 256), ((40, 1), (24, 2)), 1, look_ahead=0, strides=(4, 2, 2),
-                         widths=(32, 48, 80), times=(4, 2, 1), dilations=(1, 2, 5, 12, 27, 54), tilt=0.4),
+    "drums": Shape(
+        ("Drums", "Rest"),
+        (2048, 2048, 512),
+        MUSIC,
+        2,
+        look_ahead=2,
+        strides=(4, 4, 2),
+        widths=(32, 64, 96),
+        times=(5, 2, 1),
+        dilations=(1, 2, 5, 12, 27),
+    ),
+    "band": Shape(
+        ("Drums", "Bass", "Rest"),
+        (2048, 2048, 512),
+        MUSIC,
+        2,
+        look_ahead=4,
+        strides=(4, 4, 2),
+        widths=(48, 80, 112),
+        times=(5, 2, 1),
+        dilations=(1, 2, 5, 12, 27),
+    ),
+    "speech": Shape(
+        ("Speech", "Background"),
+        (1024, 1024, 256),
+        SPEECH,
+        1,
+        look_ahead=3,
+        strides=(4, 2, 2),
+        widths=(32, 48, 80),
+        times=(6, 2, 1),
+        dilations=(1, 2, 5, 12, 27, 54),
+        tilt=0.4,
+    ),
+    "speech-fast": Shape(
+        ("Speech", "Background"),
+        (512, 512, 256),
+        ((40, 1), (24, 2)),
+        1,
+        look_ahead=0,
+        strides=(4, 2, 2),
+        widths=(32, 48, 80),
+        times=(4, 2, 1),
+        dilations=(1, 2, 5, 12, 27, 54),
+        tilt=0.4,
+    ),
     # Small and quick: for the tutorial and the tests.
-    "small": Shape(("Drums", "Rest"), (2048, 2048, 512), MUSIC, 2, look_ahead=2, strides=(4, 4, 2), widths=(8, 16, 32),
-                   times=(3, 2, 1), dilations=(1, 3)),
+    "small": Shape(
+        ("Drums", "Rest"),
+        (2048, 2048, 512),
+        MUSIC,
+        2,
+        look_ahead=2,
+        strides=(4, 4, 2),
+        widths=(8, 16, 32),
+        times=(3, 2, 1),
+        dilations=(1, 3),
+    ),
 }
 
 
 class Upsample(CausalConvTranspose2d):
-    """The same numbers as its parent, by a plain convolution over neighbours: many times as fast on a processor."""
+    """The same numbers as its parent, by a plain convolution over neighbours: far faster to train."""
 
     def __init__(self, in_channels: int, out_channels: int, stride: int) -> None:
         super().__init__(in_channels, out_channels, (1, 2 * stride), (1, stride))
 
     def forward(self, x: Tensor) -> Tensor:
         stride, width = self.stride[1], x.shape[3]
-        # weight [in, out, 1, 2 * stride] -> [stride * out, in, 1, 2]: an output sees the row below and its own.
+        # weight [in, out, 1, 2 * stride] -> [stride * out, in, 1, 2]: an output sees the row below, too.
         own, below = self.weight[:, :, 0].split(stride, dim=2)
         weight = torch.stack([below, own], -1).permute(2, 1, 0, 3).flatten(0, 1)
         y = functional.conv2d(x, weight[:, :, None], padding=(0, 1))
         y = y.unflatten(1, (stride, self.out_channels)).permute(0, 2, 3, 4, 1).flatten(3)
-        y = y[..., stride // 2:stride // 2 + stride * width]
+        y = y[..., stride // 2 : stride // 2 + stride * width]
         return y if self.bias is None else y + self.bias[:, None, None]
 
 
@@ -101,10 +161,21 @@ def band_tables(s: Shape) -> tuple[list[tuple[int, list[float]]], list[tuple[int
     return bands, spread
 
 
-def convolution(inputs: int, outputs: int, kernel: tuple[int, int], stride: int = 1, dilation: int = 1,
-                look_ahead: int = 0) -> nn.Sequential:
-    return nn.Sequential(CausalConv2d(inputs, outputs, kernel, (1, stride), time_dilation=dilation, look_ahead=look_ahead,
-                                      bias=False), nn.BatchNorm2d(outputs, momentum=0.02), nn.ReLU())
+def convolution(
+    inputs: int,
+    outputs: int,
+    kernel: tuple[int, int],
+    stride: int = 1,
+    dilation: int = 1,
+    look_ahead: int = 0,
+) -> nn.Sequential:
+    return nn.Sequential(
+        CausalConv2d(
+            inputs, outputs, kernel, (1, stride), time_dilation=dilation, look_ahead=look_ahead, bias=False
+        ),
+        nn.BatchNorm2d(outputs, momentum=0.02),
+        nn.ReLU(),
+    )
 
 
 class Separator(nn.Module):
@@ -123,15 +194,20 @@ class Separator(nn.Module):
         inputs = s.channels * len(s.knees)
         self.knees = CausalConv2d(s.channels, inputs, (1, 1), bias=False)
         self.one = ChannelGain(inputs)
-        self.knees.weight.data = (torch.tensor(s.knees)[:, None, None] * torch.eye(s.channels)).reshape(inputs, -1, 1, 1)
+        self.knees.weight.data = (torch.tensor(s.knees)[:, None, None] * torch.eye(s.channels)).reshape(
+            inputs, -1, 1, 1
+        )
         self.one.offset.data.fill_(1.0)
         for parameter in (*self.knees.parameters(), *self.one.parameters()):
             parameter.requires_grad_(False)
         encoder, decoder, skips = [], [], []
         before = inputs
         for number, (stride, width, time) in enumerate(zip(s.strides, s.widths, s.times)):
-            encoder.append(convolution(before, width, (time, 2 * stride), stride,
-                                       look_ahead=s.look_ahead if number == 0 else 0))
+            encoder.append(
+                convolution(
+                    before, width, (time, 2 * stride), stride, look_ahead=s.look_ahead if number == 0 else 0
+                )
+            )
             before = width
         self.encoder = nn.ModuleList(encoder)
         self.blocks = nn.ModuleList(convolution(before, before, (3, 3), dilation=d) for d in s.dilations)
@@ -165,17 +241,55 @@ def exportable(network: Separator) -> Separator:
     for parent in list(copy.modules()):
         for name, child in parent.named_children():
             if isinstance(child, Upsample):
-                plain = CausalConvTranspose2d(child.in_channels, child.out_channels, child.kernel_size, child.stride)
+                plain = CausalConvTranspose2d(
+                    child.in_channels, child.out_channels, child.kernel_size, child.stride
+                )
                 plain.load_state_dict(child.state_dict())
                 setattr(parent, name, plain)
     return copy
 
 
-def load(path: Path) -> Separator:
-    """The averaged network of a checkpoint."""
+def load(path: Path, shape: Shape | None = None) -> Separator:
+    """The averaged network of a checkpoint, or, for a known shape, what a model file holds."""
+    if path.suffix == ".zevrant":
+        return load_model(path, shape)
     state = torch.load(path, map_location="cpu")
     network = Separator(Shape(**state["shape"]))
     network.load_state_dict(state["average"])
+    return network.eval()
+
+
+def load_model(path: Path, shape: Shape | None) -> Separator:
+    """From a file that `export` wrote. What was folded into a convolution stays; norms start afresh."""
+    import zevrant
+
+    layers = zevrant.Model(path).layers
+    if shape is None:
+        raise ValueError(f"{path}: a model file does not tell its network's shape")
+    network = Separator(shape)
+
+    def take(name: str, module: CausalConv2d | CausalConvTranspose2d, norm: nn.BatchNorm2d | None) -> None:
+        record = layers[name.replace(".", "_")].record
+        # [time, frequency, in, out], or [..., out, in] where transposed, to PyTorch's order.
+        weight = torch.from_numpy(record.weights.transpose(3, 2, 0, 1).copy())
+        if weight.shape != module.weight.shape:
+            raise ValueError(f"{path}: {name} is {list(weight.shape)} and not {list(module.weight.shape)}")
+        module.weight.data = weight
+        bias = (
+            torch.zeros(module.out_channels) if record.bias is None else torch.from_numpy(record.bias.copy())
+        )
+        if norm is not None:
+            norm.running_var.fill_(1.0 - norm.eps)
+            norm.bias.data = bias
+        elif module.bias is not None:
+            module.bias.data = bias
+
+    for name, module in network.named_modules():
+        if isinstance(module, nn.Sequential):
+            convolution, norm = module[0], module[1]
+            take(f"{name}.0", convolution, norm)
+        elif isinstance(module, Upsample):
+            take(name, module, None)
     return network.eval()
 
 
@@ -192,7 +306,9 @@ def multiply_adds(network: Separator) -> int:
 
     hooks = [module.register_forward_hook(count) for module in network.modules()]
     with torch.no_grad():
-        network.eval()(torch.rand(1, network.shape.channels, 1 + network.shape.look_ahead, network.shape.bins))
+        network.eval()(
+            torch.rand(1, network.shape.channels, 1 + network.shape.look_ahead, network.shape.bins)
+        )
     for hook in hooks:
         hook.remove()
     return counted

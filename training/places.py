@@ -1,4 +1,5 @@
 """Where things lie. An installed zevrant package comes first; this tree's own serves without one."""
+
 import sys
 from pathlib import Path
 

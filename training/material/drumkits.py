@@ -1,4 +1,5 @@
-"""Drum kits without samples: damped modes, swept tones and shaped noise, with every size and skin drawn by chance."""
+"""Drum kits without samples: damped modes, swept tones and shaped noise, every size and skin by chance."""
+
 from __future__ import annotations
 
 import numpy as np
@@ -18,11 +19,15 @@ def seconds(length: float) -> npt.NDArray[np.float32]:
     return np.arange(int(length * RATE), dtype=np.float32) / RATE
 
 
-def modes(frequencies: npt.ArrayLike, levels: npt.ArrayLike, decays: npt.ArrayLike, length: float, c: Chance) -> Mono:
+def modes(
+    frequencies: npt.ArrayLike, levels: npt.ArrayLike, decays: npt.ArrayLike, length: float, c: Chance
+) -> Mono:
     """A sum of damped sines; decays are the times to fall by 60 dB."""
     t = seconds(length)
     out = np.zeros_like(t)
-    for frequency, level, decay in zip(np.atleast_1d(frequencies), np.atleast_1d(levels), np.atleast_1d(decays)):
+    for frequency, level, decay in zip(
+        np.atleast_1d(frequencies), np.atleast_1d(levels), np.atleast_1d(decays)
+    ):
         if frequency < 0.45 * RATE:
             n = min(len(t), int(1.2 * decay * RATE) + 1)
             phase = 2 * np.pi * float(frequency) * t[:n] + c.uniform(0, 2 * np.pi)
@@ -48,7 +53,9 @@ def sweep(low: float, high: float, speed: float, decay: float, length: float) ->
 def metal(base: float, count: int, decay: float, length: float, c: Chance, spread: float = 8.0) -> Mono:
     """Inharmonic partials, the higher the denser and shorter, as of plates."""
     frequencies = base * (1 + spread * c.uniform(0, 1, count) ** 0.8) * c.uniform(0.98, 1.02, count)
-    return modes(frequencies, c.uniform(0.2, 1, count), decay * c.uniform(0.3, 1.2, count), length, c) / np.sqrt(count)
+    return modes(
+        frequencies, c.uniform(0.2, 1, count), decay * c.uniform(0.3, 1.2, count), length, c
+    ) / np.sqrt(count)
 
 
 def squares(base: float, decay: float, low: float, length: float, c: Chance) -> Mono:
@@ -56,14 +63,18 @@ def squares(base: float, decay: float, low: float, length: float, c: Chance) -> 
     t = seconds(length)
     ratios = (1.0, 1.342, 1.2312, 1.6532, 1.9523, 2.1523)
     out = sum(np.sign(np.sin(2 * np.pi * base * c.uniform(0.97, 1.03) * ratio * t)) for ratio in ratios)
-    return (band_pass(np.asarray(out, np.float32), low, 18000) * np.exp(-6.9 / decay * t) / 4).astype(np.float32)
+    return (band_pass(np.asarray(out, np.float32), low, 18000) * np.exp(-6.9 / decay * t) / 4).astype(
+        np.float32
+    )
 
 
 def kick(c: Chance) -> Mono:
     decay = c.choice([c.uniform(0.12, 0.35), c.uniform(0.3, 0.9)])
     low = c.uniform(38, 75)
     out = sweep(low, low * c.uniform(1.8, 7), c.uniform(0.008, 0.05), decay, decay * 1.2)
-    out += np.float32(c.uniform(0, 0.5)) * hiss(c.uniform(800, 3000), c.uniform(4000, 12000), c.uniform(0.01, 0.05), decay * 1.2, c)
+    out += np.float32(c.uniform(0, 0.5)) * hiss(
+        c.uniform(800, 3000), c.uniform(4000, 12000), c.uniform(0.01, 0.05), decay * 1.2, c
+    )
     if c.random() < 0.4:  # the shell and the skin
         out += modes(c.uniform(90, 300, 3), c.uniform(0.05, 0.25, 3), c.uniform(0.05, 0.2, 3), decay * 1.2, c)
     return np.tanh(out * c.choice([1.0, c.uniform(1, 4)])) if c.random() < 0.5 else out
@@ -71,8 +82,13 @@ def kick(c: Chance) -> Mono:
 
 def snare(c: Chance) -> Mono:
     length, tone = c.uniform(0.15, 0.5), c.uniform(140, 280)
-    body = modes(tone * np.array([1, c.uniform(1.4, 1.7), c.uniform(1.9, 2.4), c.uniform(2.5, 3.2)]),
-                 [1, 0.6, 0.35, 0.2] * c.uniform(0.4, 1, 4), length * c.uniform(0.3, 1.0, 4), length, c)
+    body = modes(
+        tone * np.array([1, c.uniform(1.4, 1.7), c.uniform(1.9, 2.4), c.uniform(2.5, 3.2)]),
+        [1, 0.6, 0.35, 0.2] * c.uniform(0.4, 1, 4),
+        length * c.uniform(0.3, 1.0, 4),
+        length,
+        c,
+    )
     body += 0.5 * sweep(tone, tone * 2, 0.01, 0.1, length)
     wires = hiss(c.uniform(300, 2000), c.uniform(6000, 17000), length * c.uniform(0.5, 1.0), length, c)
     return body * np.float32(c.uniform(0.2, 0.9)) + wires * np.float32(c.uniform(0.4, 1.2))
@@ -83,7 +99,7 @@ def clap(c: Chance) -> Mono:
     out = hiss(low, high, length, length, c)
     for number in range(1, c.integers(2, 5)):
         begin = int(number * c.uniform(0.007, 0.014) * RATE)
-        out[begin:] += hiss(low, high, 0.02 + 0.02 * number, length, c)[:len(out) - begin]
+        out[begin:] += hiss(low, high, 0.02 + 0.02 * number, length, c)[: len(out) - begin]
     return out
 
 
@@ -99,34 +115,48 @@ def hat(c: Chance, length: float) -> Mono:
 def cymbal(c: Chance, length: float, ping: float) -> Mono:
     base = c.uniform(280, 700)
     out = metal(base, 70, length, length, c, spread=c.uniform(15, 26))
-    out += np.float32(c.uniform(0.2, 1.0)) * hiss(c.uniform(2500, 6000), 18000, length * c.uniform(0.3, 0.8), length, c, 0.003)
+    out += np.float32(c.uniform(0.2, 1.0)) * hiss(
+        c.uniform(2500, 6000), 18000, length * c.uniform(0.3, 0.8), length, c, 0.003
+    )
     if ping > 0:
-        out += np.float32(ping) * modes(c.uniform(2500, 6000, 4), c.uniform(0.3, 1, 4), c.uniform(0.1, 0.6, 4), length, c)
+        out += np.float32(ping) * modes(
+            c.uniform(2500, 6000, 4), c.uniform(0.3, 1, 4), c.uniform(0.1, 0.6, 4), length, c
+        )
     return out
 
 
 def tom(c: Chance, low: float) -> Mono:
     length = c.uniform(0.2, 0.7)
     out = sweep(low, low * c.uniform(1.1, 1.8), c.uniform(0.02, 0.1), length, length)
-    out += modes(low * c.uniform(1.3, 3.5, 4), c.uniform(0.05, 0.4, 4), length * c.uniform(0.2, 0.7, 4), length, c)
+    out += modes(
+        low * c.uniform(1.3, 3.5, 4), c.uniform(0.05, 0.4, 4), length * c.uniform(0.2, 0.7, 4), length, c
+    )
     return out + np.float32(c.uniform(0, 0.4)) * hiss(300, 6000, 0.04, length, c)
 
 
 def hand_drum(c: Chance, low: float, mute: bool) -> Mono:
     length = c.uniform(0.05, 0.12) if mute else c.uniform(0.15, 0.5)
     ratios = np.array([1, 1.59, 2.14, 2.3, 2.65]) * c.uniform(0.96, 1.04, 5)
-    out = modes(low * ratios, c.uniform(0.2, 1, 5) * [1, 0.5, 0.4, 0.3, 0.2], length * c.uniform(0.3, 1, 5), length, c)
+    out = modes(
+        low * ratios, c.uniform(0.2, 1, 5) * [1, 0.5, 0.4, 0.3, 0.2], length * c.uniform(0.3, 1, 5), length, c
+    )
     out += 0.3 * sweep(low, low * c.uniform(1, 1.3), 0.02, length, length)
-    return out + np.float32(c.uniform(0.1, 0.8)) * hiss(c.uniform(500, 1500), c.uniform(3000, 9000), c.uniform(0.01, 0.04), length, c)
+    return out + np.float32(c.uniform(0.1, 0.8)) * hiss(
+        c.uniform(500, 1500), c.uniform(3000, 9000), c.uniform(0.01, 0.04), length, c
+    )
 
 
 def shaker(c: Chance, length: float) -> Mono:
-    return hiss(c.uniform(2500, 6000), c.uniform(9000, 18000), length, length, c, attack=c.uniform(0.005, 0.04))
+    return hiss(
+        c.uniform(2500, 6000), c.uniform(9000, 18000), length, length, c, attack=c.uniform(0.005, 0.04)
+    )
 
 
 def tambourine(c: Chance) -> Mono:
     length = c.uniform(0.1, 0.4)
-    ring = modes(c.uniform(4000, 14000, 16), c.uniform(0.1, 0.5, 16), length * c.uniform(0.3, 1, 16), length, c)
+    ring = modes(
+        c.uniform(4000, 14000, 16), c.uniform(0.1, 0.5, 16), length * c.uniform(0.3, 1, 16), length, c
+    )
     return ring + hiss(5000, 18000, length * 0.6, length, c)
 
 
@@ -161,8 +191,22 @@ def strike(c: Chance, key: int) -> Mono:
         return tom(c, c.uniform(55, 75) * 1.22 ** s.TOMS.index(key))
     if key == s.TAMBOURINE:
         return tambourine(c)
-    if key in (s.HIGH_BONGO, s.LOW_BONGO, s.MUTE_CONGA, s.HIGH_CONGA, s.LOW_CONGA, s.HIGH_TIMBALE, s.LOW_TIMBALE):
-        low = {s.HIGH_BONGO: 380, s.LOW_BONGO: 290, s.LOW_CONGA: 170, s.HIGH_TIMBALE: 330, s.LOW_TIMBALE: 230}.get(key, 230)
+    if key in (
+        s.HIGH_BONGO,
+        s.LOW_BONGO,
+        s.MUTE_CONGA,
+        s.HIGH_CONGA,
+        s.LOW_CONGA,
+        s.HIGH_TIMBALE,
+        s.LOW_TIMBALE,
+    ):
+        low = {
+            s.HIGH_BONGO: 380,
+            s.LOW_BONGO: 290,
+            s.LOW_CONGA: 170,
+            s.HIGH_TIMBALE: 330,
+            s.LOW_TIMBALE: 230,
+        }.get(key, 230)
         return hand_drum(c, low * c.uniform(0.8, 1.25), key == s.MUTE_CONGA)
     if key in (s.CABASA, s.MARACAS, s.SHAKER, s.SHAKER_GUIRO):
         return shaker(c, c.uniform(0.03, 0.25))
@@ -190,7 +234,11 @@ class Kit:
             strikes = [sound] + [band_pass(sound, 20, float(c.uniform(5000, 18000))) for _ in range(2)]
             centred = key in (scores.KICK, scores.KICK2, scores.SNARE, scores.SNARE2)
             place = 0.0 if centred else float(c.uniform(-self.width, self.width))
-            self.voices[key] = strikes, place, float(10 ** (c.uniform(-8, 2) / 20)) * (1.0 if centred else 0.6)
+            self.voices[key] = (
+                strikes,
+                place,
+                float(10 ** (c.uniform(-8, 2) / 20)) * (1.0 if centred else 0.6),
+            )
         return self.voices[key]
 
     def play(self, notes: list[Note], length: float) -> Audio:
@@ -205,6 +253,6 @@ class Kit:
                 continue
             gain = level * (note.velocity / 100) ** 2
             angle = (place + 1) * np.pi / 4
-            out[begin:begin + count, 0] += np.float32(gain * np.cos(angle)) * sound[:count]
-            out[begin:begin + count, 1] += np.float32(gain * np.sin(angle)) * sound[:count]
+            out[begin : begin + count, 0] += np.float32(gain * np.cos(angle)) * sound[:count]
+            out[begin : begin + count, 1] += np.float32(gain * np.sin(angle)) * sound[:count]
         return out

@@ -1,4 +1,5 @@
 """What happens to parts and mixes between the instrument and the listener."""
+
 from __future__ import annotations
 
 import numpy as np
@@ -15,7 +16,7 @@ def filter_by(signal: Signal, gain: npt.NDArray[np.float64], size: int) -> Signa
     """Multiplies the spectrum of the signal, zero-padded to size, by gain [size // 2 + 1]."""
     spectrum = rfft(signal, size, axis=0)
     spectrum *= gain if signal.ndim == 1 else gain[:, None]
-    return irfft(spectrum, size, axis=0)[:len(signal)].astype(np.float32)
+    return irfft(spectrum, size, axis=0)[: len(signal)].astype(np.float32)
 
 
 def band_pass(signal: Signal, low: float, high: float) -> Signal:
@@ -34,26 +35,30 @@ def equalise(signal: Signal, c: Chance, depth: float) -> Signal:
 
 
 def reverberate(signal: Signal, c: Chance, amount: float) -> Signal:
-    """A room: early reflections and a tail of noise that decays faster in the treble, different at both ears."""
+    """A room: early reflections and a tail of noise that decays faster in the treble, two different sides."""
     time = c.uniform(0.15, 2.2)
     length = int(RATE * time)
     t = np.arange(length) / RATE
     impulse = np.zeros((length, 2))
-    for low, high, share in ((20, 800, c.uniform(0.7, 1.2)), (800, 4000, 1.0), (4000, 16000, c.uniform(0.3, 0.8))):
+    for low, high, share in (
+        (20, 800, c.uniform(0.7, 1.2)),
+        (800, 4000, 1.0),
+        (4000, 16000, c.uniform(0.3, 0.8)),
+    ):
         tail = band_pass(c.standard_normal((length, 2)).astype(np.float32), low, high)
         impulse += tail * np.exp(-6.9 / (time * share) * t)[:, None]
-    impulse[:int(c.uniform(0, 0.02) * RATE)] = 0
-    impulse /= np.sqrt((impulse ** 2).sum() / 2)
+    impulse[: int(c.uniform(0, 0.02) * RATE)] = 0
+    impulse /= np.sqrt((impulse**2).sum() / 2)
     for _ in range(6):
         impulse[int(c.uniform(0.002, 0.05) * RATE) % length, c.integers(2)] += c.uniform(-0.4, 0.4)
     size = next_fast_len(len(signal) + length, real=True)
-    wet = irfft(rfft(signal, size, axis=0) * rfft(impulse, size, axis=0), size, axis=0)[:len(signal)]
+    wet = irfft(rfft(signal, size, axis=0) * rfft(impulse, size, axis=0), size, axis=0)[: len(signal)]
     return signal + np.float32(amount) * wet.astype(np.float32)
 
 
 def distort(signal: Signal, c: Chance) -> Signal:
     """An overdriven amplifier and its loudspeaker."""
-    drive = 10 ** (c.uniform(0, 36) / 20) / (np.sqrt(np.mean(signal ** 2)) * 4 + 1e-9)
+    drive = 10 ** (c.uniform(0, 36) / 20) / (np.sqrt(np.mean(signal**2)) * 4 + 1e-9)
     out = np.tanh(signal * np.float32(drive) + np.float32(c.uniform(0, 0.3)))
     return band_pass(out - out.mean(axis=0), c.uniform(50, 150), c.uniform(2500, 9000))
 
@@ -63,9 +68,14 @@ def chorus(signal: Signal, c: Chance) -> Signal:
     t = np.arange(len(signal))
     out = signal.copy()
     for side in range(2):
-        delay = RATE * (c.uniform(0.005, 0.02) + c.uniform(0.0005, 0.004) * (
-            1 + np.sin(2 * np.pi * c.uniform(0.1, 2) * t / RATE + c.uniform(0, 6))))
-        out[:, side] += np.interp(t - delay, t, signal[:, side], left=0).astype(np.float32) * np.float32(c.uniform(0.3, 1))
+        delay = RATE * (
+            c.uniform(0.005, 0.02)
+            + c.uniform(0.0005, 0.004)
+            * (1 + np.sin(2 * np.pi * c.uniform(0.1, 2) * t / RATE + c.uniform(0, 6)))
+        )
+        out[:, side] += np.interp(t - delay, t, signal[:, side], left=0).astype(np.float32) * np.float32(
+            c.uniform(0.3, 1)
+        )
     return out
 
 
@@ -75,16 +85,16 @@ def echo(signal: Signal, c: Chance) -> Signal:
     out = signal.copy()
     for number in range(1, 5):
         if number * delay < len(signal):
-            repeated = signal[:len(signal) - number * delay, ::-1 if number % 2 else 1]
-            out[number * delay:] += np.float32(c.uniform(0.5, 1) * feedback ** number) * repeated
+            repeated = signal[: len(signal) - number * delay, :: -1 if number % 2 else 1]
+            out[number * delay :] += np.float32(c.uniform(0.5, 1) * feedback**number) * repeated
     return out
 
 
 def compression_gain(signal: Signal, threshold: float, ratio: float, attack: float, release: float) -> Signal:
-    """The gain [samples] of a compressor over the mean square of all channels; threshold in dB, times in s."""
+    """The gain [samples] of a compressor on all channels; threshold in dB, times in seconds."""
     step = 32
     power = np.square(signal).reshape(len(signal), -1).mean(axis=1)
-    blocks = power[:len(power) // step * step].reshape(-1, step).mean(axis=1)
+    blocks = power[: len(power) // step * step].reshape(-1, step).mean(axis=1)
     fast = lfilter([1 - np.exp(-step / RATE / attack)], [1, -np.exp(-step / RATE / attack)], blocks)
     over = np.maximum(0.0, 10 * np.log10(fast + 1e-10) - threshold) * (1 - 1 / ratio)
     slow = lfilter([1 - np.exp(-step / RATE / release)], [1, -np.exp(-step / RATE / release)], over)
@@ -99,7 +109,7 @@ def limiter_gain(signal: Signal, ceiling: float) -> Signal:
     peaks = np.abs(signal).reshape(len(signal), -1).max(axis=1)
     peaks = np.pad(peaks, (0, -len(peaks) % step)).reshape(-1, step).max(axis=1)
     wanted = np.minimum(1.0, ceiling / (peaks + 1e-9))
-    around = np.minimum.reduce([np.pad(wanted, (2, 2), mode="edge")[i:i + len(wanted)] for i in range(5)])
+    around = np.minimum.reduce([np.pad(wanted, (2, 2), mode="edge")[i : i + len(wanted)] for i in range(5)])
     keep = np.exp(-step / RATE / 0.08)
     level, gains = 1.0, np.empty(len(around))
     for i, gain in enumerate(around.tolist()):  # down at once, up slowly
@@ -109,10 +119,12 @@ def limiter_gain(signal: Signal, ceiling: float) -> Signal:
 
 
 def master(stems: list[Signal], c: Chance) -> list[Signal]:
-    """Bus compressor and limiter over the sum: the same gain for every stem, so that they still add up."""
+    """Bus compressor and limiter over the sum: one gain for all stems, so that they still add up."""
     mix = np.sum(stems, axis=0, dtype=np.float32)
-    level = 10 * np.log10(np.mean(mix ** 2) + 1e-10)
-    gain = compression_gain(mix, level + c.uniform(-6, 3), c.uniform(1.5, 6), c.uniform(0.002, 0.03), c.uniform(0.05, 0.4))
+    level = 10 * np.log10(np.mean(mix**2) + 1e-10)
+    gain = compression_gain(
+        mix, level + c.uniform(-6, 3), c.uniform(1.5, 6), c.uniform(0.002, 0.03), c.uniform(0.05, 0.4)
+    )
     mix = mix * gain[:, None]
     loud = 10 ** (c.uniform(2, 8) / 20)
     gain = gain * limiter_gain(mix * np.float32(loud), float(np.abs(mix).max() * 0.9)) * np.float32(loud)
@@ -120,7 +132,7 @@ def master(stems: list[Signal], c: Chance) -> list[Signal]:
 
 
 def change_speed(signal: Signal, c: Chance, length: int) -> Signal:
-    """Faster and higher by up to a quarter, never slower, which would leave no treble; filled up backwards."""
+    """Faster and higher by up to a quarter, never slower, which leaves no treble; filled up backwards."""
     faster = np.asarray(resample_poly(signal, int(c.integers(13, 16)), 16, axis=0), np.float32)
     return np.concatenate([faster, faster[::-1]])[:length]
 
@@ -147,8 +159,16 @@ def color_part(signal: Signal, c: Chance, role: str) -> Signal:
     if role in ("lead", "arpeggio", "voice", "riff") and c.random() < 0.25:
         signal = echo(signal, c)
     if c.random() < 0.25:
-        signal = signal * compression_gain(signal, 10 * np.log10(np.mean(signal ** 2) + 1e-9), c.uniform(2, 8),
-                                           c.uniform(0.001, 0.03), c.uniform(0.05, 0.3))[:, None]
+        signal = (
+            signal
+            * compression_gain(
+                signal,
+                10 * np.log10(np.mean(signal**2) + 1e-9),
+                c.uniform(2, 8),
+                c.uniform(0.001, 0.03),
+                c.uniform(0.05, 0.3),
+            )[:, None]
+        )
     if role != "bass" and c.random() < 0.6:
         signal = reverberate(signal, c, c.choice([0.05, 0.1, 0.2, 0.4]))
     return widen(signal, c.uniform(0.3, 1.2)) if c.random() < 0.4 else signal

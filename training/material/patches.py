@@ -1,4 +1,5 @@
-"""A synthesizer of random patches: plucked, struck, bowed, blown, electronic and sung sounds without samples."""
+"""A synthesizer of random patches without samples: plucked, struck, bowed, blown, electronic and sung."""
+
 from __future__ import annotations
 
 import numpy as np
@@ -20,11 +21,21 @@ class Patch:
     def __init__(self, seed: int, role: str) -> None:
         c = np.random.default_rng(seed)
         self.seed, self.role = seed, role
-        kinds = {"bass": ["pluck", "analog", "fm"], "pad": ["analog", "bowed", "organ", "voice"], "voice": ["voice"],
-                 "lead": ["analog", "blown", "bowed", "fm", "pluck", "voice"]}
+        kinds = {
+            "bass": ["pluck", "analog", "fm"],
+            "pad": ["analog", "bowed", "organ", "voice"],
+            "voice": ["voice"],
+            "lead": ["analog", "blown", "bowed", "fm", "pluck", "voice"],
+        }
         self.kind = str(c.choice(kinds.get(role, ["pluck", "analog", "fm", "organ", "struck", "bowed"])))
-        held = self.kind in ("bowed", "organ", "blown", "voice") or (self.kind in ("analog", "fm") and c.random() < 0.5)
-        self.attack = float(c.uniform(0.03, 0.25) if role == "pad" or self.kind in ("bowed", "voice") else c.uniform(0.001, 0.02))
+        held = self.kind in ("bowed", "organ", "blown", "voice") or (
+            self.kind in ("analog", "fm") and c.random() < 0.5
+        )
+        self.attack = float(
+            c.uniform(0.03, 0.25)
+            if role == "pad" or self.kind in ("bowed", "voice")
+            else c.uniform(0.001, 0.02)
+        )
         self.decay = 20.0 if held else float(np.exp(c.uniform(np.log(0.15), np.log(4.0))))  # to -60 dB
         self.release = float(c.uniform(0.03, 0.4))
         self.slope = c.uniform(0.5, 2.0)
@@ -50,7 +61,7 @@ class Patch:
         """[tables, SIZE + 1]: single periods without any harmonic above the treble's end."""
         count = max(1, min(SIZE // 2 - 1, int(20000 / frequency)))
         h = np.arange(1, count + 1)
-        level = h ** -self.slope * np.where(self.odd & (h % 2 == 0), 0.05, 1.0) * self.ripple[h % 64]
+        level = h**-self.slope * np.where(self.odd & (h % 2 == 0), 0.05, 1.0) * self.ripple[h % 64]
         spectra = []
         for number in range(5):
             if self.kind == "organ":
@@ -62,15 +73,19 @@ class Patch:
             elif self.kind == "voice":
                 formants = VOWELS[c.integers(5)]
                 f = h * frequency / self.throat
-                shape = sum(gain / (1 + ((f - formant) / (60 + 0.06 * formant)) ** 2)
-                            for formant, gain in zip(formants + (3400,), (1, 0.6, 0.35, 0.2)))
-                spectra.append(h ** -0.7 * (shape + 0.01))
+                shape = sum(
+                    gain / (1 + ((f - formant) / (60 + 0.06 * formant)) ** 2)
+                    for formant, gain in zip((*formants, 3400), (1, 0.6, 0.35, 0.2))
+                )
+                spectra.append(h**-0.7 * (shape + 0.01))
             else:
                 cutoff = self.cutoff * (self.dark / self.cutoff) ** (number / 4)
-                peak = 1 + self.resonance * np.exp(-((h / cutoff - 1) / 0.2) ** 2)
+                peak = 1 + self.resonance * np.exp(-(((h / cutoff - 1) / 0.2) ** 2))
                 spectra.append(level * peak / (1 + (h / cutoff) ** 4))
         half = np.zeros((5, SIZE // 2 + 1), complex)
-        half[:, 1:count + 1] = np.array(spectra) * np.exp(2j * np.pi * np.random.default_rng(self.seed).random(count))
+        half[:, 1 : count + 1] = np.array(spectra) * np.exp(
+            2j * np.pi * np.random.default_rng(self.seed).random(count)
+        )
         waves = np.fft.irfft(half, SIZE)
         waves /= np.abs(waves[0] if self.kind != "voice" else waves).max() + 1e-12
         return np.concatenate([waves, waves[:, :1]], axis=1).astype(np.float32)
@@ -79,7 +94,11 @@ class Patch:
         sounding = min(note.length, self.decay) + self.release
         t = np.arange(int(sounding * RATE), dtype=np.float32) / RATE
         frequency = 440 * 2 ** ((note.key - 69) / 12)
-        bend = self.vibrato[0] * np.sin(2 * np.pi * self.vibrato[1] * t + c.uniform(0, 6)) * np.minimum(1, t / 0.3)
+        bend = (
+            self.vibrato[0]
+            * np.sin(2 * np.pi * self.vibrato[1] * t + c.uniform(0, 6))
+            * np.minimum(1, t / 0.3)
+        )
         if self.glide:
             bend = bend + (previous - note.key) * np.exp(-t / (self.glide / 3))
         if self.kind == "voice":
@@ -104,18 +123,20 @@ class Patch:
                 row = np.minimum(position.astype(np.int32), 3)
                 share = (position - row).astype(np.float32)
                 wave = tables[row, low] * (1 - share) + tables[row + 1, low] * share
-            angle = (1 + self.width * (copy / max(1, self.copies - 1) * 2 - 1) * (self.copies > 1)) * np.pi / 4
+            angle = (
+                (1 + self.width * (copy / max(1, self.copies - 1) * 2 - 1) * (self.copies > 1)) * np.pi / 4
+            )
             out += (wave[:, None] * [np.cos(angle), np.sin(angle)]).astype(np.float32)
         if self.breath or self.chiff:
             noise = c.standard_normal(len(t))
             noise[1:] -= 0.6 * noise[:-1]
             amount = self.breath + self.chiff * np.exp(-t / 0.012)
             if self.kind == "voice" and c.random() < 0.4:  # a consonant in front of the vowel
-                amount = amount + 0.6 * np.exp(-((t - 0.04) / 0.03) ** 2)
+                amount = amount + 0.6 * np.exp(-(((t - 0.04) / 0.03) ** 2))
             out += (noise * amount * 0.3)[:, None].astype(np.float32)
         shape = np.minimum(1, t / self.attack) * np.exp(-6.9 / self.decay * t)
         held = max(1, int(min(note.length, sounding - self.release) * RATE))
-        shape[held:] *= np.exp(-6.9 / self.release * t[:len(t) - held])
+        shape[held:] *= np.exp(-6.9 / self.release * t[: len(t) - held])
         fade = min(len(t), 96)
         shape[-fade:] *= np.linspace(1, 0, fade)
         return out * (shape * (note.velocity / 127) ** 1.5)[:, None].astype(np.float32)
@@ -127,7 +148,7 @@ class Patch:
         for note in notes:
             begin = int(note.start * RATE)
             if begin < len(out):
-                sound = self.note(note, c, previous)[:len(out) - begin]
-                out[begin:begin + len(sound)] += sound
+                sound = self.note(note, c, previous)[: len(out) - begin]
+                out[begin : begin + len(sound)] += sound
                 previous = float(note.key)
         return out

@@ -1,8 +1,9 @@
 """Turns a song's notes into stems: who plays which part, and with what effects.
 
-Instruments come in three sets that share nothing: those to train on, those to validate with, and those to test
-with, which no training ever hears.
+Instruments come in three sets that share nothing: those to train on, those to validate with, and those to
+test with, which no training ever hears.
 """
+
 from __future__ import annotations
 
 from functools import lru_cache
@@ -71,7 +72,9 @@ def play_drums(parts: list[Part], seconds: float, split: str, c: np.random.Gener
                 return font(path).play(notes, DRUM_BANK, program, length)
     elif share < 0.5:
         path = FONTS[split][c.integers(2)]
-        kits = [kit for kit in font(path).drum_kits() if kit in KITS and (kit in VALID_KITS) == (split == "valid")]
+        kits = [
+            kit for kit in font(path).drum_kits() if kit in KITS and (kit in VALID_KITS) == (split == "valid")
+        ]
         program = int(c.choice(kits))
 
         def player(notes: list[Note], length: float) -> Audio:
@@ -80,7 +83,9 @@ def play_drums(parts: list[Part], seconds: float, split: str, c: np.random.Gener
         player = Kit(own_seed(c, split)).play
     out = np.zeros((int(seconds * RATE), 2), np.float32)
     for part in parts:
-        out += player(part.notes, seconds) * np.float32(1.0 if part.role == "drums" else 10 ** (c.uniform(-8, 4) / 20))
+        out += player(part.notes, seconds) * np.float32(
+            1.0 if part.role == "drums" else 10 ** (c.uniform(-8, 4) / 20)
+        )
     return color_drums(out, c)
 
 
@@ -93,14 +98,17 @@ def play_instrument(part: Part, seconds: float, split: str, c: np.random.Generat
         sound = Patch(own_seed(c, split), part.role).play(part.notes, seconds)
     else:
         path = FONTS[split][c.integers(2)]
-        choices = [p for p in (PROGRAMS[part.role] if c.random() < 0.8 or part.role == "bass" else ANY)
-                   if allowed(p, split) and font(path).has(0, p)] or [p for p in ANY if allowed(p, split)]
+        choices = [
+            p
+            for p in (PROGRAMS[part.role] if c.random() < 0.8 or part.role == "bass" else ANY)
+            if allowed(p, split) and font(path).has(0, p)
+        ] or [p for p in ANY if allowed(p, split)]
         sound = font(path).play(part.notes, 0, int(c.choice(choices)), seconds)
     return color_part(sound, c, part.role)
 
 
 def render(seed: int, seconds: float, split: str, style: str | None = None) -> dict[str, Audio]:
-    """The stems of a song by name: drums, bass, other-1, other-2 and so on, each at a loudness of -20 dB or so."""
+    """The stems of a song by name: drums, bass, other-1-pad and so on, each at a loudness of -20 dB or so."""
     c = np.random.default_rng([seed, 7])
     song = compose(seed, seconds, style)
     stems: dict[str, Audio] = {}
@@ -109,18 +117,24 @@ def render(seed: int, seconds: float, split: str, style: str | None = None) -> d
     if drums:
         stems["drums"] = play_drums(drums, seconds, split, c)
     for number, part in enumerate(others):
-        stems["bass" if part.role == "bass" else f"other-{number}-{part.role}"] = play_instrument(part, seconds, split, c)
-    return {name: sound * np.float32(0.1 / loudness(sound)) for name, sound in stems.items() if loudness(sound) > 1e-5}
+        stems["bass" if part.role == "bass" else f"other-{number}-{part.role}"] = play_instrument(
+            part, seconds, split, c
+        )
+    return {
+        name: sound * np.float32(0.1 / loudness(sound))
+        for name, sound in stems.items()
+        if loudness(sound) > 1e-5
+    }
 
 
 def loudness(sound: Audio) -> float:
     """Root mean square of the louder half of the sound, in stretches of 0.1 s: pauses do not count."""
-    blocks = np.square(sound[:len(sound) // 4800 * 4800]).reshape(-1, 4800 * 2).mean(axis=1)
-    return float(np.sqrt(np.sort(blocks)[len(blocks) // 2:].mean() + 1e-20))
+    blocks = np.square(sound[: len(sound) // 4800 * 4800]).reshape(-1, 4800 * 2).mean(axis=1)
+    return float(np.sqrt(np.sort(blocks)[len(blocks) // 2 :].mean() + 1e-20))
 
 
 def mix_levels(stems: dict[str, Audio], c: np.random.Generator, targets: tuple[str, ...]) -> dict[str, Audio]:
-    """Levels as in real mixes: each target between +3 and -10 dB against the rest, one in three songs mastered."""
+    """Levels as in real mixes: targets at +3 to -10 dB against the rest, one in three songs mastered."""
     names = list(stems)
     gains = {name: 10 ** (c.uniform(-6, 6) / 20) for name in names}
     sounds = {name: stems[name] * np.float32(gains[name]) for name in names}
@@ -129,7 +143,8 @@ def mix_levels(stems: dict[str, Audio], c: np.random.Generator, targets: tuple[s
             rest = np.sum([sounds[name] for name in names if name != target], axis=0)
             wanted = 10 ** (c.uniform(-10, 3) / 20)
             sounds[target] = sounds[target] * np.float32(
-                wanted * np.sqrt(np.mean(rest ** 2) / (np.mean(sounds[target] ** 2) + 1e-12)))
+                wanted * np.sqrt(np.mean(rest**2) / (np.mean(sounds[target] ** 2) + 1e-12))
+            )
     if c.random() < 1 / 3:
         sounds = dict(zip(names, master([sounds[name] for name in names], c)))
     return sounds
@@ -139,4 +154,6 @@ def write_song(folder: Path, stems: dict[str, Audio]) -> None:
     folder.mkdir(parents=True, exist_ok=True)
     peak = max(float(np.abs(sound).max()) for sound in stems.values())
     for name, sound in stems.items():
-        soundfile.write(folder / f"{name}.wav", sound * np.float32(min(1.0, 0.98 / peak)), RATE, subtype="PCM_16")
+        soundfile.write(
+            folder / f"{name}.wav", sound * np.float32(min(1.0, 0.98 / peak)), RATE, subtype="PCM_16"
+        )

@@ -1,4 +1,5 @@
 """Plays notes on the presets of a sound font, in this process, through the fluidsynth library."""
+
 from __future__ import annotations
 
 import ctypes
@@ -23,7 +24,12 @@ def library() -> Any:
         raise RuntimeError("the fluidsynth library is missing: scripts/bootstrap training")
     lib = ctypes.CDLL(name)
     pointer, text = ctypes.c_void_p, ctypes.c_char_p
-    for function in ("new_fluid_settings", "new_fluid_synth", "fluid_synth_get_sfont_by_id", "fluid_sfont_get_preset"):
+    for function in (
+        "new_fluid_settings",
+        "new_fluid_synth",
+        "fluid_synth_get_sfont_by_id",
+        "fluid_sfont_get_preset",
+    ):
         getattr(lib, function).restype = pointer
     lib.new_fluid_synth.argtypes = [pointer]
     lib.fluid_settings_setnum.argtypes = [pointer, text, ctypes.c_double]
@@ -36,8 +42,16 @@ def library() -> Any:
     lib.fluid_synth_noteoff.argtypes = [pointer] + 2 * [ctypes.c_int]
     lib.fluid_synth_pitch_bend.argtypes = [pointer] + 2 * [ctypes.c_int]
     lib.fluid_synth_system_reset.argtypes = [pointer]
-    lib.fluid_synth_write_float.argtypes = [pointer, ctypes.c_int, pointer, ctypes.c_int, ctypes.c_int, pointer,
-                                            ctypes.c_int, ctypes.c_int]
+    lib.fluid_synth_write_float.argtypes = [
+        pointer,
+        ctypes.c_int,
+        pointer,
+        ctypes.c_int,
+        ctypes.c_int,
+        pointer,
+        ctypes.c_int,
+        ctypes.c_int,
+    ]
     lib.fluid_set_log_function.argtypes = [ctypes.c_int, pointer, pointer]
     for level in range(5):  # the library is chatty on the terminal
         lib.fluid_set_log_function(level, None, None)
@@ -64,7 +78,9 @@ class SoundFont:
 
     def has(self, bank: int, program: int) -> bool:
         lib = library()
-        return bool(lib.fluid_sfont_get_preset(lib.fluid_synth_get_sfont_by_id(self.synth, self.font), bank, program))
+        return bool(
+            lib.fluid_sfont_get_preset(lib.fluid_synth_get_sfont_by_id(self.synth, self.font), bank, program)
+        )
 
     def drum_kits(self) -> list[int]:
         return [program for program in range(128) if self.has(DRUM_BANK, program)]
@@ -79,7 +95,10 @@ class SoundFont:
         events = []  # (sample, 0 for an end and 1 for a beginning, key, velocity)
         for note in notes:
             begin = round(note.start * self.rate)
-            events += [(begin, 1, note.key, note.velocity), (begin + round(note.length * self.rate), 0, note.key, 0)]
+            events += [
+                (begin, 1, note.key, note.velocity),
+                (begin + round(note.length * self.rate), 0, note.key, 0),
+            ]
         out = np.zeros((end, 2), np.float32)
         now = 0
         for at, begins, key, velocity in sorted(events):

@@ -1,4 +1,5 @@
-"""Speech by the text-to-speech programs of Debian. Speakers belong to one split each, in every program they occur in."""
+"""Speech by the text-to-speech programs of Debian. A speaker belongs to one split, in whatever program."""
+
 from __future__ import annotations
 
 import random
@@ -41,28 +42,106 @@ VOICES = (
     Voice("lp", "festival", "lp_diphone", True, False, "test"),
     Voice("lj", "festival", "suo_fi_lj_diphone", True, False, "test"),
     Voice("ph", "festival", "czech_ph", False, False, "test"),
-    *(Voice(f"espeak-{language}-{variant}", "espeak", f"{language}+{variant}", variant.startswith("f"),
-            language.startswith("en"), "valid" if variant in ("f4", "m6") else "train")
-      for language in ("en-us", "en-gb", "de", "fr", "it", "pl", "sv", "es", "nl", "tr")
-      for variant in ("f1", "f2", "f3", "f4", "f5", "m1", "m2", "m3", "m4", "m5", "m6", "m7")),
+    *(
+        Voice(
+            f"espeak-{language}-{variant}",
+            "espeak",
+            f"{language}+{variant}",
+            variant.startswith("f"),
+            language.startswith("en"),
+            "valid" if variant in ("f4", "m6") else "train",
+        )
+        for language in ("en-us", "en-gb", "de", "fr", "it", "pl", "sv", "es", "nl", "tr")
+        for variant in ("f1", "f2", "f3", "f4", "f5", "m1", "m2", "m3", "m4", "m5", "m6", "m7")
+    ),
 )
-SUBJECTS = ("the old captain", "my sister", "a young engineer", "nobody", "the whole village", "every third visitor",
-            "a quiet neighbour", "the orchestra", "our teacher", "somebody from the harbour", "the judge", "she", "they")
-VERBS = ("measures", "forgot", "was looking for", "will carry", "has never seen", "brought back", "sold", "hears",
-         "chooses", "could hardly recognise", "shouts at", "painted", "is waiting for", "throws away", "fixed")
-OBJECTS = ("seven green bottles", "the broken clock", "a pile of old newspapers", "fresh bread and cheese", "his keys",
-           "the first snow", "a question without an answer", "three hundred sheep", "the last train to Oxford",
-           "a very strange whistle", "their summer house", "the judge's umbrella", "charcoal", "an enormous fish")
-ENDINGS = ("on Thursday", "behind the church", "with both hands", "before it was too late", "in spite of the weather",
-           "as usual", "for sixteen pounds", "because of the noise", "near the bridge", "and went to sleep", "", "again")
+SUBJECTS = (
+    "the old captain",
+    "my sister",
+    "a young engineer",
+    "nobody",
+    "the whole village",
+    "every third visitor",
+    "a quiet neighbour",
+    "the orchestra",
+    "our teacher",
+    "somebody from the harbour",
+    "the judge",
+    "she",
+    "they",
+)
+VERBS = (
+    "measures",
+    "forgot",
+    "was looking for",
+    "will carry",
+    "has never seen",
+    "brought back",
+    "sold",
+    "hears",
+    "chooses",
+    "could hardly recognise",
+    "shouts at",
+    "painted",
+    "is waiting for",
+    "throws away",
+    "fixed",
+)
+OBJECTS = (
+    "seven green bottles",
+    "the broken clock",
+    "a pile of old newspapers",
+    "fresh bread and cheese",
+    "his keys",
+    "the first snow",
+    "a question without an answer",
+    "three hundred sheep",
+    "the last train to Oxford",
+    "a very strange whistle",
+    "their summer house",
+    "the judge's umbrella",
+    "charcoal",
+    "an enormous fish",
+)
+ENDINGS = (
+    "on Thursday",
+    "behind the church",
+    "with both hands",
+    "before it was too late",
+    "in spite of the weather",
+    "as usual",
+    "for sixteen pounds",
+    "because of the noise",
+    "near the bridge",
+    "and went to sleep",
+    "",
+    "again",
+)
 
 
 def sentence(chance: random.Random, english: bool) -> str:
     if english:
-        return " ".join(filter(None, (chance.choice(SUBJECTS), chance.choice(VERBS), chance.choice(OBJECTS),
-                                      chance.choice(ENDINGS)))) + chance.choice(".?.!")
-    syllables = ["".join((chance.choice("bdfghklmnprstvz"), chance.choice("aeiou"), chance.choice(("", "", "n", "r", "s", "l"))))
-                 for _ in range(chance.randint(8, 24))]
+        return " ".join(
+            filter(
+                None,
+                (
+                    chance.choice(SUBJECTS),
+                    chance.choice(VERBS),
+                    chance.choice(OBJECTS),
+                    chance.choice(ENDINGS),
+                ),
+            )
+        ) + chance.choice(".?.!")
+    syllables = [
+        "".join(
+            (
+                chance.choice("bdfghklmnprstvz"),
+                chance.choice("aeiou"),
+                chance.choice(("", "", "n", "r", "s", "l")),
+            )
+        )
+        for _ in range(chance.randint(8, 24))
+    ]
     words, text = iter(syllables), ""
     for syllable in words:
         text += syllable + chance.choice(("", "", " "))
@@ -75,15 +154,48 @@ def speak(voice: Voice, text: str, chance: random.Random) -> tuple[Mono, int]:
         out = Path(folder) / "speech.wav"
         pace = chance.uniform(0.8, 1.3)
         if voice.program == "espeak":
-            command = ["espeak-ng", "-v", voice.name, "-s", f"{165 / pace:.0f}", "-p", str(chance.randint(20, 80)), "-w", out, text]
+            command = [
+                "espeak-ng",
+                "-v",
+                voice.name,
+                "-s",
+                f"{165 / pace:.0f}",
+                "-p",
+                str(chance.randint(20, 80)),
+                "-w",
+                out,
+                text,
+            ]
             subprocess.run(command, check=True, capture_output=True)
         elif voice.program == "flite":
-            command = ["flite", "-voice", voice.name, "--setf", f"duration_stretch={pace:.2f}", "-t", text, "-o", out]
+            command = [
+                "flite",
+                "-voice",
+                voice.name,
+                "--setf",
+                f"duration_stretch={pace:.2f}",
+                "-t",
+                text,
+                "-o",
+                out,
+            ]
             subprocess.run(command, check=True, capture_output=True)
         else:
-            subprocess.run(["text2wave", "-eval", f"(voice_{voice.name})", "-eval",
-                            f"(Parameter.set 'Duration_Stretch {pace:.2f})", "-o", out],
-                           input=text, text=True, check=True, capture_output=True)
+            subprocess.run(
+                [
+                    "text2wave",
+                    "-eval",
+                    f"(voice_{voice.name})",
+                    "-eval",
+                    f"(Parameter.set 'Duration_Stretch {pace:.2f})",
+                    "-o",
+                    out,
+                ],
+                input=text,
+                text=True,
+                check=True,
+                capture_output=True,
+            )
         sound, rate = soundfile.read(out, dtype="float32", always_2d=True)
     return sound[:, 0], int(rate)
 
