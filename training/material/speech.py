@@ -26,13 +26,14 @@ class Voice:
 
 
 VOICES = (
-    # kal and slt are the same people in festival and in flite.
+    # kal and slt are the same people in festival and in flite. To train on: recordings under permissive terms,
+    # and a synthesizer that computes its voices. Those under the GPL and LGPL judge.
     Voice("kal", "festival", "kal_diphone", False, True, "train"),
     Voice("kal", "flite", "kal16", False, True, "train"),
     Voice("ked", "festival", "ked_diphone", False, True, "train"),
-    Voice("pc", "festival", "pc_diphone", False, False, "train"),
-    Voice("dita", "festival", "czech_dita", True, False, "train"),
-    Voice("mv", "festival", "hy_fi_mv_diphone", False, False, "train"),
+    Voice("pc", "festival", "pc_diphone", False, False, "test"),
+    Voice("dita", "festival", "czech_dita", True, False, "test"),
+    Voice("mv", "festival", "hy_fi_mv_diphone", False, False, "test"),
     Voice("ona", "festival", "upc_ca_ona_hts", True, False, "valid"),
     Voice("machac", "festival", "czech_machac", False, False, "valid"),
     Voice("slt", "festival", "cmu_us_slt_arctic_hts", True, True, "test"),
