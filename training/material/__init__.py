@@ -1,0 +1,1 @@
+"""Sound whose parts are known: songs, speech and noise made from seeds."""

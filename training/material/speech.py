@@ -1,0 +1,227 @@
+"""Speech by the text-to-speech programs of Debian. A speaker belongs to one split, in whatever program."""
+
+from __future__ import annotations
+
+import random
+import subprocess
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+import numpy as np
+import numpy.typing as npt
+import soundfile
+
+Mono = npt.NDArray[np.float32]
+
+
+@dataclass(frozen=True)
+class Voice:
+    speaker: str  # one person, or one setting of a synthesizer without a person behind it
+    program: str  # espeak, festival or flite
+    name: str  # the program's word for it
+    woman: bool
+    english: bool
+    split: str
+
+
+VOICES = (
+    # kal and slt are the same people in festival and in flite. To train on: recordings under permissive terms,
+    # and a synthesizer that computes its voices. Those under the GPL and LGPL judge.
+    Voice("kal", "festival", "kal_diphone", False, True, "train"),
+    Voice("kal", "flite", "kal16", False, True, "train"),
+    Voice("ked", "festival", "ked_diphone", False, True, "train"),
+    Voice("pc", "festival", "pc_diphone", False, False, "test"),
+    Voice("dita", "festival", "czech_dita", True, False, "test"),
+    Voice("mv", "festival", "hy_fi_mv_diphone", False, False, "test"),
+    Voice("ona", "festival", "upc_ca_ona_hts", True, False, "valid"),
+    Voice("machac", "festival", "czech_machac", False, False, "valid"),
+    Voice("slt", "festival", "cmu_us_slt_arctic_hts", True, True, "test"),
+    Voice("slt", "flite", "slt", True, True, "test"),
+    Voice("awb", "flite", "awb", False, True, "test"),
+    Voice("rms", "flite", "rms", False, True, "test"),
+    Voice("lp", "festival", "lp_diphone", True, False, "test"),
+    Voice("lj", "festival", "suo_fi_lj_diphone", True, False, "test"),
+    Voice("ph", "festival", "czech_ph", False, False, "test"),
+    *(
+        Voice(
+            f"espeak-{language}-{variant}",
+            "espeak",
+            f"{language}+{variant}",
+            variant.startswith("f"),
+            language.startswith("en"),
+            "valid" if variant in ("f4", "m6") else "train",
+        )
+        for language in ("en-us", "en-gb", "de", "fr", "it", "pl", "sv", "es", "nl", "tr")
+        for variant in ("f1", "f2", "f3", "f4", "f5", "m1", "m2", "m3", "m4", "m5", "m6", "m7")
+    ),
+)
+SUBJECTS = (
+    "the old captain",
+    "my sister",
+    "a young engineer",
+    "nobody",
+    "the whole village",
+    "every third visitor",
+    "a quiet neighbour",
+    "the orchestra",
+    "our teacher",
+    "somebody from the harbour",
+    "the judge",
+    "she",
+    "they",
+)
+VERBS = (
+    "measures",
+    "forgot",
+    "was looking for",
+    "will carry",
+    "has never seen",
+    "brought back",
+    "sold",
+    "hears",
+    "chooses",
+    "could hardly recognise",
+    "shouts at",
+    "painted",
+    "is waiting for",
+    "throws away",
+    "fixed",
+)
+OBJECTS = (
+    "seven green bottles",
+    "the broken clock",
+    "a pile of old newspapers",
+    "fresh bread and cheese",
+    "his keys",
+    "the first snow",
+    "a question without an answer",
+    "three hundred sheep",
+    "the last train to Oxford",
+    "a very strange whistle",
+    "their summer house",
+    "the judge's umbrella",
+    "charcoal",
+    "an enormous fish",
+)
+ENDINGS = (
+    "on Thursday",
+    "behind the church",
+    "with both hands",
+    "before it was too late",
+    "in spite of the weather",
+    "as usual",
+    "for sixteen pounds",
+    "because of the noise",
+    "near the bridge",
+    "and went to sleep",
+    "",
+    "again",
+)
+
+
+def sentence(chance: random.Random, english: bool) -> str:
+    if english:
+        return " ".join(
+            filter(
+                None,
+                (
+                    chance.choice(SUBJECTS),
+                    chance.choice(VERBS),
+                    chance.choice(OBJECTS),
+                    chance.choice(ENDINGS),
+                ),
+            )
+        ) + chance.choice(".?.!")
+    syllables = [
+        "".join(
+            (
+                chance.choice("bdfghklmnprstvz"),
+                chance.choice("aeiou"),
+                chance.choice(("", "", "n", "r", "s", "l")),
+            )
+        )
+        for _ in range(chance.randint(8, 24))
+    ]
+    words, text = iter(syllables), ""
+    for syllable in words:
+        text += syllable + chance.choice(("", "", " "))
+    return text.strip() + "."
+
+
+def speak(voice: Voice, text: str, chance: random.Random) -> tuple[Mono, int]:
+    """Samples and their rate, at a random pace and, where the program can, pitch."""
+    with tempfile.TemporaryDirectory() as folder:
+        out = Path(folder) / "speech.wav"
+        pace = chance.uniform(0.8, 1.3)
+        if voice.program == "espeak":
+            command = [
+                "espeak-ng",
+                "-v",
+                voice.name,
+                "-s",
+                f"{165 / pace:.0f}",
+                "-p",
+                str(chance.randint(20, 80)),
+                "-w",
+                out,
+                text,
+            ]
+            subprocess.run(command, check=True, capture_output=True)
+        elif voice.program == "flite":
+            command = [
+                "flite",
+                "-voice",
+                voice.name,
+                "--setf",
+                f"duration_stretch={pace:.2f}",
+                "-t",
+                text,
+                "-o",
+                out,
+            ]
+            subprocess.run(command, check=True, capture_output=True)
+        else:
+            subprocess.run(
+                [
+                    "text2wave",
+                    "-eval",
+                    f"(voice_{voice.name})",
+                    "-eval",
+                    f"(Parameter.set 'Duration_Stretch {pace:.2f})",
+                    "-o",
+                    out,
+                ],
+                input=text,
+                text=True,
+                check=True,
+                capture_output=True,
+            )
+        sound, rate = soundfile.read(out, dtype="float32", always_2d=True)
+    return sound[:, 0], int(rate)
+
+
+def voices(split: str) -> dict[str, list[Voice]]:
+    """By speaker."""
+    found: dict[str, list[Voice]] = {}
+    for voice in VOICES:
+        if voice.split == split:
+            found.setdefault(voice.speaker, []).append(voice)
+    return found
+
+
+def write_speech(folder: Path, split: str, files: int, seed: int) -> None:
+    """FOLDER/SPEAKER/NUMBER.wav; speakers with a person behind them say three times as much as the others."""
+    for speaker, choices in voices(split).items():
+        target = folder / speaker
+        target.mkdir(parents=True, exist_ok=True)
+        for number in range(files if choices[0].program != "espeak" else (files + 2) // 3):
+            path = target / f"{number:04d}.wav"
+            if path.exists():
+                continue
+            chance = random.Random(f"{seed} {speaker} {number}")
+            voice = chance.choice(choices)
+            text = " ".join(sentence(chance, voice.english) for _ in range(2))
+            sound, rate = speak(voice, text, chance)
+            if len(sound) > rate:
+                soundfile.write(path, sound * (0.9 / (np.abs(sound).max() + 1e-9)), rate, subtype="PCM_16")
