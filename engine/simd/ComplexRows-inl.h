@@ -17,14 +17,14 @@ namespace zevrant::simd::HWY_NAMESPACE {
 
 #if HWY_TARGET == HWY_SCALAR
 
-HWY_INLINE void fillComplexRow(float re, float im, float* out, std::size_t count) {
+inline void fillComplexRow(float re, float im, float* out, std::size_t count) {
     for (std::size_t i = 0; i < count; i += 2) {
         out[i] = re;
         out[i + 1] = im;
     }
 }
 
-HWY_INLINE void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
+inline void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
     for (std::size_t i = 0; i < count; i += 2) {
         const float re = a[i] * b[i] - a[i + 1] * b[i + 1];
         const float im = a[i + 1] * b[i] + a[i] * b[i + 1];
@@ -33,7 +33,7 @@ HWY_INLINE void multiplyComplexRows(const float* a, const float* b, float* out, 
     }
 }
 
-HWY_INLINE void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
+inline void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
     for (std::size_t i = 0; i < count; i += 2) {
         const float productRe = in[i] * re - in[i + 1] * im;
         const float productIm = in[i + 1] * re + in[i] * im;
@@ -46,7 +46,7 @@ HWY_INLINE void multiplyComplexRowBy(const float* in, float re, float im, float*
 
 inline constexpr std::size_t kComplex = 2;  // floats that belong together
 
-HWY_INLINE void fillComplexRow(float re, float im, float* out, std::size_t count) {
+inline void fillComplexRow(float re, float im, float* out, std::size_t count) {
     transformRow<kComplex>(count, out,
                            [re, im](auto d) HWY_ATTR { return hn::OddEven(hn::Set(d, im), hn::Set(d, re)); });
 }
@@ -59,7 +59,7 @@ HWY_INLINE V multiplyComplex(V x, V re, V signedIm) {
     return hn::Add(hn::Mul(x, re), hn::Mul(hn::Reverse2(d, x), signedIm));
 }
 
-HWY_INLINE void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
+inline void multiplyComplexRows(const float* a, const float* b, float* out, std::size_t count) {
     transformRow<kComplex>(
         count, out,
         [](auto d, auto x, auto y) HWY_ATTR {
@@ -69,7 +69,7 @@ HWY_INLINE void multiplyComplexRows(const float* a, const float* b, float* out, 
         a, b);
 }
 
-HWY_INLINE void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
+inline void multiplyComplexRowBy(const float* in, float re, float im, float* out, std::size_t count) {
     transformRow<kComplex>(
         count, out,
         [re, im](auto d, auto x) HWY_ATTR {
