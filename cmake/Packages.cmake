@@ -9,7 +9,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime separation models development)
 if(ZEVRANT_PROGRAM)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -24,16 +24,30 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION 
   "The shared library: runs streaming neural networks on audio, block by block, behind a plain C interface.")
 
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_NAME "libzevrant-separation${PROJECT_VERSION_MAJOR}")
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_RECOMMENDS zevrant-models)
+set(CPACK_COMPONENT_SEPARATION_DESCRIPTION 
+  "The shared library for applications: models by name, every part of the sound at once, any sample rate, live.")
+
+set(CPACK_DEBIAN_MODELS_PACKAGE_NAME zevrant-models)
+set(CPACK_DEBIAN_MODELS_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_MODELS_PACKAGE_ARCHITECTURE all)
+set(CPACK_COMPONENT_MODELS_DESCRIPTION "The models that ship with the engine.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzevrant-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libhwy-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), \
+${CPACK_DEBIAN_SEPARATION_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libhwy-dev, libspeexdsp-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION 
-  "C and C++ headers, the static library (which takes libhwy-dev to link), a CMake package and a pkg-config file.")
+  "C and C++ headers, the static libraries (which take libhwy-dev and libspeexdsp-dev to link), a CMake package and \
+pkg-config files.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zevrant-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION 
-  "The programs that come with the engine, with the models that it ships.")
+  "The programs that come with the engine.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS zevrant-models)
 
 include(CPack)

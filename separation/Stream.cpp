@@ -19,6 +19,8 @@ constexpr double fadeSeconds = 0.02;
 constexpr float silentLevel = -144.0f;  // decibels
 constexpr int longestPart = 1024;       // of a block, in samples, that is processed at once
 constexpr int fewestRunInHops = 16;
+constexpr double mostSamplesPerFrame = 1 << 22;
+constexpr int mostHopsOfLatency = 4096;
 
 double chooseWorkingRate(double hostRate, double modelRate) {
     const double exponent = std::ceil(std::log2(leastPartOfHostRate * hostRate / modelRate));
@@ -55,12 +57,20 @@ Stream::Stream(const Model& model, const StreamFormat& streamFormat, const Contr
 void Stream::open(const Model& model) {
     const double modelRate = model.network.sampleRate;
     workingRate = format.convertsRate ? chooseWorkingRate(format.sampleRate, modelRate) : format.sampleRate;
+    const double scale = std::max(workingRate / modelRate, 1.0);
+    const int longestFrame =
+        std::max({model.network.fftSize, model.network.windowSize, model.network.hopSize});
+    if (longestFrame * scale > mostSamplesPerFrame)
+        throw Error(ErrorKind::BadFormat, model.name + ": its frames would be too long at this sample rate");
     separator = std::make_unique<Separator>(model, format.output, format.numOfChannels, workingRate);
     numOfOutputs = separator->getNumOfOutputChannels();
     hopSize = separator->getHopSize();
     if (hopSize < 1 || separator->getNumOfBusses() > static_cast<int>(Controls::mostBusses))
         throw Error(ErrorKind::BadModel, model.name + ": frames without a hop, or more than 16 busses");
     latency = separator->getLatency();
+    if (latency < 0 || latency / hopSize > mostHopsOfLatency)
+        throw Error(ErrorKind::BadModel,
+                    model.name + ": a latency of " + std::to_string(latency) + " samples");
     stepsPerChange = std::max(1, static_cast<int>(std::lround(fadeSeconds * workingRate / hopSize)));
 
     const std::size_t widest = static_cast<std::size_t>(std::max(numOfOutputs, format.numOfChannels));

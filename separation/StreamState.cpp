@@ -14,6 +14,7 @@ namespace {
 
 constexpr int longestPart = 1024;  // samples
 constexpr int mostWaitingBlocks = 4;
+constexpr std::int64_t mostSamplesInBlock = 1 << 24;  // of all channels that come out
 constexpr double fadeSeconds = 0.02;
 
 std::vector<float*> makeRows(std::vector<std::vector<float>>& channels, int numOfChannels, int length) {
@@ -69,6 +70,12 @@ ZevrantSeparationStatus LastFailure::get(char* out, std::size_t size) const noex
 StreamState::StreamState(const Model& model, const StreamOptions& streamOptions)
     : options(streamOptions), partLength(std::min(longestPart, options.format.longestBlock)) {
     const StreamFormat& format = options.format;
+    const std::int64_t mostOutputs = std::int64_t{format.numOfChannels} *
+                                     (format.output == Output::Busses ? std::ssize(model.getBusNames()) : 1);
+    if (mostOutputs * format.longestBlock > mostSamplesInBlock)
+        throw Error(ErrorKind::BadArgument, "longestBlock: " + std::to_string(format.longestBlock) +
+                                                " samples are too many for " + std::to_string(mostOutputs) +
+                                                " channels");
     stream = std::make_unique<Stream>(model, format, controls[0]);
     const Separator& separator = stream->getSeparator();
     numOfBusses = separator.getNumOfBusses();

@@ -2,13 +2,11 @@
 /// The interface of the separation library for C++ hosts: the functions of zevrant_separation.h as a handle
 /// that owns itself. Header-only, C++20; every member is one inline call of the C function of its name.
 ///
-///   zevrant::Separation separation({.model = "harmonic-percussive", .numOfChannels = 2, .sampleRate =
-///   44100.0,
+///   zevrant::Separation separation({.model = "harmonic-percussive", .sampleRate = 44100.0,
 ///                                   .longestBlock = 512, .output = zevrant::Separation::Busses});
 ///   separation.setLevel(1, -12.0f);
-///   separation.add(input, 512);                      // input: a table of channel pointers
-///   separation.take(stems, 512);                     // stems: a table of getInfo().numOfOutputChannels
-///   pointers
+///   if (separation.add(input, 512) == ZEVRANT_SEPARATION_OK)  // input: a table of channel pointers
+///       status = separation.take(stems, 512);                 // stems: one for each output channel
 ///
 /// Failures are thrown as SeparationError with the status and the sentence of the C interface; add and take,
 /// which run on audio threads, answer with the status instead and never throw. Handles move and do not copy.

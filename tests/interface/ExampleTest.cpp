@@ -158,5 +158,50 @@ TEST(RealtimeHost, turnsAGainWhileAudioRuns) {
     EXPECT_LT(calcDifference(cut(out, 4800 + latency, 9600), cut(in, 4800, 9600), 0.75), -100.0);
 }
 
+// One file per bus, which add up to the input at every rate; the model by path or by name.
+TEST(StreamStems, writesBussesThatAddUpToTheInput) {
+    const ModelFolder models;
+    const Audio audio = makeNoise(2, 10007, 1);
+    std::string wav = makeWav(audio, 4, true);
+    models.folder.makeFile("48000.wav", wav);
+    wav[wav.find("fmt ") + 12] = 0x44, wav[wav.find("fmt ") + 13] = static_cast<char>(0xac);
+    models.folder.makeFile("44100.wav", wav);
+    for (const char* rate : {"48000", "44100"})
+        for (const std::string& model : {writeTwoBusses(models), std::string("center-sides")}) {
+            SCOPED_TRACE(model + " at " + rate);
+            const std::string prefix = models.folder.getPath("bus");
+            const std::string text = run(std::string(STREAM_STEMS) + " " + model + " " +
+                                         models.folder.getPath(std::string(rate) + ".wav") + " " + prefix);
+            EXPECT_NE(text.find("bus1.wav: "), std::string::npos) << text;
+            Audio sum = readFloatWav(models.folder.readFile("bus0.wav"), 2);
+            const Audio rest = readFloatWav(models.folder.readFile("bus1.wav"), 2);
+            ASSERT_EQ(rest[1].size(), 10007u);
+            for (std::size_t c = 0; c < 2; ++c)
+                for (std::size_t i = 0; i < sum[c].size(); ++i) sum[c][i] += rest[c][i];
+            EXPECT_LT(calcDifference(sum, audio), -100.0);
+        }
+}
+
+// The bus that stays has the input's quarter; then another model comes, at another latency.
+TEST(RealtimeSeparation, turnsLevelsAndChangesTheModelWhileAudioRuns) {
+    const ModelFolder models;
+    const std::string model = writeTwoBusses(models);
+    const Audio in = makeNoise(2, 24000, 1);
+    models.folder.makeFile("first.f32", makeRaw(cut(in, 0, 4800)));
+    models.folder.makeFile("second.f32", makeRaw(cut(in, 4800, 24000)));
+    models.folder.makeFile("control");
+    run("cd " + models.folder.path +
+        " && { cat first.f32; echo level 0 -144 >> control; echo level 9 0 >> control; "
+        "until grep -q 'no bus 9' err; do sleep 0.01; done; cat second.f32; "
+        "echo model center-sides >> control; until grep -q 'latency 4096' err; do sleep 0.01; done; "
+        "cat second.f32; } 2>/dev/null | " +
+        REALTIME_SEPARATION + " " + model + " 48000 256 control 2>err >out.f32");
+    EXPECT_NE(models.folder.readFile("err").find("latency 384 samples"), std::string::npos);
+    const Audio out = readFloats(models.folder.readFile("out.f32"), 0, 2);
+    ASSERT_EQ(out[1].size(), 24000u + 19200u);
+    EXPECT_LT(calcDifference(cut(out, 7200 + latency, 14000), cut(in, 7200, 14000), 0.25), -100.0);
+    EXPECT_LT(calcDifference(cut(out, 38400, 43200), cut(in, 19200 - 4096, 24000 - 4096)), -100.0);
+}
+
 }  // namespace
 }  // namespace zevrant

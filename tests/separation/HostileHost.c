@@ -160,6 +160,19 @@ static void testOptions(const char* model) {
     }
 }
 
+/* As much of everything as can be asked for: an answer comes soon, whatever it is. */
+static void testLargest(const char* model) {
+    ZevrantSeparationOptions options = makeOptions(model);
+    options.numOfChannels = 256;
+    options.longestBlock = 1 << 20;
+    expectRefusal(&options, ZEVRANT_SEPARATION_INVALID_ARGUMENT, "longestBlock");
+    options = makeOptions(model);
+    options.sampleRate = 1e7;
+    ZevrantSeparation* separation;
+    zevrantSeparationOpen(&options, &separation);
+    zevrantSeparationClose(separation);
+}
+
 static void testCalls(const char* model) {
     const ZevrantSeparationOptions options = makeOptions(model);
     ZevrantSeparation *separation, *other;
@@ -227,7 +240,7 @@ static void testCalls(const char* model) {
 static void testDamagedModels(const unsigned char* bytes, size_t size) {
     unsigned char* bent = malloc(size);
     float block[2 * 512] = {0};
-    for (size_t i = 0; i < 2 * size; i += 7) {
+    for (size_t i = 0; i < 2 * size; i += 11) {
         const size_t at = i % size;
         memcpy(bent, bytes, size);
         if (i >= size) bent[at] ^= (unsigned char)(1u << i % 8);
@@ -254,7 +267,7 @@ static void testMemoryThatRunsOut(const char* model) {
     ZevrantSeparation* separation;
     bool isOpen = false;
     long live = -1, numOfTries = 0;
-    for (long allowed = 1; !isOpen && COUNTS; allowed += 1 + allowed / 40) {
+    for (long allowed = 1; !isOpen && COUNTS; allowed += 1 + allowed / 60) {
         if (numOfTries++ == 3) live = numOfLiveBlocks; /* what is made once is made by now */
         requestsUntilFailure = allowed;
         const int status = zevrantSeparationOpen(&options, &separation);
@@ -340,6 +353,7 @@ int main(int argc, char** argv) {
     if (file) fclose(file);
     EXPECT(size > 0, "%s cannot be read", argv[1]);
     testOptions(argv[1]);
+    testLargest(argv[1]);
     testCalls(argv[1]);
     testRealTime(argv[1]);
     testMemoryThatRunsOut(argv[1]);
