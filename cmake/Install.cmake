@@ -1,5 +1,5 @@
-# What `cmake --install` puts where, in three components: runtime (the shared library), development (headers, archive,
-# CMake package, pkg-config file) and tools (the programs and the models that they ship with, installed by tools/).
+# What `cmake --install` puts where, in components: runtime and separation (the shared libraries), models, development
+# (headers, archives, CMake package, pkg-config files) and tools (the programs, installed by tools/).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -11,7 +11,14 @@ install(TARGETS zevrant EXPORT zevrantTargets
 install(TARGETS zevrant_static EXPORT zevrantStaticTargets
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(TARGETS zevrant_separation_shared EXPORT zevrantTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT separation NAMELINK_COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(TARGETS zevrant_separation_static EXPORT zevrantStaticTargets
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(FILES engine/interface/zevrant.h engine/interface/zevrant.hpp
+    separation/zevrant_separation.h separation/zevrant_separation.hpp
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 
 if(ZEVRANT_OBJC)
@@ -34,19 +41,27 @@ install(FILES "${PROJECT_BINARY_DIR}/zevrantConfig.cmake" "${PROJECT_BINARY_DIR}
 file(RELATIVE_PATH zevrant_prefix_from_pc "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 string(REGEX REPLACE "/$" "" zevrant_prefix_from_pc "${zevrant_prefix_from_pc}")
 configure_file(cmake/zevrant.pc.in "${PROJECT_BINARY_DIR}/zevrant.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/zevrant.pc"
+configure_file(cmake/zevrant-separation.pc.in "${PROJECT_BINARY_DIR}/zevrant-separation.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/zevrant.pc" "${PROJECT_BINARY_DIR}/zevrant-separation.pc"
   DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
 # The example hosts, to be read and built with one line each.
-install(FILES examples/stream_file.c examples/realtime_host.cpp
+install(FILES examples/stream_file.c examples/realtime_host.cpp examples/stream_stems.c examples/realtime_separation.cpp
+    examples/wav.h
   DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/libzevrant-dev/examples" COMPONENT development)
+
+# The models that ship, for the separation library and the programs to find by name.
+install(DIRECTORY models/ DESTINATION "${CMAKE_INSTALL_DATADIR}/zevrant/models" COMPONENT models
+  FILES_MATCHING PATTERN "*.zevrant")
 
 # What each component is called as a package, and the papers that go with it: whose work is inside, under which terms,
 # and what changed.
 set(zevrant_package_runtime "libzevrant${PROJECT_VERSION_MAJOR}")
+set(zevrant_package_separation "libzevrant-separation${PROJECT_VERSION_MAJOR}")
+set(zevrant_package_models zevrant-models)
 set(zevrant_package_development libzevrant-dev)
 set(zevrant_package_tools zevrant-tools)
-set(zevrant_components runtime development)
+set(zevrant_components runtime separation models development)
 if(ZEVRANT_PROGRAM)
   list(APPEND zevrant_components tools)
 endif()

@@ -27,20 +27,40 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "Runs streaming neural networks on audio, block by block, with low latency.
 This package holds the shared library, which has a plain C interface.")
 
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/packaging/triggers")
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_NAME "${zevrant_package_separation}")
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_SEPARATION_PACKAGE_RECOMMENDS "${zevrant_package_models}")
+set(CPACK_COMPONENT_SEPARATION_DESCRIPTION
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds the shared library for applications: models by name,
+every part of the sound at once, any sample rate, live.")
+
+set(CPACK_DEBIAN_MODELS_PACKAGE_NAME "${zevrant_package_models}")
+set(CPACK_DEBIAN_MODELS_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_MODELS_PACKAGE_ARCHITECTURE all)
+set(CPACK_COMPONENT_MODELS_DESCRIPTION
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds the models that ship.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME "${zevrant_package_development}")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION 
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), \
+${CPACK_DEBIAN_SEPARATION_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libspeexdsp-dev)
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "Runs streaming neural networks on audio, block by block, with low latency.
-This package holds C and C++ headers, the static library, a CMake package,
-a pkg-config file and example hosts.")
+This package holds C and C++ headers, the static libraries (that of the
+separation takes libspeexdsp-dev to link), a CMake package, pkg-config
+files and example hosts.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "${zevrant_package_tools}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION 
   "Runs streaming neural networks on audio, block by block, with low latency.
 This package holds the program, which splits recordings into stems, mixes
-them anew and describes models, and the models that ship.")
+them anew and describes models.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${zevrant_package_models}")
 
 # What Debian wants beside the files: a changelog in its own form, and a copyright file.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)

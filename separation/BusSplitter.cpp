@@ -31,7 +31,8 @@ void BusSplitter::reset() {
 }
 
 std::list<ComplexSignal32> BusSplitter::process(const ComplexSignal32& spectrum) {
-    processor.process(spectrum);
+    std::list<ComplexSignal32> mixes = processor.process(spectrum);
+    processor.recycle(mixes);
     return std::exchange(frames, {});
 }
 

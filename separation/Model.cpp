@@ -11,6 +11,10 @@
 #include <system_error>
 #include <utility>
 
+#if __has_include(<dlfcn.h>)
+#include <dlfcn.h>
+#endif
+
 #include "neural/ModelLoader.h"
 #include "separation/MemoryStream.h"
 
@@ -109,6 +113,21 @@ std::vector<std::string> Model::getBusNames() const {
     return {network.outputBusNames.begin(), network.outputBusNames.end()};
 }
 
+namespace {
+
+// The file that this code was loaded from: a library or the program. Empty where nobody tells.
+fs::path findOwnFile() {
+#if __has_include(<dlfcn.h>)
+    Dl_info info = {};
+    std::error_code error;
+    if (dladdr(reinterpret_cast<const void*>(&listModels), &info) != 0 && info.dli_fname)
+        return fs::canonical(info.dli_fname, error);
+#endif
+    return {};
+}
+
+}  // namespace
+
 std::vector<fs::path> getModelFolders() {
     std::vector<fs::path> folders;
     if (const char* paths = std::getenv("ZEVRANT_MODEL_PATH")) {
@@ -116,9 +135,14 @@ std::vector<fs::path> getModelFolders() {
         for (std::string folder; std::getline(list, folder, ':');)
             if (!folder.empty()) folders.emplace_back(folder);
     }
+    constexpr const char* place = "share/zevrant/models";
     std::error_code error;
-    const fs::path program = fs::read_symlink("/proc/self/exe", error);
-    if (!error) folders.push_back(program.parent_path().parent_path() / "share/zevrant/models");
+    const fs::path program = fs::read_symlink("/proc/self/exe", error), own = findOwnFile();
+    if (!own.empty() && own != program) {
+        const fs::path parent = own.parent_path().parent_path();
+        for (const fs::path& prefix : {parent, parent.parent_path()}) folders.push_back(prefix / place);
+    }
+    if (!error) folders.push_back(program.parent_path().parent_path() / place);
     return folders;
 }
 

@@ -48,7 +48,8 @@ class Model {
 };
 
 // The folders in which models are looked for by name, in order: those of ZEVRANT_MODEL_PATH (separated by
-// colons), then ../share/zevrant/models beside the running program.
+// colons), then share/zevrant/models beside the folder of the library that this is part of, or one further
+// up, as Debian lays libraries out, and of the running program.
 std::vector<std::filesystem::path> getModelFolders();
 
 // The file that a path or a name means. Error with NoSuchModel for a name that no model has; a path is not

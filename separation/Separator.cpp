@@ -55,6 +55,7 @@ Separator::Separator(const Model& model, Output output, int numOfChannels, doubl
     } catch (const std::exception& error) {
         throw Error(ErrorKind::BadFormat, model.name + ": " + error.what());
     }
+    hopSize = engines.front()->processor.hopSize;
     numOfBusses = engines.front()->processor.getNumOfOutputBusses(true);
     numOfOutputChannels = output == Output::Busses ? numOfBusses * numOfChannels : numOfChannels;
 }

@@ -67,6 +67,9 @@ class Separator {
     // Samples that are in and not yet out at the most, for blocks of any length.
     int getLatency() const { return latency; }
 
+    // Samples from one frame to the next: what is added completes a frame wherever it reaches a multiple.
+    int getHopSize() const { return hopSize; }
+
   private:
     struct Engine;
 
@@ -80,6 +83,7 @@ class Separator {
     int numOfOutputChannels = 0;
     int numOfBusses = 0;
     int latency = 0;
+    int hopSize = 0;
 };
 
 }  // namespace zevrant::separation

@@ -22,26 +22,31 @@
  * Conventions, where a function does not say otherwise:
  *
  *   Samples    float, nominally -1 to 1, counted per channel. Planar audio is one pointer per channel;
- * interleaved audio is frame by frame, numOfSamples * channels values. A sample that is infinite or no number
- * becomes 0 before it enters and is counted, unless ZEVRANT_SEPARATION_KEEP_NON_FINITE asks for it as it is.
+ *              interleaved audio is frame by frame, numOfSamples * channels values. A sample that is infinite
+ *              or no number becomes 0 before it enters and is counted, unless
+ *              ZEVRANT_SEPARATION_KEEP_NON_FINITE asks for it as it is.
  *   Busses     The parts, numbered from 0; the last one is the residual, what the others leave of the input.
- * With all levels at 0 dB and neutral sensitivities the busses add up to the input. Latency    Output sample
- * n belongs to input sample n - latency, for blocks of any lengths; the first latency samples are silence.
- * zevrantSeparationGetInfo tells the number; it changes only by a swap that says so. Rates      A model runs
- * at its own sample rate times the power of two that comes next to the host's. Where the host has another
- * rate (44100 Hz on a model of 48000), audio is converted there and back, which adds at most 6 ms at 44100
- * Hz. What the way there and back loses joins the residual, so that the busses still add up. Failure    A
- * status other than ZEVRANT_SEPARATION_OK, and a sentence that zevrantSeparationGetLastError tells. No call
- * lets a C++ exception out, whatever it is given, and nothing is logged. Every function accepts a null
- *              handle, and answers with a status, 0 or an empty text. After a failure things are as before,
- * where nothing else is said. Ownership  Handles belong to the host, which closes each one it opened.
- * Pointers passed in are used during the call only. Threads    [host] before, between or after other calls on
- * the handle, never during one. [audio] the host never runs two [host] or [audio] calls on one handle at
- * once; which thread makes them does not matter. [any] any thread, also while audio is processed. Two handles
- * share nothing. Real time  From the first block on [audio] and [any] calls take no lock, ask the system for
- * no memory and make no system call. Denormal numbers are flushed to zero during a call, and the caller's
- * floating-point state is back as it was when it returns. Versions   Structures start with their size, which
- * the host sets, so that later versions may append fields. Fields that are 0 have their default.
+ *              With all levels at 0 dB and neutral sensitivities the busses add up to the input.
+ *   Latency    Output sample n belongs to input sample n - latency, for blocks of any lengths; the first
+ *              latency samples are silence. zevrantSeparationGetInfo tells the number; it changes only by a
+ *              swap that says so.
+ *   Rates      A model runs at its own sample rate times a power of two. Where the host has another rate
+ *              (44100 Hz on a model of 48000), audio is converted there and back, which adds 2.2 ms at 44100
+ *              Hz. What the way there and back loses joins the residual, so that the busses still add up.
+ *   Failure    A status other than ZEVRANT_SEPARATION_OK, and a sentence that zevrantSeparationGetLastError
+ *              tells. No call lets a C++ exception out, whatever it is given, and nothing is logged. Every
+ *              function accepts a null handle, and answers with a status, 0 or an empty text. After a failure
+ *              things are as before, where nothing else is said.
+ *   Ownership  Handles belong to the host, which closes each one it opened. Pointers passed in are used
+ *              during the call only.
+ *   Threads    [host] before, between or after other calls on the handle, never during one. [audio] the host
+ *              never runs two [host] or [audio] calls on one handle at once; which thread makes them does
+ *              not matter. [any] any thread, also while audio is processed. Two handles share nothing.
+ *   Real time  From the first block on [audio] and [any] calls take no lock, ask the system for no memory
+ *              and make no system call, where nothing else is said. Denormal numbers are flushed to zero
+ *              during a call, and the caller's floating-point state is back as it was when it returns.
+ *   Versions   Structures start with their size, which the host sets, so that later versions may append
+ *              fields. Fields that are 0 have their default.
  */
 #ifndef ZEVRANT_SEPARATION_H
 #define ZEVRANT_SEPARATION_H
@@ -66,12 +71,10 @@ typedef struct ZevrantSeparation ZevrantSeparation;  ///< a stream through a mod
 /// What a call answers.
 typedef enum ZevrantSeparationStatus {
     ZEVRANT_SEPARATION_OK = 0,
-    ZEVRANT_SEPARATION_INVALID_ARGUMENT =
-        1,  ///< a null pointer, a number out of range, a bus that is not there
-    ZEVRANT_SEPARATION_NO_SUCH_MODEL =
-        2,                              ///< no file of this path and no model of this name, or not readable
-    ZEVRANT_SEPARATION_BAD_MODEL = 3,   ///< no model, a damaged one, or one that no stream can run
-    ZEVRANT_SEPARATION_BAD_FORMAT = 4,  ///< a sample rate that the model's frames cannot follow
+    ZEVRANT_SEPARATION_INVALID_ARGUMENT = 1,  ///< null, a number out of range, a bus that is not there
+    ZEVRANT_SEPARATION_NO_SUCH_MODEL = 2,     ///< no file of this path, no model of this name
+    ZEVRANT_SEPARATION_BAD_MODEL = 3,         ///< no model, a damaged one, or one that no stream can run
+    ZEVRANT_SEPARATION_BAD_FORMAT = 4,        ///< a sample rate that the model's frames cannot follow
     ZEVRANT_SEPARATION_CANNOT_PROCESS = 5,    ///< the model failed on this audio
     ZEVRANT_SEPARATION_OUT_OF_MEMORY = 6,     ///< the system has no memory left
     ZEVRANT_SEPARATION_FULL = 7,              ///< too much processed audio waits to be taken
@@ -95,14 +98,13 @@ typedef enum ZevrantSeparationFlags {
 
 /// How a stream is opened.
 typedef struct ZevrantSeparationOptions {
-    size_t size;             ///< sizeof(ZevrantSeparationOptions)
-    const char* model;       ///< path of a model file, or the name of a model in a model folder; or, with
-                             ///< modelBytes, a name for messages, which may be null
+    size_t size;        ///< sizeof(ZevrantSeparationOptions)
+    const char* model;  ///< path of a model file, or name of a model; with modelBytes a name for messages
     const void* modelBytes;  ///< the content of a model file, which is copied; null to open model
     size_t numOfModelBytes;  ///< its size
     double sampleRate;       ///< of the host's audio, hertz, 1000 to 10000000
     int32_t numOfChannels;   ///< that go in, 1 to 256
-    int32_t longestBlock;    ///< samples of the longest block that is added at once, 1 to 1048576
+    int32_t longestBlock;    ///< samples that are added at once at most, 1 to 1048576; see below
     int32_t output;          ///< a ZevrantSeparationOutput
     int32_t flags;           ///< a sum of ZevrantSeparationFlags
 } ZevrantSeparationOptions;
@@ -115,10 +117,10 @@ typedef struct ZevrantSeparationOptions {
 /// share/zevrant/models beside the folder of this library or of the program. Levels start at 0 dB,
 /// sensitivities at 0.
 ///
-/// @param options     as above
+/// @param options     as above; longestBlock times the channels that come out may be 16777216 at most
 /// @param separation  receives the handle, to be closed with zevrantSeparationClose in any case: after a
-/// failure it
-///                    answers zevrantSeparationGetLastError and nothing else. Null where memory has run out
+///                    failure it answers zevrantSeparationGetLastError and nothing else. Null where memory
+///                    has run out
 /// [host] Reads files and allocates memory.
 ZEVRANT_SEPARATION_EXPORT ZevrantSeparationStatus
 zevrantSeparationOpen(const ZevrantSeparationOptions* options, ZevrantSeparation** separation);
@@ -136,9 +138,9 @@ ZEVRANT_SEPARATION_EXPORT void zevrantSeparationClose(ZevrantSeparation* separat
 /// @param channels      numOfChannels pointers, each to numOfSamples values
 /// @param numOfSamples  0 to longestBlock
 /// @return ZEVRANT_SEPARATION_FULL, and nothing is taken in, when more than four of the longest blocks would
-/// wait.
-///         After ZEVRANT_SEPARATION_CANNOT_PROCESS or ZEVRANT_SEPARATION_OUT_OF_MEMORY the block has been
-///         taken in, what it led to is silence, and sounds may be incomplete until zevrantSeparationReset.
+///         wait. After ZEVRANT_SEPARATION_CANNOT_PROCESS or ZEVRANT_SEPARATION_OUT_OF_MEMORY the block has
+///         been taken in, what it led to is silence, and sounds may be incomplete until
+///         zevrantSeparationReset.
 /// [audio]
 ZEVRANT_SEPARATION_EXPORT ZevrantSeparationStatus zevrantSeparationAdd(ZevrantSeparation* separation,
                                                                        const float* const* channels,
@@ -159,8 +161,7 @@ ZEVRANT_SEPARATION_EXPORT int32_t zevrantSeparationGetNumOfPendingSamples(Zevran
 /// Takes the oldest processed audio out: all that is asked for, or nothing.
 ///
 /// @param channels      numOfOutputChannels pointers, each with room for numOfSamples values; channels whose
-/// pointer is
-///                      null are left out
+///                      pointer is null are left out
 /// @param numOfSamples  0 or more
 /// @return ZEVRANT_SEPARATION_TOO_FEW_SAMPLES, with nothing changed, when fewer are pending
 /// [audio]
@@ -257,7 +258,7 @@ typedef enum ZevrantSeparationText {
 /// Tells the name of a bus.
 ///
 /// @param text  receives the name in UTF-8, cut off where needed and always terminated; may be null with size
-/// 0
+///              0
 /// @param size  bytes at text
 /// @return bytes of the whole name without its terminator; 0 for a bus that is not there
 /// [host]
@@ -279,17 +280,17 @@ zevrantSeparationGetNumOfReplacedSamples(const ZevrantSeparation* separation);
 /// Tells what the last failure on this handle was.
 ///
 /// @param text  receives one sentence that names the argument, or the model with the layer, field and value,
-/// cut off
-///              where needed and always terminated; may be null with size 0
+///              cut off where needed and always terminated; may be null with size 0
 /// @param size  bytes at text
 /// @return its status; ZEVRANT_SEPARATION_OK, and an empty text, where there was none. For a null handle
 ///         ZEVRANT_SEPARATION_OUT_OF_MEMORY, for which there is no handle
-/// [any]
+/// [any] but the audio thread, which it would wait for if that told a failure at this moment.
 ZEVRANT_SEPARATION_EXPORT ZevrantSeparationStatus
 zevrantSeparationGetLastError(const ZevrantSeparation* separation, char* text, size_t size);
 
 /// Lists the models that can be opened by name, one name per line, as zevrantSeparationGetBusName tells a
-/// name. [any] Reads folders and allocates memory, so not on the audio thread.
+/// name.
+/// [host] Reads folders and allocates memory.
 ZEVRANT_SEPARATION_EXPORT size_t zevrantSeparationListModels(char* text, size_t size);
 
 /// The version of this library, for instance "0.1.0"; a text that stays.
@@ -312,9 +313,8 @@ ZEVRANT_SEPARATION_EXPORT const char* zevrantSeparationGetVersion(void);
 ///
 /// @param separation           the stream that runs
 /// @param next                 the other handle, on which nothing else is done meanwhile. After success it is
-/// an empty
-///                             handle, which has only to be closed; after a failure it is as before, and
-///                             tells the error
+///                             an empty handle, which has only to be closed; after a failure it is as before,
+///                             and tells the error
 /// @param allowsOtherLatency   whether the latency may change
 /// @return ZEVRANT_SEPARATION_WRONG_STATE while an earlier swap is not complete
 /// [host] for both handles, but that [audio] calls on the first one may run at the same time.

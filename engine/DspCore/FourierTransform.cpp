@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <cstdlib>
 #include <new>
 #include <numbers>
 #include <stdexcept>
@@ -90,7 +91,52 @@ void checkRoom(const Signal<T>& out, int numOfChannels, int numOfColumns) {
         throw std::length_error("the output of a Fourier transform is too small");
 }
 
+// PFFFT makes a setup in two blocks and writes into both without a look at what malloc answered. Here both
+// are asked for first, where running out of memory is an exception, and handed to it in turn.
+class SetupMemory {
+  public:
+    explicit SetupMemory(std::size_t length)
+        : blocks{Block(mostBytesOfStructure), Block(2 * length * sizeof(float) + mostBytesOfAlignment)} {
+        current = this;
+    }
+    SetupMemory(const SetupMemory&) = delete;
+    SetupMemory& operator=(const SetupMemory&) = delete;
+    ~SetupMemory() {
+        current = nullptr;
+        for (const Block& block : blocks) std::free(block.memory);
+    }
+
+    bool isThere() const {
+        return std::all_of(blocks.begin(), blocks.end(), [](const Block& block) { return block.memory; });
+    }
+
+    // Null where nothing of this size is left.
+    static void* take(std::size_t size) {
+        if (!current) return nullptr;
+        for (Block& block : current->blocks)
+            if (block.memory && block.size >= size) return std::exchange(block.memory, nullptr);
+        return nullptr;
+    }
+
+  private:
+    static constexpr std::size_t mostBytesOfStructure = 256;
+    static constexpr std::size_t mostBytesOfAlignment = 128;
+
+    struct Block {
+        explicit Block(std::size_t numOfBytes) : memory(std::malloc(numOfBytes)), size(numOfBytes) {}
+        void* memory;
+        std::size_t size;
+    };
+    inline static thread_local SetupMemory* current = nullptr;
+    std::array<Block, 2> blocks;
+};
+
 }  // namespace
+
+extern "C" void* zevrantAllocateForPffft(std::size_t size) {
+    if (void* block = SetupMemory::take(size)) return block;
+    return std::malloc(size);
+}
 
 // Tables and work space of one pair at one length. All calls take one row.
 class FourierTransform::Plan {
@@ -98,7 +144,8 @@ class FourierTransform::Plan {
     Plan(int numOfPoints, bool real)
         : size(numOfPoints), order(MathEx::log2(numOfPoints)), length(1 << order), roots(makeRoots()) {
         if (length < (real ? shortestFastReal : shortestFastComplex)) return;
-        setup.reset(pffft_new_setup(length, real ? PFFFT_REAL : PFFFT_COMPLEX));
+        const SetupMemory memory(static_cast<std::size_t>(length));
+        if (memory.isThere()) setup.reset(pffft_new_setup(length, real ? PFFFT_REAL : PFFFT_COMPLEX));
         if (!setup) throw std::bad_alloc();
         work = makeAligned(real ? length : 2 * length);
         if (!real) return;

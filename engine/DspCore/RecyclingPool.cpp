@@ -1,6 +1,5 @@
 #include "DspCore/RecyclingPool.h"
 
-#include <array>
 #include <bit>
 #include <cstdint>
 
@@ -41,44 +40,71 @@ SizeClass findSizeClass(std::size_t numOfBytes) {
     return {1 + (exponent - 6) * 4 + step, (std::size_t{1} << exponent) + (step + 1) * quarter};
 }
 
-constexpr std::size_t numOfClasses = 1 + (24 - 6) * 4;
+// A library that is loaded at run time would find its thread-local variables through a call that asks for
+// memory when a thread comes there first. This way they lie where the thread has them from its start; there
+// is room for a few, so a thread's free lists themselves are elsewhere.
+#if defined(__linux__) && defined(__GNUC__)
+#define ZEVRANT_PLACED_AT_THREAD_START __attribute__((tls_model("initial-exec")))
+#else
+#define ZEVRANT_PLACED_AT_THREAD_START
+#endif
 
-struct FreeBlock {
-    FreeBlock* next;
-};
+constinit thread_local RecyclingPool* scopedPool ZEVRANT_PLACED_AT_THREAD_START = nullptr;
 
 // True once the thread's free lists are gone: whatever is freed later goes straight to the system.
-constinit thread_local bool threadHasEnded = false;
+constinit thread_local bool threadHasEnded ZEVRANT_PLACED_AT_THREAD_START = false;
 
-struct FreeLists {
-    std::array<FreeBlock*, numOfClasses> heads{};
-    std::size_t keptBytes = 0;
-
-    ~FreeLists() {
+struct PoolOfThread {
+    ~PoolOfThread() {
         threadHasEnded = true;
-        for (FreeBlock* head : heads)
-            while (head) {
-                FreeBlock* next = head->next;
-                ::operator delete(head, blockAlignment);
-                head = next;
-            }
+        delete pool;
     }
+    RecyclingPool* pool = nullptr;  // made when the first block is freed
 };
 
-constinit thread_local FreeLists freeLists;
+constinit thread_local PoolOfThread poolOfThread ZEVRANT_PLACED_AT_THREAD_START;
+
+// Null where blocks go straight to the system.
+RecyclingPool* findPool() {
+    if (scopedPool) return scopedPool;
+    return threadHasEnded ? nullptr : poolOfThread.pool;
+}
+
+RecyclingPool* findOrMakePool() {
+    RecyclingPool* pool = findPool();
+    if (!pool && !threadHasEnded) pool = poolOfThread.pool = new (std::nothrow) RecyclingPool;
+    return pool;
+}
 
 }  // namespace
+
+RecyclingPool::~RecyclingPool() {
+    for (FreeBlock* head : heads)
+        while (head) {
+            FreeBlock* next = head->next;
+            ::operator delete(head, blockAlignment);
+            head = next;
+        }
+}
+
+ScopedRecyclingPool::ScopedRecyclingPool(RecyclingPool& pool) noexcept : before(scopedPool) {
+    scopedPool = &pool;
+}
+
+ScopedRecyclingPool::~ScopedRecyclingPool() {
+    scopedPool = before;
+}
 
 void* allocateRecycled(std::size_t numOfBytes) {
     const bool fits = keepsBlocks && numOfBytes <= largestKeptBlock;
     if (!fits) return ::operator new(numOfBytes, blockAlignment);
     const SizeClass sizeClass = findSizeClass(numOfBytes);
-    if (!threadHasEnded) {
-        FreeBlock*& head = freeLists.heads[sizeClass.index];
+    if (RecyclingPool* pool = findPool()) {
+        RecyclingPool::FreeBlock*& head = pool->heads[sizeClass.index];
         if (head) {
-            FreeBlock* block = head;
+            RecyclingPool::FreeBlock* block = head;
             head = block->next;
-            freeLists.keptBytes -= sizeClass.numOfBytes;
+            pool->keptBytes -= sizeClass.numOfBytes;
             return block;
         }
     }
@@ -87,11 +113,13 @@ void* allocateRecycled(std::size_t numOfBytes) {
 
 void freeRecycled(void* block, std::size_t numOfBytes) noexcept {
     if (!block) return;
-    if (keepsBlocks && numOfBytes <= largestKeptBlock && !threadHasEnded) {
+    RecyclingPool* pool = keepsBlocks && numOfBytes <= largestKeptBlock ? findOrMakePool() : nullptr;
+    if (pool) {
         const SizeClass sizeClass = findSizeClass(numOfBytes);
-        if (freeLists.keptBytes + sizeClass.numOfBytes <= mostKeptBytes) {
-            freeLists.heads[sizeClass.index] = new (block) FreeBlock{freeLists.heads[sizeClass.index]};
-            freeLists.keptBytes += sizeClass.numOfBytes;
+        if (pool->keptBytes + sizeClass.numOfBytes <= mostKeptBytes) {
+            RecyclingPool::FreeBlock*& head = pool->heads[sizeClass.index];
+            head = new (block) RecyclingPool::FreeBlock{head};
+            pool->keptBytes += sizeClass.numOfBytes;
             return;
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <list>
 #include <new>
@@ -22,6 +23,41 @@ namespace zevrant {
 // Builds under AddressSanitizer hand every request to the system, so that it sees each lifetime.
 void* allocateRecycled(std::size_t numOfBytes);
 void freeRecycled(void* block, std::size_t numOfBytes) noexcept;
+
+// Free blocks that belong to one stream of audio instead of to a thread, with the classes and the bound told
+// above. A stream that has run once has all its blocks here, so it asks the system for nothing on whatever
+// thread it runs next. One thread at a time; what is left goes back to the system at the end.
+class RecyclingPool {
+  public:
+    RecyclingPool() = default;
+    RecyclingPool(const RecyclingPool&) = delete;
+    RecyclingPool& operator=(const RecyclingPool&) = delete;
+    ~RecyclingPool();
+
+  private:
+    friend void* allocateRecycled(std::size_t numOfBytes);
+    friend void freeRecycled(void* block, std::size_t numOfBytes) noexcept;
+
+    struct FreeBlock {
+        FreeBlock* next;
+    };
+    static constexpr std::size_t numOfClasses = 1 + (24 - 6) * 4;
+
+    std::array<FreeBlock*, numOfClasses> heads{};
+    std::size_t keptBytes = 0;
+};
+
+// While it lives, the calling thread takes its blocks from this pool and gives them back to it.
+class ScopedRecyclingPool {
+  public:
+    explicit ScopedRecyclingPool(RecyclingPool& pool) noexcept;
+    ScopedRecyclingPool(const ScopedRecyclingPool&) = delete;
+    ScopedRecyclingPool& operator=(const ScopedRecyclingPool&) = delete;
+    ~ScopedRecyclingPool();
+
+  private:
+    RecyclingPool* before;
+};
 
 // The pool as a standard allocator, for the control blocks of shared pointers and for small tables.
 template <class T>

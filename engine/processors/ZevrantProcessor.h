@@ -116,6 +116,9 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     using BusReceiver = std::function<void(int bus, const ComplexSignal32& spectrum)>;
     void setBusReceiver(BusReceiver receiver) { busReceiver = std::move(receiver); }
 
+    // Takes back results of process that were not framed here, so that the next ones find their nodes.
+    void recycle(std::list<ComplexSignal32>& results) { resultNodes.clear(results); }
+
     std::array<std::atomic<float>, numOfControls> sensitivities;
     std::array<std::atomic<float>, numOfControls> gains;
     std::atomic<float> maskExtrapolation{1.0f};  // not 0: on

@@ -17,7 +17,6 @@
 
 #include "Arrays.h"
 #include "Bindings.h"
-#include "DspCore/simd/FloatingPointState.h"
 #include "neural/ActivationLayers.h"
 #include "neural/ConvLayer.h"
 #include "neural/DenseLayers.h"
@@ -29,6 +28,7 @@
 #include "neural/TransposedConvLayer.h"
 #include "separation/MemoryStream.h"
 #include "separation/Model.h"
+#include "simd/FloatingPointState.h"
 
 namespace zevrant::python {
 

@@ -102,5 +102,47 @@ TEST_F(Example, aRealtimeHostTurnsAGainWhileAudioRuns) {
     EXPECT_LT(calcDifference(fromBytes(out, 4800 + latency), expected, 0.75), -100.0);
 }
 
+// One file per bus, which add up to the input at every rate; the model by path or by name.
+TEST_F(Example, streamsStemsThatAddUpToTheInput) {
+    for (const int rate : {48000, 44100}) {
+        const Sound audio = makeNoise(2, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 10007);
+        write(at("in.wav"), audio);
+        for (const std::string& name : {model, std::string("center-sides")}) {
+            SCOPED_TRACE(name + " at " + std::to_string(rate));
+            const std::string text =
+                run(std::string(STREAM_STEMS) + " " + name + " " + at("in.wav") + " " + at("bus"));
+            EXPECT_NE(text.find("bus1.wav: "), std::string::npos) << text;
+            Sound sum = read(at("bus0.wav"));
+            const Sound rest = read(at("bus1.wav"));
+            ASSERT_EQ(rest.values.size(), 2u * 10007u);
+            for (std::size_t i = 0; i < sum.values.size(); ++i) sum.values[i] += rest.values[i];
+            EXPECT_LT(calcDifference(sum, audio), -100.0);
+        }
+    }
+}
+
+// The bus that stays has the input's quarter; then another model comes, at another latency.
+TEST_F(Example, aRealtimeSeparationTurnsLevelsAndChangesTheModelWhileAudioRuns) {
+    const Sound sound = makeNoise(2, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 24000);
+    models.folder.makeFile("first.f32", toBytes(sound, 0, 4800));
+    models.folder.makeFile("second.f32", toBytes(sound, 4800, 24000));
+    models.folder.makeFile("control");
+    run("cd " + models.folder.path +
+        " && { cat first.f32; echo level 0 -144 >> control; echo level 9 0 >> control; "
+        "until grep -q 'no bus 9' err; do sleep 0.01; done; cat second.f32; "
+        "echo model center-sides >> control; until grep -q 'latency 4096' err; do sleep 0.01; done; "
+        "cat second.f32; } 2>/dev/null | " +
+        REALTIME_SEPARATION + " " + model + " 48000 256 control 2>err >out.f32");
+    EXPECT_NE(models.folder.readFile("err").find("latency 384 samples"), std::string::npos);
+    const std::string out = models.folder.readFile("out.f32");
+    ASSERT_EQ(out.size(), (24000 + 19200) * 2 * sizeof(float));
+    const auto heard = [&](int first, int behind) {
+        return fromBytes(out.substr(0, static_cast<std::size_t>(behind) * 2 * sizeof(float)), first);
+    };
+    const auto expected = [&](int first, int behind) { return fromBytes(toBytes(sound, first, behind), 0); };
+    EXPECT_LT(calcDifference(heard(7200 + latency, 14000), expected(7200, 14000 - latency), 0.25), -100.0);
+    EXPECT_LT(calcDifference(heard(38400, 43200), expected(19200 - 4096, 24000 - 4096)), -100.0);
+}
+
 }  // namespace
 }  // namespace zevrant

@@ -1,0 +1,10 @@
+# The rate converter of streams: speexdsp as the system has it.
+find_path(SPEEXDSP_INCLUDE_DIR speex/speex_resampler.h)
+find_library(SPEEXDSP_LIBRARY speexdsp)
+mark_as_advanced(SPEEXDSP_INCLUDE_DIR SPEEXDSP_LIBRARY)
+if(NOT SPEEXDSP_INCLUDE_DIR OR NOT SPEEXDSP_LIBRARY)
+  message(FATAL_ERROR "speexdsp cannot be found (scripts/bootstrap build)")
+endif()
+add_library(zevrant_speexdsp INTERFACE)
+target_include_directories(zevrant_speexdsp SYSTEM INTERFACE "$<BUILD_INTERFACE:${SPEEXDSP_INCLUDE_DIR}>")
+target_link_libraries(zevrant_speexdsp INTERFACE "$<BUILD_INTERFACE:${SPEEXDSP_LIBRARY}>")
