@@ -9,8 +9,11 @@
 #include <numbers>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "DspCore/MathEx.h"
+#include "DspCore/PffftMemory.h"
+#include "DspCore/RecyclingPool.h"
 #include "pffft.h"
 
 namespace zevrant {
@@ -34,6 +37,7 @@ struct FreeAligned {
 };
 
 using SetupPointer = std::unique_ptr<PFFFT_Setup, FreeSetup>;
+using SetupMemory = std::vector<std::byte, RecyclingAllocator<std::byte>>;
 using AlignedFloats = std::unique_ptr<float[], FreeAligned>;
 
 AlignedFloats makeAligned(int count) {
@@ -98,7 +102,11 @@ class FourierTransform::Plan {
     Plan(int numOfPoints, bool real)
         : size(numOfPoints), order(MathEx::log2(numOfPoints)), length(1 << order), roots(makeRoots()) {
         if (length < (real ? shortestFastReal : shortestFastComplex)) return;
+        setupMemory.resize(numOfBytesOfHeads +
+                           sizeof(float) * static_cast<std::size_t>(real ? length : 2 * length));
+        zevrantLendToPffft(setupMemory.data(), setupMemory.size());
         setup.reset(pffft_new_setup(length, real ? PFFFT_REAL : PFFFT_COMPLEX));
+        zevrantLendToPffft(nullptr, 0);
         if (!setup) throw std::bad_alloc();
         work = makeAligned(real ? length : 2 * length);
         if (!real) return;
@@ -174,6 +182,9 @@ class FourierTransform::Plan {
         return static_cast<int>(std::find(reordered.get(), reordered.get() + length, 1.0f) - reordered.get());
     }
 
+    static constexpr std::size_t numOfBytesOfHeads = 1024;  // of all that a setup is but its table
+
+    SetupMemory setupMemory;
     SetupPointer setup;  // null for lengths below PFFFT's shortest
     AlignedFloats work;
     AlignedFloats reordered;  // real pair: a spectrum in PFFFT's own order
