@@ -14,10 +14,11 @@ if(NOT EXISTS "${pffft_folder}/pffft.c")
   message(FATAL_ERROR "No pffft.c in ${pffft_folder}: run scripts/bootstrap, or set PFFFT_ROOT")
 endif()
 
-add_library(zevrant_pffft STATIC "${pffft_folder}/pffft.c")
+add_library(zevrant_pffft STATIC "${pffft_folder}/pffft.c" "${PROJECT_SOURCE_DIR}/engine/DspCore/PffftMemory.c")
+set_source_files_properties("${pffft_folder}/pffft.c" PROPERTIES
+  COMPILE_DEFINITIONS "malloc=zevrantPffftMalloc;free=zevrantPffftFree")
+target_include_directories(zevrant_pffft PRIVATE "${PROJECT_SOURCE_DIR}/engine")
 target_include_directories(zevrant_pffft SYSTEM PUBLIC "$<BUILD_INTERFACE:${pffft_folder}>")
 target_compile_options(zevrant_pffft PRIVATE -O3 -ffp-contract=off -w)
-# It never looks whether it got its memory, so FourierTransform.cpp sees to that.
-target_compile_definitions(zevrant_pffft PRIVATE malloc=zevrantAllocateForPffft)
 set_target_properties(zevrant_pffft PROPERTIES POSITION_INDEPENDENT_CODE ON C_VISIBILITY_PRESET hidden)
 target_link_libraries(zevrant_pffft PRIVATE m)

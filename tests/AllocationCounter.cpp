@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -10,11 +11,20 @@ namespace {
 
 constinit thread_local std::int64_t numOfRequests = 0;
 constinit thread_local std::int64_t numOfLocks = 0;
+constinit thread_local std::int64_t requestToFail = -1;
+
+bool isToFail() {
+    return numOfRequests++ == requestToFail;
+}
 
 }  // namespace
 
 std::int64_t zevrant::countAllocations() {
     return numOfRequests;
+}
+
+void zevrant::failAllocationAfter(std::int64_t number) {
+    requestToFail = number < 0 ? -1 : numOfRequests + number;
 }
 
 std::int64_t zevrant::countLocks() {
@@ -32,28 +42,23 @@ int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
 
 void* __wrap_malloc(std::size_t size) {
-    ++numOfRequests;
-    return __real_malloc(size);
+    return isToFail() ? nullptr : __real_malloc(size);
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
-    ++numOfRequests;
-    return __real_calloc(count, size);
+    return isToFail() ? nullptr : __real_calloc(count, size);
 }
 
 void* __wrap_realloc(void* block, std::size_t size) {
-    ++numOfRequests;
-    return __real_realloc(block, size);
+    return isToFail() ? nullptr : __real_realloc(block, size);
 }
 
 void* __wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
-    ++numOfRequests;
-    return __real_aligned_alloc(alignment, size);
+    return isToFail() ? nullptr : __real_aligned_alloc(alignment, size);
 }
 
 int __wrap_posix_memalign(void** block, std::size_t alignment, std::size_t size) {
-    ++numOfRequests;
-    return __real_posix_memalign(block, alignment, size);
+    return isToFail() ? ENOMEM : __real_posix_memalign(block, alignment, size);
 }
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {

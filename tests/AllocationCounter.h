@@ -10,6 +10,10 @@ namespace zevrant {
 // Requests of the calling thread so far.
 std::int64_t countAllocations();
 
+// Lets the request of the calling thread that comes after so many others fail, as if memory had run out, and
+// those behind it succeed again. None before that call, or with a number below 0.
+void failAllocationAfter(std::int64_t numOfRequests);
+
 // Mutexes that the calling thread has locked so far, or tried to.
 std::int64_t countLocks();
 

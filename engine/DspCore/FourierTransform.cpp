@@ -5,13 +5,15 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
-#include <cstdlib>
 #include <new>
 #include <numbers>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "DspCore/MathEx.h"
+#include "DspCore/PffftMemory.h"
+#include "DspCore/RecyclingPool.h"
 #include "pffft.h"
 
 namespace zevrant {
@@ -35,6 +37,7 @@ struct FreeAligned {
 };
 
 using SetupPointer = std::unique_ptr<PFFFT_Setup, FreeSetup>;
+using SetupMemory = std::vector<std::byte, RecyclingAllocator<std::byte>>;
 using AlignedFloats = std::unique_ptr<float[], FreeAligned>;
 
 AlignedFloats makeAligned(int count) {
@@ -91,52 +94,7 @@ void checkRoom(const Signal<T>& out, int numOfChannels, int numOfColumns) {
         throw std::length_error("the output of a Fourier transform is too small");
 }
 
-// PFFFT makes a setup in two blocks and writes into both without a look at what malloc answered. Here both
-// are asked for first, where running out of memory is an exception, and handed to it in turn.
-class SetupMemory {
-  public:
-    explicit SetupMemory(std::size_t length)
-        : blocks{Block(mostBytesOfStructure), Block(2 * length * sizeof(float) + mostBytesOfAlignment)} {
-        current = this;
-    }
-    SetupMemory(const SetupMemory&) = delete;
-    SetupMemory& operator=(const SetupMemory&) = delete;
-    ~SetupMemory() {
-        current = nullptr;
-        for (const Block& block : blocks) std::free(block.memory);
-    }
-
-    bool isThere() const {
-        return std::all_of(blocks.begin(), blocks.end(), [](const Block& block) { return block.memory; });
-    }
-
-    // Null where nothing of this size is left.
-    static void* take(std::size_t size) {
-        if (!current) return nullptr;
-        for (Block& block : current->blocks)
-            if (block.memory && block.size >= size) return std::exchange(block.memory, nullptr);
-        return nullptr;
-    }
-
-  private:
-    static constexpr std::size_t mostBytesOfStructure = 256;
-    static constexpr std::size_t mostBytesOfAlignment = 128;
-
-    struct Block {
-        explicit Block(std::size_t numOfBytes) : memory(std::malloc(numOfBytes)), size(numOfBytes) {}
-        void* memory;
-        std::size_t size;
-    };
-    inline static thread_local SetupMemory* current = nullptr;
-    std::array<Block, 2> blocks;
-};
-
 }  // namespace
-
-extern "C" void* zevrantAllocateForPffft(std::size_t size) {
-    if (void* block = SetupMemory::take(size)) return block;
-    return std::malloc(size);
-}
 
 // Tables and work space of one pair at one length. All calls take one row.
 class FourierTransform::Plan {
@@ -144,8 +102,11 @@ class FourierTransform::Plan {
     Plan(int numOfPoints, bool real)
         : size(numOfPoints), order(MathEx::log2(numOfPoints)), length(1 << order), roots(makeRoots()) {
         if (length < (real ? shortestFastReal : shortestFastComplex)) return;
-        const SetupMemory memory(static_cast<std::size_t>(length));
-        if (memory.isThere()) setup.reset(pffft_new_setup(length, real ? PFFFT_REAL : PFFFT_COMPLEX));
+        setupMemory.resize(numOfBytesOfHeads +
+                           sizeof(float) * static_cast<std::size_t>(real ? length : 2 * length));
+        zevrantLendToPffft(setupMemory.data(), setupMemory.size());
+        setup.reset(pffft_new_setup(length, real ? PFFFT_REAL : PFFFT_COMPLEX));
+        zevrantLendToPffft(nullptr, 0);
         if (!setup) throw std::bad_alloc();
         work = makeAligned(real ? length : 2 * length);
         if (!real) return;
@@ -221,6 +182,9 @@ class FourierTransform::Plan {
         return static_cast<int>(std::find(reordered.get(), reordered.get() + length, 1.0f) - reordered.get());
     }
 
+    static constexpr std::size_t numOfBytesOfHeads = 1024;  // of all that a setup is but its table
+
+    SetupMemory setupMemory;
     SetupPointer setup;  // null for lengths below PFFFT's shortest
     AlignedFloats work;
     AlignedFloats reordered;  // real pair: a spectrum in PFFFT's own order

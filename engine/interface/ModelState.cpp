@@ -7,6 +7,8 @@
 
 #include "DspCore/VectorOperations.h"
 #include "files/File.h"
+#include "neural/ModelLimits.h"
+#include "neural/ModelReport.h"
 #include "simd/FloatingPointState.h"
 
 using namespace zevrant;
@@ -30,6 +32,7 @@ void ModelState::addTensor(const float* elements, int numOfDimensions, const int
     if (std::any_of(inputShape.begin(), inputShape.end(), [](int dimension) { return dimension < 0; }))
         throw std::length_error("negative dimension of a tensor");
 
+    if (numOfDimensions >= 3) requireModestSlices({inputShape[1], inputShape[2]});
     const ScopedFlushDenormals flushDenormals;
     input.ensureShape(inputShape);
     input.ensureUniqueForOverwrite();
@@ -37,6 +40,13 @@ void ModelState::addTensor(const float* elements, int numOfDimensions, const int
     inputLayer->push(input, nullptr);
     outputLayer->takeResults(result);
     resultShape = result.shape;
+}
+
+// Shapes mostly stay what they are, and then there is nothing to work out.
+void ModelState::requireModestSlices(const SliceShape& slice) {
+    if (slice == judged) return;
+    requireModestWork(describeModel(*this, slice), limits::longestHop);
+    judged = slice;
 }
 
 bool ModelState::getResultShape(int numOfDimensions, int* shape) const {

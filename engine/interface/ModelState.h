@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "neural/LayerReport.h"
 #include "neural/NeuralModel.h"
 #include "neural/Tensor.h"
 
@@ -20,8 +21,8 @@ struct ModelState : public zevrant::NeuralModel<float> {
 
     // Pushes a tensor of this shape, row-major, through the model. What comes out replaces the result:
     // an empty tensor while the model holds its results back.
-    // Errors: std::length_error for a negative number of dimensions, a negative dimension or 2 GiB and
-    // more of elements.
+    // Errors: std::length_error for a negative number of dimensions, a negative dimension, 2 GiB and more of
+    // elements, and slices that cost the network more than ModelLimits.h allows.
     void addTensor(const float* elements, int numOfDimensions, const int* shape);
 
     // Copies the result's shape; false, and nothing written, unless it has numOfDimensions.
@@ -34,6 +35,9 @@ struct ModelState : public zevrant::NeuralModel<float> {
     std::vector<int> resultShape;  // empty until there is a result
 
   private:
+    void requireModestSlices(const zevrant::SliceShape& slice);
+
+    zevrant::SliceShape judged;    // the last slices whose cost is known to keep to the limits
     zevrant::Tensor<float> input;  // the last tensor pushed; its buffer is used again once it is free
     std::vector<int> inputShape;
 };

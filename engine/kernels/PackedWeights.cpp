@@ -64,8 +64,9 @@ PackedWeights packBlocks(const float* weights, std::ptrdiff_t numOfMatrices, std
     packed.numOfLanes = getNumOfLanes();
     packed.vectorsPerBlock = vectorsPerBlock;
     const std::ptrdiff_t numOfLanes = packed.numOfLanes, numOfVectors = getNumOfVectors(packed);
-    packed.values.resize(
-        static_cast<std::size_t>(packed.numOfMatrices * packed.numOfTerms * numOfVectors * numOfLanes));
+    const std::ptrdiff_t numOfValues = packed.numOfMatrices * packed.numOfTerms * numOfVectors * numOfLanes;
+    packed.share = MemoryBudget::Share(numOfValues * std::ptrdiff_t{sizeof(float)});
+    packed.values.resize(static_cast<std::size_t>(numOfValues));
     float* out = packed.values.data();
     const EvenSplit blocks(numOfVectors, vectorsPerBlock);
     for (std::ptrdiff_t matrix = 0; matrix < packed.numOfMatrices; ++matrix)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "DspCore/MemoryBudget.h"
 #include "DspCore/RecyclingPool.h"
 
 // What holds for all kernels:
@@ -16,7 +17,7 @@
 // Pointers  Need the alignment of a float only. Outputs overlap no input unless the comment allows it.
 // Memory    Packing allocates; running a kernel does not.
 // Errors    Sizes are the caller's care. std::logic_error for packed weights that are not isSuited;
-//           std::bad_alloc from packing.
+//           std::bad_alloc from packing, and std::length_error where the model has no room for it.
 // Threads   Free of state; any thread at any time, as long as outputs are not shared.
 namespace zevrant::kernels {
 
@@ -31,6 +32,7 @@ struct PackedWeights {
     std::ptrdiff_t numOfOutputs = 0;  // sums per matrix
     std::ptrdiff_t numOfLanes = 0;    // of the instruction set that the order suits
     std::ptrdiff_t vectorsPerBlock = 0;
+    MemoryBudget::Share share;
     AlignedValues values;
     std::vector<std::uint16_t, RecyclingAllocator<std::uint16_t>>
         halves;  // in place of values: see packDense()

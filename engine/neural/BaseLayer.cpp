@@ -1,38 +1,51 @@
 #include "neural/BaseLayer.h"
 
 #include <algorithm>
-#include <atomic>
+#include <functional>
+#include <iterator>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "DspCore/VectorOperations.h"
 #include "neural/LayerReport.h"
+#include "neural/ModelLimits.h"
 
 namespace zevrant {
 
 namespace {
 
-constexpr int mostLayersOnAPath = 4096;
-constexpr std::int64_t mostTriggerWays = std::int64_t{1} << 28;
-
 // One walk of measureLatency() through a graph, from the first call on this thread to its return.
 class LatencyWalk {
   public:
-    LatencyWalk() {
-        if (numOfCalls++ == 0) current = ++numOfWalks;
+    LatencyWalk() : outermost(current ? *current : *this) {
+        if (!current) current = this;
     }
-    ~LatencyWalk() { --numOfCalls; }
+    ~LatencyWalk() {
+        if (current == this) current = nullptr;
+    }
     LatencyWalk(const LatencyWalk&) = delete;
     LatencyWalk& operator=(const LatencyWalk&) = delete;
 
-    std::int64_t getNumber() const { return current; }
+    // What measure() gives, asked once for a layer and a time scale.
+    template <class Measure>
+    int ask(const void* layer, int timeScale, const Measure& measure) {
+        if (++outermost.numOfQuestions > limits::latencyQuestions)
+            throw std::length_error("layer graph: too many time scales on its ways");
+        auto& known = outermost.answers[layer];
+        if (const auto answer = known.find(timeScale); answer != known.end()) return answer->second;
+        return known[timeScale] = measure();
+    }
 
   private:
-    inline static std::atomic<std::int64_t> numOfWalks = 0;
-    inline static thread_local std::int64_t current = 0;
-    inline static thread_local int numOfCalls = 0;
+    inline static thread_local LatencyWalk* current = nullptr;
+
+    LatencyWalk& outermost;
+    std::unordered_map<const void*, std::unordered_map<int, int>> answers;
+    std::int64_t numOfQuestions = 0;
 };
 
 // The text is part of the interface and must not depend on the standard library.
@@ -46,7 +59,7 @@ const LayerMap::mapped_type& findLayer(const LayerMap& layers, const std::string
 
 template <class T>
 BaseLayer<T>::BaseLayer(const LayerMap& layers, std::shared_ptr<InputStream> stream, LayerType layerType)
-    : type(layerType) {
+    : BaseLayer(layerType) {  // from here on the destructor takes down what is linked
     attachToSource(layers, *stream);
 }
 
@@ -60,16 +73,37 @@ BaseLayer<T>::~BaseLayer() {
 }
 
 template <class T>
+void BaseLayer<T>::disconnect(std::vector<BaseLayer<T>*> layers) {
+    std::sort(layers.begin(), layers.end());
+    const auto isOneOfThem = [&](BaseLayer<T>* layer) {
+        return std::binary_search(layers.begin(), layers.end(), layer);
+    };
+    std::vector<BaseLayer<T>*> others;
+    for (const BaseLayer<T>* layer : layers)
+        for (const auto* links : {&layer->attachedSources, &layer->attachedConsumers})
+            std::copy_if(links->begin(), links->end(), std::back_inserter(others), std::not_fn(isOneOfThem));
+    std::sort(others.begin(), others.end());
+    others.erase(std::unique(others.begin(), others.end()), others.end());
+
+    for (BaseLayer<T>* other : others) {
+        other->consumers.remove_if(isOneOfThem);
+        std::erase_if(other->attachedConsumers, isOneOfThem);
+        std::erase_if(other->attachedSources, isOneOfThem);
+    }
+    for (BaseLayer<T>* layer : layers) {
+        layer->attachedSources.clear();
+        layer->attachedConsumers.clear();
+    }
+}
+
+template <class T>
 BaseLayer<T>* BaseLayer<T>::attachToSource(const LayerMap& layers, InputStream& stream) {
     const auto& entry = findLayer(layers, readText(stream, "source"));
     BaseLayer<T>* source = std::get<std::shared_ptr<BaseLayer<T>>>(entry).get();
     require(source != nullptr, "layer graph: the source is null");
 
-    numOfTriggerWays += source->numOfTriggerWays + (source->triggersConsumers ? 1 : 0);
     depth = std::max(depth, source->depth + 1);
-    if (depth > mostLayersOnAPath) throw std::length_error("layer graph: too deep");
-    if (numOfTriggerWays > mostTriggerWays)
-        throw std::length_error("layer graph: too many ways of a trigger");
+    if (depth > limits::layersOnAPath) throw std::length_error("layer graph: too deep");
     attachedSources.push_back(source);
     source->attachedConsumers.push_back(this);
     source->consumers.push_back(this);
@@ -108,21 +142,33 @@ bool BaseLayer<T>::forward(const Tensor<T>& output) {
 
 template <class T>
 int BaseLayer<T>::measureConsumers(int timeScale) {
-    const LatencyWalk walk;
+    LatencyWalk walk;
     int latency = 0;
-    for (BaseLayer<T>* consumer : consumers) {
-        LatencyAnswer& answer = consumer->latencyAnswer;
-        if (answer.walk != walk.getNumber() || answer.timeScale != timeScale) {
-            const int measured = consumer->measureLatency(timeScale);
-            answer = {walk.getNumber(), timeScale, measured};
-        }
-        latency = std::max(latency, answer.latency);
-    }
+    for (BaseLayer<T>* consumer : consumers)
+        latency = std::max(
+            latency, walk.ask(consumer, timeScale, [&] { return consumer->measureLatency(timeScale); }));
     return latency;
 }
 
+void takeDown(LayerMap& layers) noexcept {
+    try {
+        std::vector<BaseLayer<float>*> ending;
+        for (const auto& [name, entry] : layers)
+            if (const auto* layer = std::get_if<std::shared_ptr<BaseLayer<float>>>(&entry);
+                layer && layer->use_count() == 1)
+                ending.push_back(layer->get());
+        BaseLayer<float>::disconnect(std::move(ending));
+    } catch (const std::bad_alloc&) {  // then each takes its own links down
+    }
+    layers.clear();
+}
+
+template <class T>
+InputLayer<T>::InputLayer() : budget(std::make_shared<MemoryBudget>(limits::bytes)) {}
+
 template <class T>
 bool InputLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
+    const MemoryBudget::Scope scope(budget);
     return this->forward(tensor);
 }
 
@@ -203,16 +249,16 @@ BaseQueuedLayer<T>::BaseQueuedLayer(const LayerMap& layers, std::shared_ptr<Inpu
     for (int i = 0; i < numOfInputs; ++i) {
         BaseLayer<T>* source = this->attachToSource(layers, *stream);
         queues.push_back({{}, source});
+        queueOfSource.emplace(source, &queues.back());
         inputLayers.push_back(source);
     }
 }
 
 template <class T>
 bool BaseQueuedLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>* sender) {
-    const auto queue = std::find_if(queues.begin(), queues.end(), [sender](const InputQueue& candidate) {
-        return candidate.layer == sender;
-    });
-    require(queue != queues.end(), "queued layer: the sender is not one of its sources");
+    const auto entry = queueOfSource.find(sender);
+    require(entry != queueOfSource.end(), "queued layer: the sender is not one of its sources");
+    InputQueue& queue = *entry->second;
 
     const SliceAxes axes = getSliceAxes(tensor);
     slice.ensureShape({1, axes.frequencies, axes.channels});
@@ -224,7 +270,7 @@ bool BaseQueuedLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>* sender) {
         if (sliceLength > 0)
             vo::copy(tensor.getReadPointer() + std::ptrdiff_t{t} * sliceLength, slice.getWritePointer(),
                      sliceLength);
-        reserve.append(queue->tensors, slice);
+        reserve.append(queue.tensors, slice);
     }
     return forwardFromQueue();
 }
@@ -232,6 +278,7 @@ bool BaseQueuedLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>* sender) {
 template <class T>
 bool BaseQueuedLayer<T>::forwardFromQueue() {
     require(!queues.empty(), "queued layer: without sources there is nothing to forward");
+    if (isAnyQueueEmpty()) return false;
     std::size_t numOfSets = std::numeric_limits<std::size_t>::max();
     for (const InputQueue& queue : queues) numOfSets = std::min(numOfSets, queue.tensors.size());
 
@@ -247,6 +294,17 @@ bool BaseQueuedLayer<T>::forwardFromQueue() {
         for (Tensor<T>& merged : inputSet) merged.dropContent();
     }
     return reachedOutput;
+}
+
+// A queue that was empty the last time is asked first, and those before it are asked only when it has filled:
+// so the many queues of a wide layer are looked through once for each set and not for each slice.
+template <class T>
+bool BaseQueuedLayer<T>::isAnyQueueEmpty() {
+    for (std::size_t i = 0; i < queues.size(); ++i, ++firstToLookAt) {
+        if (firstToLookAt == queues.end()) firstToLookAt = queues.begin();
+        if (firstToLookAt->tensors.empty()) return true;
+    }
+    return false;
 }
 
 template <class T>

@@ -7,9 +7,11 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
+#include "DspCore/MemoryBudget.h"
 #include "DspCore/RecyclingPool.h"
 #include "neural/RecordStream.h"
 #include "neural/Slices.h"
@@ -63,8 +65,7 @@ using LayerMap = std::map<std::string, std::variant<std::shared_ptr<BaseLayer<fl
 //          ensureUnique() on its output before it writes again.
 // Errors   Attaching throws std::out_of_range "map::at:  key not found" for an unknown source,
 //          std::bad_variant_access for one that is not of T, and std::length_error where a graph gets
-//          deeper than 4096 layers, which no stack could bear, or leads a trigger along more than 2^28
-//          ways, which no frame could: skips that follow each other double them.
+//          deeper than ModelLimits.h allows. So does measuring a latency with more questions than that.
 // Threads  A graph is driven by one thread at a time; no locks.
 template <class T>
 class BaseLayer {
@@ -88,7 +89,7 @@ class BaseLayer {
 
     // How many frames of the model's input a signal is delayed from here on, on the slowest path.
     // timeScale is how many input frames one slice stands for at this place. A walk through the graph asks
-    // a layer once, however many ways lead there.
+    // a layer once for each of its time scales, however many ways lead there.
     virtual int measureLatency(int timeScale);
 
     // Asks layers further on to release what they hold back, without new data.
@@ -101,6 +102,11 @@ class BaseLayer {
 
     // The layers that this one has attached itself to and that still exist, in the order of its record.
     const std::vector<BaseLayer<T>*>& getSources() const { return attachedSources; }
+
+    // Takes the links between these layers and all others down, as their destructors would, which then have
+    // nothing left to do. One by one, each searches the lists of its neighbours; this goes through them once.
+    // std::bad_alloc leaves everything as it was.
+    static void disconnect(std::vector<BaseLayer<T>*> layers);
 
     std::list<BaseLayer<T>*> consumers;  // in the order of the model file
     std::int32_t type = LayerTypeEnum::Input;
@@ -115,30 +121,30 @@ class BaseLayer {
     // The largest answer of the consumers, at least 0.
     int measureConsumers(int timeScale);
 
-    bool triggersConsumers = false;  // set by layers that call triggerForward() on them of their own accord
-
   private:
-    struct LatencyAnswer {
-        std::int64_t walk = 0;  // the walk that asked last
-        int timeScale = 0;
-        int latency = 0;
-    };
-    LatencyAnswer latencyAnswer;
-
     // Both ends of the links that attachToSource() made, so that either end can take them down.
     std::vector<BaseLayer<T>*> attachedSources;
     std::vector<BaseLayer<T>*> attachedConsumers;
 
-    int depth = 0;                      // layers on the longest way from the input to this one
-    std::int64_t numOfTriggerWays = 0;  // ways on which triggers come to this one
+    int depth = 0;  // layers on the longest way from the input to this one
 };
 
-// Where a model's tensors enter; known to all layers as "input".
+// Empties the map. The layers that end by it leave the graph together, which costs time for each link once
+// and not for each pair.
+void takeDown(LayerMap& layers) noexcept;
+
+// Where a model's tensors enter; known to all layers as "input". What its graph holds while they run is
+// counted, and std::length_error ends a push that takes more than limits::bytes and what the file allows.
 template <class T>
 class InputLayer : public BaseLayer<T> {
   public:
-    InputLayer() = default;
+    InputLayer();
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
+
+    const std::shared_ptr<MemoryBudget>& getBudget() const { return budget; }
+
+  private:
+    std::shared_ptr<MemoryBudget> budget;
 };
 
 // Where tensors leave: keeps what arrives, in order, until it is fetched.
@@ -173,7 +179,7 @@ class OutputLayer : public BaseLayer<T> {
 // then handed on together, matched by the order of their arrival alone.
 //
 // Shapes   in [T, F, C] from each source; to the derived layer one [1, F, C] per source, in file order.
-// Memory   Queues are unbounded and their nodes and buffers are reused.
+// Memory   Queues are unbounded, up to what the whole graph may hold; their nodes and buffers are reused.
 // Errors   A sender that is no source, and a tensor whose buffer is shorter than its axes, throw
 //          std::invalid_argument.
 template <class T>
@@ -207,7 +213,11 @@ class BaseQueuedLayer : public BaseLayer<T> {
     virtual bool merge(const std::vector<Tensor<T>>& inputs) { return push(inputs, inputLayers); }
 
   private:
+    bool isAnyQueueEmpty();
+
     std::vector<Tensor<T>> inputSet;  // one slice per queue while they are merged
+    std::unordered_map<const BaseLayer<T>*, InputQueue*> queueOfSource;  // the first of those of one source
+    typename std::list<InputQueue>::iterator firstToLookAt = queues.end();
     ListNodeReserve<Tensor<T>> reserve;
 };
 

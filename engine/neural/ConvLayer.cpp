@@ -31,7 +31,6 @@ ConvLayer<T>::ConvLayer(const LayerMap& layers, std::shared_ptr<InputStream> str
     timeDilation = readNumber<std::int8_t>(*stream, "timeDilation");
     reservedParameter = readNumber<std::int8_t>(*stream, "reservedParameter");
     timeOffset = readNumber<std::int8_t>(*stream, "timeOffset");
-    this->triggersConsumers = timeStride != 1 || timeOffset > 0;
 
     if (version <= 0x1000) weights = permuteKernels(weights);
     kernelTime = getAxis(weights, 0);
@@ -227,6 +226,10 @@ void ConvLayer<T>::describe(LayerReport& report) const {
         static_cast<double>(kernelTime) * kernelFrequency * (isChannelWise ? 1 : inputChannels);
     report.multiplyAddsPerFrame =
         terms * static_cast<double>(report.output.numOfValues()) * report.slicesPerFrame;
+    report.triggers = timeStride != 1 || timeOffset > 0;
+    report.stops = timeStride < 1 || frequencyStride < 1;
+    const bool isPlain = !isChannelWise && inputChannels != in.channels;
+    report.priceOutputs(isPlain ? 1 : outputChannels);
     report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
     const SliceShape ringSlice = {in.frequencies, isChannelWise ? outputChannels : in.channels};
     report.keepSlices(historyLength, ringSlice);

@@ -148,6 +148,7 @@ void DenseLayer<T>::describe(LayerReport& report) const {
     report.addWeights("weights", weights);
     report.addWeights("bias", bias);
     report.multiplyAddsPerFrame = terms * report.slicesPerFrame;
+    report.priceOutputs(in.frequencies);
     report.expectValues("weights", weights, multiplyLimited(in.frequencies, in.numOfValues()),
                         "a slice of " + toText(in));
     if (bias.hasElements()) report.expectValues("bias", bias, in.numOfValues(), "a slice of " + toText(in));

@@ -86,6 +86,7 @@ void FrequencyRescaleLayer<T>::describe(LayerReport& report) const {
     }
     report.multiplyAddsPerFrame = static_cast<double>(report.numOfParameters) *
                                   static_cast<double>(in.channels) * report.slicesPerFrame;
+    report.priceOutputs(in.channels);
 }
 
 template class FrequencyRescaleLayer<float>;

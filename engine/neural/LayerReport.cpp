@@ -47,6 +47,12 @@ void LayerReport::addWeights(const std::string& field, const Tensor<float>& tens
     weights.push_back({field, tensor});
 }
 
+void LayerReport::priceOutputs(std::int64_t numOfOutputs) {
+    constexpr std::int64_t widest = 16;
+    priceOfMultiplyAdd =
+        static_cast<double>(widest) / static_cast<double>(std::clamp<std::int64_t>(numOfOutputs, 1, widest));
+}
+
 void LayerReport::keepSlices(std::int64_t numOfSlices, const SliceShape& slice) {
     numOfStateBytes = multiplyLimited(multiplyLimited(numOfSlices, slice.numOfValues()), sizeof(float));
     if (numOfStateBytes > std::numeric_limits<std::int32_t>::max())
@@ -65,9 +71,10 @@ void LayerReport::addWarning(const std::string& field, const std::string& value,
     findings.push_back({Finding::Warning, name, field, value, problem, remedy});
 }
 
-void LayerReport::addMismatch(bool stops, const std::string& field, const std::string& value,
+void LayerReport::addMismatch(bool isFatal, const std::string& field, const std::string& value,
                               const std::string& problem) {
-    findings.push_back({stops ? Finding::Error : Finding::Warning, name, field, value, problem});
+    stops |= isFatal;
+    findings.push_back({isFatal ? Finding::Error : Finding::Warning, name, field, value, problem});
 }
 
 void LayerReport::expectValues(const std::string& field, const Tensor<float>& tensor,

@@ -37,6 +37,9 @@ struct LayerReport {
     double slicesPerFrame = 1.0;  // output slices per frame of the model's input; those of the inputs before
     std::int64_t numOfParameters = 0;   // values in weights and biases
     double multiplyAddsPerFrame = 0.0;  // of weights and levels; pure functions count nothing
+    double priceOfMultiplyAdd = 1.0;    // in those of a wide product, which fill their vectors
+    bool triggers = false;              // the layer calls triggerForward() of its own accord
+    bool stops = false;                 // no slice of these inputs gets through: the layer throws
     std::int64_t latency = 0;           // frames, as the layer reports it
     std::int64_t numOfStateBytes = 0;   // what it keeps from slice to slice
     std::vector<Finding> findings;      // for these inputs
@@ -57,6 +60,9 @@ struct LayerReport {
     // Counts parameters, and offers them to whoever looks at their values.
     void addWeights(const std::string& field, const Tensor<float>& tensor);
 
+    // Multiply-adds for so many outputs side by side cost as much as for a whole vector of them.
+    void priceOutputs(std::int64_t numOfOutputs);
+
     // State of so many slices of this shape.
     void keepSlices(std::int64_t numOfSlices, const SliceShape& slice);
 
@@ -65,7 +71,7 @@ struct LayerReport {
     void addWarning(const std::string& field, const std::string& value, const std::string& problem,
                     const std::string& remedy = {});
     // An error where the layer stops at it, and else a warning.
-    void addMismatch(bool stops, const std::string& field, const std::string& value,
+    void addMismatch(bool isFatal, const std::string& field, const std::string& value,
                      const std::string& problem);
 
     // Finds a tensor with fewer values than the layer reads, an error, or with more, a warning.

@@ -10,6 +10,8 @@
 
 #include "neural/LayerReport.h"
 #include "neural/LayerTable.h"
+#include "neural/ModelLimits.h"
+#include "neural/ModelReport.h"
 #include "neural/NeuralModel.h"
 #include "neural/RecordStream.h"
 
@@ -139,10 +141,27 @@ float calcLevelScale(const NeuralModel<T>& model) {
     return std::sqrt(static_cast<float>(numOfValues) / static_cast<float>(numOfPlainValues));
 }
 
+// Layers that others of their name have taken the place of, until they end together.
+class ReplacedLayers {
+  public:
+    ReplacedLayers() = default;
+    ReplacedLayers(const ReplacedLayers&) = delete;
+    ReplacedLayers& operator=(const ReplacedLayers&) = delete;
+    ~ReplacedLayers() { takeDown(layers); }
+
+    void keep(LayerMap::mapped_type layer) {
+        layers.emplace(std::to_string(layers.size()), std::move(layer));
+    }
+
+  private:
+    LayerMap layers;
+};
+
 template <class T>
 Verdict readLayers(const std::shared_ptr<RecordStream>& stream, int version, NeuralModel<T>& model,
                    std::vector<Finding>& findings) {
     const float levelScale = calcLevelScale(model);
+    ReplacedLayers replaced;
     const int numOfLayers = readNumber<std::int32_t>(*stream, "number of layers");
     for (int i = 0; i < numOfLayers; ++i) {
         const std::string name = readText(*stream, "name of a layer");
@@ -150,13 +169,17 @@ Verdict readLayers(const std::shared_ptr<RecordStream>& stream, int version, Neu
         const int typeCode = readNumber<std::uint16_t>(*stream, "type");
         auto layer = makeLayer(typeCode, {model.layers, stream, version, levelScale});
         if (!layer) return Refusal{std::to_string(typeCode), "no layer has this code"};
-        if (name == "output" || model.layers.contains(name))
+        const auto namesake = model.layers.find(name);
+        if (name == "output" || namesake != model.layers.end())
             findings.push_back({Finding::Error,
                                 name,
                                 "name",
                                 {},
                                 "is taken, so that one layer takes the place of another and its links go"});
-        model.layers[name] = std::move(layer);
+        if (namesake == model.layers.end())
+            model.layers.emplace(name, std::move(layer));
+        else
+            replaced.keep(std::exchange(namesake->second, std::move(layer)));
     }
     stream->enterLayer({});
     return {};
@@ -214,9 +237,17 @@ template <class T>
 void makeInput(NeuralModel<T>& model) {
     model.processingMode = 0;
     model.latencyMilliseconds = 0;
-    model.layers.clear();
+    takeDown(model.layers);
     model.inputLayer = std::make_shared<InputLayer<T>>();
     model.layers["input"] = model.inputLayer;
+}
+
+// A stream that does not know its length is taken to hold whatever it claims.
+template <class T>
+void allowForFile(const InputStream& stream, NeuralModel<T>& model) {
+    const std::int64_t length = stream.getLength();
+    model.inputLayer->getBudget()->extend(length > 0 ? multiplyLimited(length, limits::bytesPerByteOfFile)
+                                                     : std::int64_t{1} << 40);
 }
 
 template <class T>
@@ -229,6 +260,8 @@ template <class T>
 Verdict readModel(const std::shared_ptr<RecordStream>& stream, NeuralModel<T>& model,
                   std::vector<Finding>& findings) {
     makeInput(model);
+    allowForFile(*stream, model);
+    const MemoryBudget::Scope scope(model.inputLayer->getBudget());
     stream->setPosition(0);
     int version = 0;
     if (Verdict verdict = readMagicAndVersion(*stream, version)) return verdict;
@@ -237,6 +270,8 @@ Verdict readModel(const std::shared_ptr<RecordStream>& stream, NeuralModel<T>& m
     if (Verdict verdict = readLayers(stream, version, model, findings)) return verdict;
     if (Verdict verdict = measureLatency(*stream, model)) return verdict;
     readOutput(stream, model);
+    stream->pointAt({}, "layers");
+    requireModestGraph(describeModel(model));
     return {};
 }
 

@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <variant>
 
+#include "neural/ModelLimits.h"
 #include "neural/SpectrumPacking.h"
 
 namespace zevrant {
@@ -153,10 +157,12 @@ class Graph {
                 if (names.contains(source)) list.push_back(source);
         }
         // Links that were made by hand stand in the list of consumers alone.
+        std::set<std::pair<const Layer*, const Layer*>> links;
+        for (const auto& [consumer, list] : sources)
+            for (const Layer* source : list) links.emplace(source, consumer);
         for (const auto& [layer, name] : names)
             for (const Layer* consumer : layer->consumers)
-                if (auto& list = sources[consumer]; std::find(list.begin(), list.end(), layer) == list.end())
-                    list.push_back(layer);
+                if (links.emplace(layer, consumer).second) sources[consumer].push_back(layer);
     }
 
     const std::map<const Layer*, std::string>& getNames() const { return names; }
@@ -218,16 +224,22 @@ void checkSources(LayerReport& report, const std::vector<double>& rates) {
     report.slicesPerFrame = std::min(report.slicesPerFrame, *slowest);
 }
 
+void requireAtMost(double cost, double limit, const std::string& unit) {
+    if (cost <= limit) return;
+    char text[64];
+    std::snprintf(text, sizeof text, "one step costs up to %.3g, and %.3g is the limit, of ", cost, limit);
+    throw std::length_error(text + unit);
+}
+
 class Walk {
   public:
-    explicit Walk(const Model& loaded) : model(loaded), graph(loaded) {}
+    Walk(const Model& loaded, const SliceShape& input) : model(loaded), graph(loaded) {
+        report.input = input;
+    }
 
     ModelReport run() {
-        const bool isComplex = getLayout(model, model.inputPacking).isComplex();
-        report.input = {model.tensorFrequencies,
-                        std::int64_t{model.numOfInputChannels} * (isComplex ? 2 : model.numHistoryFrames)};
         checkInput(model, Findings(report.findings));
-        flows[model.inputLayer.get()] = {report.input, 1.0, !hasError(report.findings)};
+        flows[model.inputLayer.get()] = {report.input, 1.0, !hasError(report.findings), 1.0, 0.0};
         checkFrames(model, Findings(report.findings));
         checkBusses(model, Findings(report.findings));
         for (const Layer* layer : graph.sort())
@@ -235,6 +247,7 @@ class Walk {
         report.numOfParameterBytes = multiplyLimited(report.numOfParameters, sizeof(float));
         checkReach();
         findOutput();
+        checkCosts();
         return std::move(report);
     }
 
@@ -242,35 +255,89 @@ class Walk {
     struct Flow {
         SliceShape shape;
         double slicesPerFrame = 0.0;
-        bool isSound = true;  // no error stands before it
+        bool isSound = true;      // no error stands before it
+        double mostSlices = 0.0;  // in one step
+        double triggers = 0.0;    // that the layer hands on in one step, at most
     };
 
     void describe(const Layer& layer) {
         LayerReport entry;
         std::vector<double> rates;
         bool isSound = true;
+        Flow most;
         entry.name = graph.getNames().at(&layer);
         for (const Layer* source : graph.getSources(&layer)) {
             entry.sources.push_back(graph.getNames().at(source));
             entry.inputs.push_back(flows[source].shape);
             rates.push_back(flows[source].slicesPerFrame);
             isSound &= flows[source].isSound;
+            most.mostSlices = std::max(most.mostSlices, flows[source].mostSlices);
+            most.triggers += flows[source].triggers;
+            report.step.slices += flows[source].mostSlices;
         }
         entry.output = entry.inputs.front();
         entry.slicesPerFrame = rates.front();
         checkSources(entry, rates);
+        const double rate = entry.slicesPerFrame;
         layer.describe(entry);
         entry.output = {limit(entry.output.frequencies), limit(entry.output.channels)};
         if (multiplyLimited(entry.output.numOfValues(), sizeof(float)) > std::numeric_limits<int>::max())
             entry.addError("", "", "makes slices of " + toText(entry.output) + ", which is more than 2 GiB");
 
         if (!isSound) entry.findings.clear();
-        flows[&layer] = {entry.output, entry.slicesPerFrame, isSound && !hasError(entry.findings)};
+        addCost(entry, rate, most);
+        flows[&layer] = {entry.output, entry.slicesPerFrame, isSound && !hasError(entry.findings),
+                         most.mostSlices, most.triggers};
         report.numOfParameters += entry.numOfParameters;
         report.multiplyAddsPerFrame += entry.multiplyAddsPerFrame;
         report.numOfStateBytes += std::min(entry.numOfStateBytes, std::int64_t{1} << 40);
         report.findings.insert(report.findings.end(), entry.findings.begin(), entry.findings.end());
         report.layers.push_back(std::move(entry));
+    }
+
+    // What the layer adds to a step that brings it most.mostSlices slices, rate being their mean, and what it
+    // then hands on. A layer that throws ends the step.
+    void addCost(const LayerReport& entry, double rate, Flow& most) {
+        constexpr double workPerSlice = 1024.0, workPerValue = 8.0;
+        StepCost& step = report.step;
+        step.triggers += most.triggers;
+        if (entry.triggers) most.triggers += most.mostSlices;
+        const double slices = std::exchange(most.mostSlices, 0.0);
+        if (entry.stops || !(rate > 0.0)) return;
+        const double ratio = entry.slicesPerFrame / rate;
+        most.mostSlices = ratio < 1.0 && ratio > 0.0 ? std::ceil(slices * ratio) : slices * ratio;
+        most.mostSlices = std::min(most.mostSlices, mostCounted);
+
+        double values = static_cast<double>(entry.output.numOfValues());
+        for (const SliceShape& input : entry.inputs) values += static_cast<double>(input.numOfValues());
+        const double work = std::max(slices, most.mostSlices) * (workPerSlice + workPerValue * values) +
+                            slices / rate * entry.multiplyAddsPerFrame * entry.priceOfMultiplyAdd;
+        step.work += work;
+        if (work > workOfDearest) step.dearest = entry.name;
+        workOfDearest = std::max(work, workOfDearest);
+    }
+
+    void checkCosts() {
+        const auto check = [this](const auto& requireModest) {
+            try {
+                requireModest();
+            } catch (const std::length_error& error) {
+                report.findings.push_back({Finding::Error, {}, {}, {}, error.what()});
+            }
+        };
+        check([&] { requireModestGraph(report); });
+        check([&] { requireModestWork(report, model.hopSize / model.sampleRate); });
+        const std::int64_t numOfBytes =
+            multiplyLimited(report.numOfParameters, sizeof(float)) + report.numOfStateBytes;
+        if (report.numOfStateBytes > limits::bytes)
+            report.findings.push_back(
+                {Finding::Error,
+                 {},
+                 {},
+                 {},
+                 "the layers take " + std::to_string(numOfBytes >> 20) + " MiB, and a model may take " +
+                     std::to_string(limits::bytes >> 20) + " MiB and " +
+                     std::to_string(limits::bytesPerByteOfFile) + " times the size of its file"});
     }
 
     void checkReach() {
@@ -306,16 +373,41 @@ class Walk {
         report.findings.push_back({Finding::Error, {}, "output", {}, problem});
     }
 
+    static constexpr double mostCounted = 1e15;
+
     const Model& model;
     Graph graph;
     ModelReport report;
     std::map<const Layer*, Flow> flows;
+    double workOfDearest = 0.0;
 };
 
 }  // namespace
 
 ModelReport describeModel(const NeuralModel<float>& model) {
-    return Walk(model).run();
+    const bool isComplex = getLayout(model, model.inputPacking).isComplex();
+    return describeModel(model, {model.tensorFrequencies, std::int64_t{model.numOfInputChannels} *
+                                                              (isComplex ? 2 : model.numHistoryFrames)});
+}
+
+ModelReport describeModel(const NeuralModel<float>& model, const SliceShape& input) {
+    return Walk(model, input).run();
+}
+
+void requireModestGraph(const ModelReport& report) {
+    requireAtMost(report.step.slices, limits::slicesPerStep, "slices");
+    requireAtMost(report.step.triggers, limits::triggersPerStep, "triggers");
+}
+
+void requireModestWork(const ModelReport& report, double hopSeconds) {
+    const double hop =
+        hopSeconds > limits::shortestHop ? std::min(hopSeconds, limits::longestHop) : limits::shortestHop;
+    requireAtMost(report.step.work, hop * limits::hopsPerStep * limits::workPerSecond,
+                  "multiply-adds, most of them in \"" + report.step.dearest + "\"");
+}
+
+void requireModestFrames(const NeuralModel<float>& model) {
+    requireModestWork(describeModel(model), model.hopSize / model.sampleRate);
 }
 
 std::vector<Finding> checkModel(const NeuralModel<float>& model) {

@@ -18,6 +18,11 @@ NeuralModel<T>::NeuralModel()
 }
 
 template <class T>
+NeuralModel<T>::~NeuralModel() {
+    takeDown(layers);
+}
+
+template <class T>
 bool NeuralModel<T>::loadModel(const File& file) {
     LoadReport report;
     return zevrant::loadModel(file, *this, report);

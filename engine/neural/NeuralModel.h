@@ -29,7 +29,7 @@ class NeuralModel {
     NeuralModel();
     NeuralModel(const NeuralModel& other) = default;
     NeuralModel& operator=(const NeuralModel& other) = default;
-    virtual ~NeuralModel() = default;
+    virtual ~NeuralModel();
 
     // Reads a model, as ModelLoader.h tells; the form there says why one is refused. False for a file that
     // cannot be opened too. After false or an exception the model is not to be used.

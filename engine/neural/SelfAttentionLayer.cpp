@@ -122,6 +122,7 @@ void SelfAttentionLayer<T>::describe(LayerReport& report) const {
     report.addWeights("positionBias", positionBias);
     report.multiplyAddsPerFrame = static_cast<double>(historyLength + in.channels) *
                                   static_cast<double>(in.numOfValues()) * report.slicesPerFrame;
+    report.priceOutputs(in.channels);
     report.latency = std::max(startDelay, 0);
     report.keepSlices(historyLength, in);
 

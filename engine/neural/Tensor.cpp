@@ -10,11 +10,15 @@
 
 #include "DspCore/RecyclingPool.h"
 #include "DspCore/VectorOperations.h"
+#include "neural/ModelLimits.h"
 #include "neural/RecordStream.h"
 
 namespace zevrant {
 
 namespace {
+
+// What a tensor costs beside its elements: records, a list node, the rounding of blocks.
+constexpr std::size_t numOfBytesOfRecord = 256;
 
 template <class T>
 std::shared_ptr<TensorData<T>> makeTensorData(int size) {
@@ -69,7 +73,7 @@ void readHalves(InputStream& stream, float* elements, int count) {
 void requireModestSize(int count, const InputStream& stream, std::int64_t numOfBytes) {
     const long long length = stream.getLength();
     const bool isHeld = numOfBytes > 0 && (length <= 0 || numOfBytes <= length - stream.getPosition());
-    if (!isHeld && count > 1 << 24)
+    if (!isHeld && count > limits::elementsNotHeld)
         throw std::length_error("tensor: too many elements that its file does not hold");
 }
 
@@ -77,7 +81,9 @@ void requireModestSize(int count, const InputStream& stream, std::int64_t numOfB
 
 template <class T>
 TensorData<T>::TensorData(int numOfElements)
-    : size(numOfElements), data(static_cast<T*>(allocateRecycled(getNumOfBytes<T>(numOfElements)))) {}
+    : size(numOfElements),
+      share(static_cast<std::int64_t>(numOfBytesOfRecord + getNumOfBytes<T>(numOfElements))),
+      data(static_cast<T*>(allocateRecycled(getNumOfBytes<T>(numOfElements)))) {}
 
 template <class T>
 TensorData<T>::~TensorData() {

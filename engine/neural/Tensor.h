@@ -5,6 +5,8 @@
 #include <span>
 #include <vector>
 
+#include "DspCore/MemoryBudget.h"
+
 namespace zevrant {
 
 class InputStream;
@@ -19,6 +21,7 @@ struct TensorData {
     TensorData& operator=(const TensorData&) = delete;
 
     int size;  // elements; not positive: no element may be touched
+    MemoryBudget::Share share;
     T* data;
 };
 
@@ -30,7 +33,8 @@ struct TensorData {
 // Memory   A copy shares the elements. Whoever writes calls ensureUnique() first, unless it alone made
 //          the buffer, and so gives those who still hold the old one their values. Element blocks and
 //          their records come from the recycling pool.
-// Errors   std::length_error where a positive element count means 2 GiB or more. A negative count is
+// Errors   std::length_error where a positive element count means 2 GiB or more, and where the model that
+//          runs has used up what it may hold. A negative count is
 //          kept as the shape tells it, over a buffer without elements. Elements are not bounds-checked.
 // Threads  The reference count is atomic; one tensor and its elements belong to one thread at a time.
 template <class T>

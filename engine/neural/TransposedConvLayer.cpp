@@ -257,6 +257,8 @@ void TransposedConvLayer<T>::describe(LayerReport& report) const {
                          (isChannelWise ? 1 : inputChannels) * outputChannels;
     report.multiplyAddsPerFrame = terms * static_cast<double>(in.frequencies) * report.slicesPerFrame;
     report.slicesPerFrame *= std::max(timeStride, 0);
+    report.stops = timeStride < 1 || frequencyStride < 1;
+    report.priceOutputs(kernelOutputs == outputChannels ? kernelOutputs : 1);
     report.latency = static_cast<std::int64_t>(timeOffset * framesPerSlice);
     report.keepSlices(getRingLength(), report.output);
 

@@ -32,6 +32,7 @@ void BaseSpectralProcessor::setBlocking(int newFftSize, int newWindowSize, int n
     windowSize = newWindowSize;
     hopSize = newHopSize;
     generateWindows();
+    if (outputFormat.isSet() && windowSize >= 1) fourierTransform.allocate(fftSize);
     reset();
 }
 

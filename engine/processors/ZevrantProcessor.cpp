@@ -9,6 +9,8 @@
 #include <stdexcept>
 
 #include "DspCore/VectorOperations.h"
+#include "neural/ModelLimits.h"
+#include "neural/ModelReport.h"
 #include "simd/FloatingPointState.h"
 
 namespace zevrant {
@@ -117,6 +119,7 @@ bool ZevrantProcessor::fillModels(std::size_t count, const Fill& fill) {
     for (std::size_t i = 0; i < count; ++i) {
         if (!fill(i)) return false;
         const NeuralModel<float>& model = neuralModels[i];
+        requireModestFrames(model);
         if (!agreesInFrameSizes(model)) return false;
         if (!acceptFormat(modelInputFormat, model.numOfInputChannels, model.sampleRate)) return false;
         if (!acceptFormat(modelOutputFormat, model.numOfOutputChannels, model.sampleRate)) return false;
@@ -170,7 +173,17 @@ void ZevrantProcessor::updateBlockSize() {
     if (neuralModels.empty()) return;
     const double factor = std::ldexp(1.0, blockSizeExponent);
     const NeuralModel<float>& model = neuralModels.front();
-    const auto follow = [&](int size) { return toInt(std::nearbyint(size * factor), text); };
+    const auto follow = [&](int size) {
+        const double scaled = std::nearbyint(size * factor);
+        if (scaled > limits::frameSize) throw std::length_error(text);
+        return toInt(scaled, text);
+    };
+    for (const NeuralModel<float>& each : neuralModels) {
+        const int numOfBusses = std::clamp<int>(each.numOfOutputBusses, 0, numOfControls);
+        const int numOfChannels = std::max(each.numOfInputChannels, each.numOfOutputChannels * numOfBusses);
+        if (std::int64_t{numOfChannels} * (follow(model.fftSize) / 2 + 1) > limits::binsOfSpectra)
+            throw std::length_error("the spectra of all channels have too many bins");
+    }
     setBlocking(follow(model.fftSize), follow(model.windowSize), follow(model.hopSize));
 }
 
@@ -217,7 +230,8 @@ float ZevrantProcessor::getSensitivity(int bus) const {
 }
 
 void ZevrantProcessor::setSensitivity(int bus, float value) {
-    if (hasControls(bus)) sensitivities[static_cast<std::size_t>(bus)] = std::clamp(value, -100.0f, 100.0f);
+    if (hasControls(bus) && !std::isnan(value))
+        sensitivities[static_cast<std::size_t>(bus)] = std::clamp(value, -100.0f, 100.0f);
 }
 
 float ZevrantProcessor::getGain(int bus) const {
@@ -225,7 +239,7 @@ float ZevrantProcessor::getGain(int bus) const {
 }
 
 void ZevrantProcessor::setGain(int bus, float value) {
-    if (hasControls(bus)) gains[static_cast<std::size_t>(bus)] = std::max(value, 0.0f);
+    if (hasControls(bus) && !std::isnan(value)) gains[static_cast<std::size_t>(bus)] = std::max(value, 0.0f);
 }
 
 bool ZevrantProcessor::getMaskExtrapolationEnabled() const {

@@ -71,7 +71,7 @@ class ZevrantProcessor : public BaseSpectralProcessor {
 
     // Scales the first model's frame sizes to the formats and takes them over, with new windows and empty
     // queues. Without models the sizes stay.
-    // Throws std::length_error for sizes that no int holds.
+    // Throws std::length_error for sizes beyond limits::frameSize and spectra beyond limits::binsOfSpectra.
     void updateBlockSize();
 
     // Throws std::length_error for a latency that no int holds.
@@ -100,7 +100,7 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     // Whether no frame can be completed: no input waits, or a list has nothing.
     bool isQueueEmpty();
 
-    // Controls. A bus outside 0 to 15 reads 0 and ignores a set.
+    // Controls. A bus outside 0 to 15 reads 0 and ignores a set. What is not a number is ignored.
     float getSensitivity(int bus) const;
     void setSensitivity(int bus, float value);  // limited to -100 to 100
     float getGain(int bus) const;

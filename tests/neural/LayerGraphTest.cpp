@@ -9,6 +9,7 @@
 #include "modelwriter/ModelWriter.h"
 #include "neural/BaseLayer.h"
 #include "neural/MemoryStream.h"
+#include "neural/ModelLimits.h"
 #include "neural/NeuralModel.h"
 
 namespace zevrant {
@@ -157,14 +158,14 @@ TEST_F(LayerGraph, aLayerThatDiesTakesItsLinksWithIt) {
 // Chains up to the longest allowed still run. Each skip doubles the ways through the graph: too many for a
 // trigger, and nothing for slices.
 TEST(LayerGraphLimits, graphsThatNoStackCouldWalkAreRefusedWhileTheyAreBuilt) {
-    for (int length : {4095, 4096}) {
+    for (int length : {limits::layersOnAPath - 1, limits::layersOnAPath}) {
         ModelWriter model("chain");
         model.addLayer("0", "input", modelwriter::ReLU{});
         for (int i = 1; i < length; ++i)
             model.addLayer(std::to_string(i), std::to_string(i - 1), modelwriter::ReLU{});
         const auto stream = streamOver(model.setOutput(std::to_string(length - 1)).toBytes());
         NeuralModel<float> loaded;
-        if (length == 4096) {
+        if (length == limits::layersOnAPath) {
             EXPECT_THROW(loaded.loadModel(stream), std::length_error);
             continue;
         }
@@ -193,6 +194,61 @@ TEST(LayerGraphLimits, graphsThatNoStackCouldWalkAreRefusedWhileTheyAreBuilt) {
         loaded.inputLayer->push(makeTensor({1, 1, 1}, 1), nullptr);
         EXPECT_EQ(valuesOf(loaded.outputLayer->getResults()), std::vector{0x1p60f});
     }
+}
+
+// Some hundred bytes that ask for minutes: forty times a choice of two time scales, slices by the million,
+// and 50,000 layers on one source.
+TEST(LayerGraphLimits, fewBytesNeverCostMuch) {
+    const WeightTensor one{{1, 1, 1, 1}, {1.0f}};
+    ModelWriter scales("scales"), slices("slices"), wide("wide");
+    std::string last = "input";
+    for (int i = 0; i < 40; ++i) {
+        const std::string n = std::to_string(i);
+        scales.addLayer("a" + n, last, ReLU{}).addLayer("b" + n, last, ReLU{});
+        scales.addLayer("t" + n, last, TransposedConv{.weights = one, .timeStride = -1, .timeOffset = 1});
+        scales.addLayer("m" + n, {"a" + n, "t" + n, "b" + n}, Arithmetic{});
+        last = "m" + n;
+    }
+    scales.setOutput(last);
+    last = "input";
+    for (int i = 0; i < 3; ++i, last = std::to_string(i - 1))
+        slices.addLayer(std::to_string(i), last, TransposedConv{.weights = one, .timeStride = 127});
+    slices.setOutput(last);
+    for (int i = 0; i < 50000; ++i) wide.addLayer(std::to_string(i % 25000), "input", ReLU{});
+    wide.setOutput("input");
+
+    NeuralModel<float> loaded;
+    EXPECT_TRUE(loaded.loadModel(streamOver(scales.toBytes())));
+    EXPECT_EQ(loaded.latencyInFrames, 1);  // + 1 and - 1 in turn
+    EXPECT_THROW(loaded.loadModel(streamOver(slices.toBytes())), std::length_error);
+    EXPECT_TRUE(loaded.loadModel(streamOver(wide.toBytes())));
+    EXPECT_EQ(loaded.inputLayer->consumers.size(), 25001u);
+}
+
+// A queue that nothing empties ends in an error before it takes much, and a reset gives all of it back. So do
+// tensors that the file does not hold, and kernels that grow when they are packed.
+TEST(LayerGraphLimits, memoryIsBoundedByTheFile) {
+    ModelWriter model("twice");
+    const auto stream = streamOver(model.addLayer("r", "input", ReLU{})
+                                       .addLayer("m", {"r", "r"}, Arithmetic{})
+                                       .setOutput("m")
+                                       .toBytes());
+    NeuralModel<float> loaded;
+    ASSERT_TRUE(loaded.loadModel(stream));
+    const Tensor<float> mebibyte = makeTensor({1, 1 << 18, 1});
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 120; ++i) loaded.inputLayer->push(mebibyte, nullptr);
+        EXPECT_THROW(for (int i = 0; i < 10; ++i) loaded.inputLayer->push(mebibyte, nullptr),
+                     std::length_error);
+        loaded.reset();
+    }
+    constexpr int numOfInputs = 1 << 23;
+    ModelWriter columns("columns");  // one output, a whole vector of them when packed
+    columns.addLayer("c", "input",
+                     Conv{.weights = {{1, 1, numOfInputs, 1}, std::vector<float>(numOfInputs, 1.0f)}});
+    Bytes bytes = columns.setOutput("c").toBytes();
+    bytes.resize(200);
+    EXPECT_THROW(loaded.loadModel(streamOver(bytes)), std::length_error);
 }
 
 TEST(OutputLayer, joinsWhatArrivedInOrder) {
