@@ -1,15 +1,13 @@
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <memory>
-#include <set>
-#include <system_error>
 
 #include <sndfile.h>
 
 #include "audiofiles/Pass.h"
 #include "audiofiles/SampleFormat.h"
+#include "audiofiles/StemFiles.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Progress.h"
@@ -23,66 +21,6 @@ namespace {
 
 // Of exact stems, above which they do not add up: some 40 dB above what rounding leaves.
 constexpr double worstNullDepth = -90.0;
-
-// A bus name as a file name: letters, digits, space, '-', '_', '.', and bytes above ASCII stay, everything
-// else becomes '_'. Names that are empty, start with '.' or come twice get what makes them usable.
-std::vector<std::string> makeFileNames(const std::vector<std::string>& busNames) {
-    std::vector<std::string> names;
-    std::set<std::string> taken;
-    for (const std::string& busName : busNames) {
-        std::string name;
-        for (const char letter : busName.substr(0, 100)) {
-            const auto byte = static_cast<unsigned char>(letter);
-            const bool isSafe =
-                byte >= 128 || std::isalnum(byte) || std::string(" -_.").find(letter) != std::string::npos;
-            name += isSafe ? letter : '_';
-        }
-        while (!name.empty() && (name.back() == ' ' || name.back() == '.')) name.pop_back();
-        if (name.empty()) name = "bus";
-        if (name.front() == '.' || name.front() == '-') name.insert(0, "_");
-        std::string unique = name;
-        const auto fold = [](std::string text) {  // some file systems do not tell case apart
-            std::transform(text.begin(), text.end(), text.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            return text;
-        };
-        for (int i = 2; !taken.insert(fold(unique)).second; ++i) unique = name + "-" + std::to_string(i);
-        names.push_back(unique);
-    }
-    return names;
-}
-
-// A folder that is made where it is missing, and taken away again unless it is kept.
-class OutputFolder {
-  public:
-    explicit OutputFolder(const fs::path& folder) : path(folder) {
-        std::error_code error;
-        fs::path missing = fs::absolute(path, error).lexically_normal();
-        if (!missing.has_filename()) missing = missing.parent_path();
-        for (; !missing.empty() && !fs::exists(missing, error); missing = missing.parent_path())
-            made.push_back(missing);
-        fs::create_directories(path, error);
-        if (error || !fs::is_directory(path)) {
-            removeMade();
-            throw Failure(ExitStatus::BadOutput,
-                          path.string() + ": " + (error ? error.message() : std::string("is no folder")));
-        }
-    }
-    OutputFolder(const OutputFolder&) = delete;
-    OutputFolder& operator=(const OutputFolder&) = delete;
-    ~OutputFolder() { removeMade(); }
-
-    void keep() { made.clear(); }
-
-  private:
-    void removeMade() {
-        std::error_code error;
-        for (const fs::path& folder : made) fs::remove(folder, error);  // only ever removes empty ones
-    }
-
-    fs::path path;
-    std::vector<fs::path> made;  // innermost first
-};
 
 // How far the sum of stems lies below the input: the energy of the difference over that of the input.
 class NullMeter {
@@ -103,21 +41,9 @@ struct StemsCommand : SeparationOptions {
     std::string folder;
     std::string extension;
 
-    // That of the input where it can be written, since it says what the user works with.
-    std::string chooseExtension(const AudioDescription& description) const {
-        if (!extension.empty()) return extension.front() == '.' ? extension.substr(1) : extension;
-        switch (description.container) {
-            case SF_FORMAT_FLAC:
-                return "flac";
-            case SF_FORMAT_AIFF:
-                return "aiff";
-            case SF_FORMAT_CAF:
-                return "caf";
-            case SF_FORMAT_W64:
-                return "w64";
-            default:
-                return "wav";
-        }
+    std::string getExtension(const AudioDescription& description) const {
+        if (extension.empty()) return audiofiles::chooseExtension(description);
+        return extension.front() == '.' ? extension.substr(1) : extension;
     }
 
     void run() {
@@ -132,11 +58,11 @@ struct StemsCommand : SeparationOptions {
         audiofiles::ProtectedFiles inputs;
         inputs.add(input);
         inputs.add(opened.path);
-        OutputFolder outputFolder(folder);
+        audiofiles::OutputFolder outputFolder(folder);
         std::vector<std::unique_ptr<audiofiles::AudioWriter>> writers;
         const auto busNames = opened.getBusNames();
-        for (const std::string& name : makeFileNames(busNames)) {
-            const fs::path path = fs::path(folder) / (name + "." + chooseExtension(description));
+        for (const std::string& name : audiofiles::makeFileNames(busNames)) {
+            const fs::path path = fs::path(folder) / (name + "." + getExtension(description));
             writers.push_back(audiofiles::createAudio(path.string(), description, inputs));
         }
 
