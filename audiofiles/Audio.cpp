@@ -1,6 +1,9 @@
 #include "audiofiles/Audio.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <string_view>
 #include <system_error>
 
 #include <fcntl.h>
@@ -8,6 +11,7 @@
 #include <unistd.h>
 
 #include "audiofiles/AudioStream.h"
+#include "audiofiles/DecodedFile.h"
 #include "audiofiles/Error.h"
 #include "audiofiles/SoundFile.h"
 
@@ -23,6 +27,12 @@ struct Descriptor {
 
     const int value;
 };
+
+// What lies in folders of audio: what libsndfile reads, and what is worth a question to ffmpeg.
+constexpr std::string_view audioExtensions[] = {
+    "wav", "wave", "flac", "aiff", "aif",  "aifc", "w64", "rf64", "caf", "au",  "snd",  "ogg",
+    "oga", "opus", "mp3",  "mp2",  "m4a",  "mp4",  "m4b", "aac",  "ac3", "dts", "alac", "ape",
+    "wv",  "wma",  "mka",  "mkv",  "webm", "mov",  "avi", "amr",  "tta", "tak", "spx"};
 
 // A reader on a descriptor of its own.
 class OwningStreamReader : public AudioReader {
@@ -62,7 +72,17 @@ std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optio
     if (descriptor < 0) fail(ErrorKind::BadInput, path);
     if (raw || !S_ISREG(status.st_mode)) return std::make_unique<OwningStreamReader>(descriptor, path, raw);
     close(descriptor);
-    return openSoundFile(path);
+    if (status.st_size == 0) throw Error(ErrorKind::BadInput, path + ": no audio file (it is empty)");
+    try {
+        return openSoundFile(path);
+    } catch (const UnknownFormat& unknown) {
+        return openDecodedFile(path, unknown.reason);
+    }
+}
+
+bool hasAudioExtension(const std::string& path) {
+    return std::find(std::begin(audioExtensions), std::end(audioExtensions), getExtension(path)) !=
+           std::end(audioExtensions);
 }
 
 std::unique_ptr<AudioWriter> createAudio(const std::string& path, const AudioDescription& description,

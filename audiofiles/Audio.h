@@ -41,6 +41,7 @@ class AudioReader {
     virtual int read(float* interleaved, int numOfSamples) = 0;
 
     std::string name;  // for messages
+    std::string note;  // at the end: what did not stop the reading, but its user should know; may be empty
     AudioDescription description;
 };
 
@@ -56,22 +57,34 @@ class AudioWriter {
 
     std::string name;
     int integerBits = 0;                  // that samples are rounded to; 0 for floats and coded formats
+    bool isCoded = false;                 // MP3 and the like: what is read back only comes near
     std::int64_t numOfClippedValues = 0;  // that lay outside the range of the sample format
 };
 
-// Opens a file that libsndfile reads, or for "-" and for pipes a stream: WAV where it starts as one,
-// otherwise raw, which then has to be given. Throws Error with BadInput.
+// Opens a file that libsndfile or, where it is installed, ffmpeg reads, or for "-" and for pipes a stream:
+// WAV where it starts as one, otherwise raw, which then has to be given. Throws Error with BadInput.
 std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optional<RawFormat>& raw = {});
+
+// What stands behind the last point of a name, in lower case.
+std::string getExtension(const std::string& path);
+
+// Whether the name of a file in a folder is that of audio.
+bool hasAudioExtension(const std::string& path);
 
 // Starts an output with the channels, rate, sample format, speakers and tags of the description.
 //
 // A regular file has the format that the extension of its name asks for, with the sample format where that
-// can hold it and the nearest otherwise. "-", devices and pipes get a WAV stream, or headerless samples of
-// the description's format where its container is SF_FORMAT_RAW. A WAV stream of unknown length announces the
-// largest that its header can hold; one that would not fit announces the same. Errors   Error with
-// Unsupported for an extension that is not known and for audio that the format cannot
+// can hold it and the nearest otherwise. Coded samples (MP3, Vorbis, mu-law and so on) become floats, or
+// 24 bits where there are none, unless the extension asks for a coding. "-", devices and pipes get a WAV
+// stream, or headerless samples of the description's format where its container is SF_FORMAT_RAW. A WAV
+// stream of unknown length announces the largest that its header can hold; one that would not fit announces
+// the same. Errors   Error with Unsupported for an extension that is not known and for audio that the format
+// cannot
 //          hold, with BadOutput for the rest.
 std::unique_ptr<AudioWriter> createAudio(const std::string& path, const AudioDescription& description,
                                          const ProtectedFiles& inputs);
+
+// Throws Error with Unsupported where createAudio() would for the extension of this name.
+void requireOutputFormat(const std::string& path);
 
 }  // namespace zevrant::audiofiles

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <random>
 #include <system_error>
 #include <utility>
 
@@ -23,11 +23,19 @@ namespace {
     throw Error(ErrorKind::BadOutput, name + ": " + std::generic_category().message(error));
 }
 
-// The umask, which can only be read by setting it.
-mode_t getCreationMask() {
-    const mode_t mask = umask(0);
-    umask(mask);
-    return mask;
+// Makes a file under a name that nothing else has, with the permissions of any new file. mkstemp() would give
+// it those of a secret, and setting them needs the umask, which no thread can read without changing it.
+int createUnique(fs::path& path) {
+    static constexpr char letters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device random;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string name = path.string();
+        for (int i = 0; i < 6; ++i) name += letters[random() % (sizeof letters - 1)];
+        const int descriptor = open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (descriptor >= 0) path = name;
+        if (descriptor >= 0 || errno != EEXIST) return descriptor;
+    }
+    return -1;
 }
 
 }  // namespace
@@ -60,11 +68,10 @@ OutputFile::OutputFile(const fs::path& place, const ProtectedFiles& inputs) : pa
         const fs::path followed = fs::weakly_canonical(path, error);
         if (!error) target = followed;
     }
-    std::string name = (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-    descriptor = mkstemp(name.data());
+    fs::path name = target.parent_path() / ("." + target.filename().string() + ".");
+    descriptor = createUnique(name);
     if (descriptor < 0) failToWrite(path.string(), errno);
     temporary = name;
-    fchmod(descriptor, 0666 & ~getCreationMask());
 }
 
 OutputFile::~OutputFile() {

@@ -1,6 +1,7 @@
 #include "audiofiles/Pass.h"
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,6 +50,18 @@ class FrameQueue {
     std::size_t start = 0;
 };
 
+// One value that is not a number would silence every stem for good, and the null depth with them. Returns how
+// many there were.
+std::int64_t replaceOddValues(float* values, std::int64_t numOfValues) {
+    std::int64_t count = 0;
+    for (std::int64_t i = 0; i < numOfValues; ++i)
+        if (!std::isfinite(values[i])) {
+            values[i] = 0.0f;
+            ++count;
+        }
+    return count;
+}
+
 class Pass {
   public:
     Pass(AudioReader& source, Separator& engine, double rate, int block,
@@ -68,11 +81,12 @@ class Pass {
         aroundEngine.emplace(workingRate, sampleRate, separator.getNumOfInputChannels());
     }
 
-    std::int64_t run() {
+    PassResult run() {
         std::vector<float> block(static_cast<std::size_t>(reader.description.numOfChannels) *
                                  static_cast<std::size_t>(blockSize));
         while (const int count = reader.read(block.data(), blockSize)) {
             checkInterruption();
+            numOfReplacedValues += replaceOddValues(block.data(), count * reader.description.numOfChannels);
             waiting.append(block.data(), static_cast<std::size_t>(count));
             if (toEngine)
                 convert([&](std::vector<float>& out) { toEngine->process(block.data(), count, out); });
@@ -82,7 +96,7 @@ class Pass {
         if (toEngine) convert([&](std::vector<float>& out) { toEngine->finish(out); });
         flushEngine();
         if (toEngine) finishConversion();
-        return numOfSamplesDone;
+        return {numOfSamplesDone, numOfReplacedValues};
     }
 
   private:
@@ -198,12 +212,13 @@ class Pass {
     std::int64_t numOfSamplesAdded = 0;  // at the working rate, without the zeros at the end
     std::int64_t numOfSamplesTaken = 0;  // at the working rate
     std::int64_t numOfSamplesDone = 0;   // at the reader's rate
+    std::int64_t numOfReplacedValues = 0;
 };
 
 }  // namespace
 
-std::int64_t runPass(AudioReader& reader, Separator& separator, double workingRate, int blockSize,
-                     const std::function<void(const PassBlock&)>& receive) {
+PassResult runPass(AudioReader& reader, Separator& separator, double workingRate, int blockSize,
+                   const std::function<void(const PassBlock&)>& receive) {
     return Pass(reader, separator, workingRate, blockSize, receive).run();
 }
 

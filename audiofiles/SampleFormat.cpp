@@ -29,6 +29,11 @@ int getIntegerBits(int sampleFormat) {
     }
 }
 
+bool keepsSamples(int sampleFormat) {
+    return getIntegerBits(sampleFormat) > 0 || sampleFormat == SF_FORMAT_FLOAT ||
+           sampleFormat == SF_FORMAT_DOUBLE;
+}
+
 int parseSampleFormat(const std::string& text) {
     static constexpr std::pair<const char*, int> names[] = {{"pcm16", SF_FORMAT_PCM_16},
                                                             {"pcm24", SF_FORMAT_PCM_24},

@@ -14,6 +14,10 @@ namespace zevrant::audiofiles {
 // Bits of an integer format that holds samples as they are; 0 for floats and for coded formats.
 int getIntegerBits(int sampleFormat);
 
+// Whether what is written in a sample format comes back as it was, to rounding: integers and floats. All
+// others (MP3, Vorbis, mu-law and so on) are coded.
+bool keepsSamples(int sampleFormat);
+
 // A number from a command line: "pcm16", "pcm24", "pcm32", "float" or "double"; 0 for any other text.
 int parseSampleFormat(const std::string& text);
 

@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 
 #include <sndfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "audiofiles/Error.h"
 #include "audiofiles/Interruption.h"
 #include "audiofiles/SampleFormat.h"
 
@@ -27,9 +27,11 @@ using SoundFileHandle = std::unique_ptr<SNDFILE, SoundFileDeleter>;
 constexpr int tagsThatTravel[] = {SF_STR_TITLE, SF_STR_COPYRIGHT, SF_STR_ARTIST,      SF_STR_COMMENT,
                                   SF_STR_DATE,  SF_STR_ALBUM,     SF_STR_TRACKNUMBER, SF_STR_GENRE};
 
+// libsndfile keeps the reason of a file that it does not open in one place for all threads.
+std::mutex openingMutex;
+
 // The part of libsndfile's text that means something to a user: no "System error : ", no full stop.
-std::string getErrorText(SNDFILE* file) {
-    std::string text = sf_strerror(file);
+std::string getErrorText(std::string text) {
     const std::string prefix = "System error : ";
     if (text.starts_with(prefix)) text.erase(0, prefix.size());
     while (!text.empty() && (text.back() == '.' || text.back() == '\n' || text.back() == ' '))
@@ -44,11 +46,10 @@ class SoundFileReader : public AudioReader {
     SoundFileReader(const std::string& path, int descriptor) {
         name = descriptor < 0 ? path : "standard input";
         SF_INFO info = {};
+        const std::lock_guard lock(openingMutex);
         file.reset(descriptor < 0 ? sf_open(path.c_str(), SFM_READ, &info)
                                   : sf_open_fd(dup(descriptor), SFM_READ, &info, 1));
-        if (!file)
-            throw Error(ErrorKind::BadInput,
-                        name + ": no audio file that can be read (" + getErrorText(nullptr) + ")");
+        if (!file) throw UnknownFormat(name, getErrorText(sf_strerror(nullptr)));
         if (info.channels < 1 || info.samplerate < 1)
             throw Error(ErrorKind::BadInput, name + ": has no channels or no sample rate");
         description.numOfChannels = info.channels;
@@ -68,7 +69,8 @@ class SoundFileReader : public AudioReader {
         const auto count = static_cast<int>(sf_readf_float(file.get(), interleaved, numOfSamples));
         checkInterruption();
         if (count < numOfSamples && sf_error(file.get()) != SF_ERR_NO_ERROR)
-            throw Error(ErrorKind::BadInput, name + ": damaged (" + getErrorText(file.get()) + ")");
+            throw Error(ErrorKind::BadInput,
+                        name + ": damaged (" + getErrorText(sf_strerror(file.get())) + ")");
         return count;
     }
 
@@ -94,14 +96,6 @@ const std::vector<Container>& getContainers() {
         {"opus", SF_FORMAT_OGG, {SF_FORMAT_OPUS}},   {"mp3", SF_FORMAT_MPEG, {SF_FORMAT_MPEG_LAYER_III}},
     };
     return containers;
-}
-
-std::string getExtension(const std::string& path) {
-    std::string extension = std::filesystem::path(path).extension().string();
-    if (!extension.empty()) extension.erase(0, 1);
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return extension;
 }
 
 const Container& findContainer(const std::string& path) {
@@ -139,7 +133,8 @@ SF_INFO chooseFormat(const std::string& path, const AudioDescription& descriptio
     SF_INFO info = {};
     info.channels = description.numOfChannels;
     info.samplerate = description.sampleRate;
-    std::vector<int> candidates = getEquivalents(description.sampleFormat);
+    std::vector<int> candidates;
+    if (keepsSamples(description.sampleFormat)) candidates = getEquivalents(description.sampleFormat);
     if (container.format == SF_FORMAT_OGG) candidates.clear();  // the extension tells the coding
     candidates.insert(candidates.end(), container.sampleFormats.begin(), container.sampleFormats.end());
     for (const int sampleFormat : candidates) {
@@ -206,9 +201,13 @@ class SoundFileWriter : public AudioWriter {
         static SF_VIRTUAL_IO operations = {WatchedDescriptor::getLength, WatchedDescriptor::seek,
                                            WatchedDescriptor::read, WatchedDescriptor::write,
                                            WatchedDescriptor::tell};
-        file.reset(sf_open_virtual(&operations, SFM_WRITE, &info, &watched));
-        if (!file) fail(nullptr);
+        {
+            const std::lock_guard lock(openingMutex);
+            file.reset(sf_open_virtual(&operations, SFM_WRITE, &info, &watched));
+            if (!file) fail(getErrorText(sf_strerror(nullptr)));
+        }
         integerBits = getIntegerBits(info.format & SF_FORMAT_SUBMASK);
+        isCoded = !keepsSamples(info.format & SF_FORMAT_SUBMASK);
         sf_command(file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
         if ((info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_RF64)
             sf_command(file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
@@ -231,22 +230,22 @@ class SoundFileWriter : public AudioWriter {
         } else {
             written = sf_write_float(file.get(), interleaved, numOfValues);
         }
-        if (written != numOfValues || watched.error != 0) fail(file.get());
+        if (written != numOfValues || watched.error != 0) fail(getErrorText(sf_strerror(file.get())));
     }
 
     void close() override {
         const int result = sf_close(file.release());
-        if (result != SF_ERR_NO_ERROR || watched.error != 0) fail(nullptr);
+        if (result != SF_ERR_NO_ERROR || watched.error != 0) fail(getErrorText(sf_error_number(result)));
         output.close();
     }
 
     void commit() override { output.commit(); }
 
   private:
-    [[noreturn]] void fail(SNDFILE* at) const {
-        const std::string text =
-            watched.error != 0 ? std::generic_category().message(watched.error) : getErrorText(at);
-        throw Error(ErrorKind::BadOutput, name + ": " + text);
+    [[noreturn]] void fail(const std::string& text) const {
+        throw Error(
+            ErrorKind::BadOutput,
+            name + ": " + (watched.error != 0 ? std::generic_category().message(watched.error) : text));
     }
 
     SF_INFO info;
@@ -258,6 +257,14 @@ class SoundFileWriter : public AudioWriter {
 
 }  // namespace
 
+std::string getExtension(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    if (!extension.empty()) extension.erase(0, 1);
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return extension;
+}
+
 std::unique_ptr<AudioReader> openSoundFile(const std::string& path, int descriptor) {
     return std::make_unique<SoundFileReader>(path, descriptor);
 }
@@ -265,6 +272,10 @@ std::unique_ptr<AudioReader> openSoundFile(const std::string& path, int descript
 std::unique_ptr<AudioWriter> createSoundFile(const std::string& path, const AudioDescription& description,
                                              const ProtectedFiles& inputs) {
     return std::make_unique<SoundFileWriter>(path, description, inputs);
+}
+
+void requireOutputFormat(const std::string& path) {
+    findContainer(path);
 }
 
 }  // namespace zevrant::audiofiles

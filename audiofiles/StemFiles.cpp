@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 
 std::vector<std::string> makeFileNames(const std::vector<std::string>& busNames) {
     std::vector<std::string> names;
-    std::set<std::string> taken;
     for (const std::string& busName : busNames) {
         std::string name;
         for (const char letter : busName.substr(0, 100)) {
@@ -27,16 +26,26 @@ std::vector<std::string> makeFileNames(const std::vector<std::string>& busNames)
         while (!name.empty() && (name.back() == ' ' || name.back() == '.')) name.pop_back();
         if (name.empty()) name = "bus";
         if (name.front() == '.' || name.front() == '-') name.insert(0, "_");
-        std::string unique = name;
-        const auto fold = [](std::string text) {  // some file systems do not tell case apart
-            std::transform(text.begin(), text.end(), text.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            return text;
-        };
-        for (int i = 2; !taken.insert(fold(unique)).second; ++i) unique = name + "-" + std::to_string(i);
-        names.push_back(unique);
+        names.push_back(name);
     }
-    return names;
+    return makeUnique(names);
+}
+
+std::vector<std::string> makeUnique(const std::vector<std::string>& names) {
+    const auto fold = [](std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        return text;
+    };
+    std::vector<std::string> uniqueNames;
+    std::set<std::string> taken;
+    for (std::string name : names) {
+        if (name.find_first_not_of('.') == std::string::npos) name += '_';
+        std::string unique = name;
+        for (int i = 2; !taken.insert(fold(unique)).second; ++i) unique = name + "-" + std::to_string(i);
+        uniqueNames.push_back(unique);
+    }
+    return uniqueNames;
 }
 
 std::string chooseExtension(const AudioDescription& description) {
@@ -49,6 +58,8 @@ std::string chooseExtension(const AudioDescription& description) {
             return "caf";
         case SF_FORMAT_W64:
             return "w64";
+        case SF_FORMAT_AU:
+            return "au";
         default:
             return "wav";
     }

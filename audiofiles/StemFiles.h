@@ -13,7 +13,12 @@ namespace zevrant::audiofiles {
 // usable.
 std::vector<std::string> makeFileNames(const std::vector<std::string>& busNames);
 
-// The extension of a file's own format where that can be written, since it says what its user works with.
+// Names for files or folders side by side: what comes twice gets a number, and a name of points, or none, a
+// line. Names that differ in case alone count as one, since some file systems do not tell them apart.
+std::vector<std::string> makeUnique(const std::vector<std::string>& names);
+
+// The extension of a file's own format, since it says what its user works with: FLAC, AIFF, CAF, W64 and AU
+// stay what they are. All else becomes WAV, MP3 and what is coded like it too, so that stems keep samples.
 std::string chooseExtension(const AudioDescription& description);
 
 // A folder that is made where it is missing, and taken away again unless it is kept.

@@ -171,7 +171,15 @@ TEST_F(ErrorsTest, usage) {
     expectFailure(with({"--unheard-of"}), WrongUsage, "--unheard-of");
     expectFailure({"process", at("in.wav"), "-m", at("model.zevrant")}, WrongUsage, "--output");
     expectFailure(std::vector<std::string>{}, WrongUsage, "subcommand");
-    expectFailure({"unheard-of"}, WrongUsage, "unheard-of");
+    expectFailure({"unheard-of"}, WrongUsage, "no command 'unheard-of'; there are process, stems");
+    expectFailure({"-m", at("model.zevrant"), "stems"}, WrongUsage, "options stand behind the command");
+    expectFailure({at("in.wav"), "stems"}, WrongUsage, "a command has to come first");
+    expectFailure({"stems", at("in.wav"), "-d", at("new")}, WrongUsage,
+                  "harmonic-percussive, hiss-reduction");
+    expectFailure({"process", at("in.wav"), at("in.flac"), "-m", at("model.zevrant"), "-o", at("new.wav")},
+                  WrongUsage, "stems takes several");
+    expectFailure({"spectrogram", at("in.wav"), "-o", at("new.jpg")}, WrongUsage, ".png");
+    expectFailure(process("in.wav", "in.flac", "new.wav"), BadModel, "-m takes a model");
     for (const char* output : {"out", "out.txt", "out.wav.part"})
         expectFailure(process("in.wav", "model.zevrant", output), WrongUsage, "flac");
     expectFailure(process("five.wav", "model.zevrant", "out.mp3"), WrongUsage, "5 channels");

@@ -224,8 +224,10 @@ TEST_F(ProcessTest, loudIntegersAreLimitedAndSaySo) {
 
 TEST_F(ProcessTest, anEmptyFileStaysEmpty) {
     const std::string input = write(folder.getPath("in.wav"), Sound{2, 44100}), model = makeModel({});
-    EXPECT_EQ(process(input, model).length(), 0);
-    EXPECT_EQ(process(input, model, {"--resample"}).length(), 0);
+    EXPECT_EQ(process(input, model, {"--quiet"}).length(), 0);
+    EXPECT_EQ(process(input, model, {"--quiet", "--resample"}).length(), 0);
+    EXPECT_THAT(run({"process", input, "-m", model, "-o", folder.getPath("out.wav")}).err,
+                HasSubstr("in.wav: holds no samples"));
 }
 
 TEST_F(ProcessTest, aLinkIsFollowedAndAnOldOutputReplaced) {

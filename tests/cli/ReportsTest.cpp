@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <map>
+
 #include <nlohmann/json.hpp>
 
 #include "Program.h"
@@ -174,9 +177,39 @@ TEST_F(ReportsTest, compareMeasuresWhatItSays) {
     }
 }
 
+TEST_F(ReportsTest, infoListsTheModelsForPrograms) {
+    const Json list = Json::parse(run({"info", "--json"}).out);
+    std::map<std::string, std::string> models;
+    for (const Json& model : list["models"]) models[model["name"]] = model["path"];
+    EXPECT_TRUE(std::filesystem::exists(models["harmonic-percussive"]));
+    EXPECT_FALSE(list["folders"].empty());
+}
+
+// As the shell asks: the words so far, the last of them under the cursor.
+TEST_F(ReportsTest, bashCompletesCommandsOptionsAndModels) {
+    folder.makeFile("completion", run({"completion", "bash"}).out);
+    const auto complete = [&](const std::string& words) {
+        folder.makeFile("ask", "source '" + folder.getPath("completion") +
+                                   "'\nCOMP_WORDS=('" ZEVRANT_PROGRAM "' " + words +
+                                   ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_zevrant\n" +
+                                   "echo \"${COMPREPLY[*]}\" > '" + folder.getPath("answer") + "'\n");
+        EXPECT_EQ(std::system(("bash -u '" + folder.getPath("ask") + "'").c_str()), 0) << words;
+        return folder.readFile("answer");
+    };
+    EXPECT_EQ(complete("s"), "stems spectrogram\n");
+    EXPECT_EQ(complete("stems --jo"), "--jobs\n");
+    EXPECT_EQ(complete("process --jo"), "\n");
+    EXPECT_EQ(complete("stems -m harm"), "harmonic-percussive\n");
+    EXPECT_EQ(complete("info harm"), "harmonic-percussive\n");
+    EXPECT_EQ(complete("stems harm"), "\n");  // a file, which the shell knows
+    for (const char* shell : {"zsh", "fish"}) EXPECT_THAT(run({"completion", shell}).out, HasSubstr("jobs"));
+    EXPECT_EQ(run({"completion", "cmd"}).status, 2);
+}
+
 TEST_F(ReportsTest, helpShowsAnExampleOfEachCommand) {
     EXPECT_THAT(run({"--help"}).out, HasSubstr("Exit status:"));
-    for (const char* command : {"process", "stems", "info", "check", "bench", "spectrogram", "compare"}) {
+    for (const char* command :
+         {"process", "stems", "info", "check", "bench", "spectrogram", "compare", "completion"}) {
         const Outcome outcome = run({command, "--help"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_THAT(outcome.out, HasSubstr(std::string("  zevrant ") + command)) << command;

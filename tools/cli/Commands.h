@@ -13,5 +13,6 @@ void addCheckCommand(CLI::App& program);
 void addBenchCommand(CLI::App& program);
 void addSpectrogramCommand(CLI::App& program);
 void addCompareCommand(CLI::App& program);
+void addCompletionCommand(CLI::App& program);
 
 }  // namespace zevrant::cli

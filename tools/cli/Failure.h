@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -25,5 +26,8 @@ class Failure : public std::runtime_error {
 
     const ExitStatus status;
 };
+
+// What any standard exception of the libraries means to the user. Passes on what is none, as Interrupted.
+Failure toFailure(const std::exception_ptr& exception);
 
 }  // namespace zevrant::cli

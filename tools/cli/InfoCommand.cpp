@@ -230,13 +230,22 @@ void printModelList() {
         std::printf("  looked for in %s\n", folder.c_str());
 }
 
+void printModelListAsJson() {
+    Json models = Json::array(), folders = Json::array();
+    for (const std::string& name : separation::listModels())
+        models.push_back({{"name", name}, {"path", separation::findModel(name).string()}});
+    for (const auto& folder : separation::getModelFolders()) folders.push_back(folder.string());
+    const Json json = {{"models", models}, {"folders", folders}};
+    std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
 struct InfoCommand {
     std::string model;
     bool asDot = false;
     bool asJson = false;
 
     void run() const {
-        if (model.empty()) return printModelList();
+        if (model.empty()) return asJson ? printModelListAsJson() : printModelList();
         const Model opened = Model::open(model);
         const Summary summary(opened);
         if (asDot)
@@ -264,7 +273,8 @@ void addInfoCommand(CLI::App& program) {
         "Examples:\n"
         "  zevrant info harmonic-percussive\n"
         "  zevrant info harmonic-percussive --dot | dot -Tsvg > graph.svg\n"
-        "  zevrant info my.zevrant --json | jq .latencyInMilliseconds");
+        "  zevrant info my.zevrant --json | jq .latencyInMilliseconds\n"
+        "  zevrant info --json | jq -r '.models[].name'");
     command->callback([options] { options->run(); });
 }
 

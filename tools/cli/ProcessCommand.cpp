@@ -1,6 +1,8 @@
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <memory>
+#include <system_error>
 
 #include <sndfile.h>
 
@@ -9,6 +11,7 @@
 #include "cli/Failure.h"
 #include "cli/Progress.h"
 #include "cli/SeparationOptions.h"
+#include "cli/Text.h"
 
 namespace zevrant::cli {
 
@@ -17,6 +20,7 @@ namespace {
 constexpr double mostDecibels = 40.0;
 
 struct ProcessCommand : SeparationOptions {
+    std::string input;
     std::string output;
     std::vector<std::string> gains;  // BUS=dB
     std::vector<std::string> solos;
@@ -38,11 +42,14 @@ struct ProcessCommand : SeparationOptions {
     }
 
     void run() const {
-        const Model opened = Model::open(model);
+        const Model opened = openModel();
         BusControls controls = getControls(opened);
         setGains(opened, controls);
-        const auto reader = openInput();
-        AudioDescription description = describeOutput(*reader);
+        if (std::error_code error; std::filesystem::is_directory(input, error))
+            throw Failure(ExitStatus::BadInput,
+                          input + ": is a folder; process takes one file, stems takes folders");
+        const auto reader = openInput(input);
+        AudioDescription description = describeOutput(reader->description);
         if (output == "-" && writesRaw) {
             const audiofiles::RawSampleFormat raw = getRawSampleFormat();
             description.container = SF_FORMAT_RAW;
@@ -57,20 +64,22 @@ struct ProcessCommand : SeparationOptions {
         inputs.add(input);
         inputs.add(opened.path);
         const auto writer = audiofiles::createAudio(output, description, inputs);
-        {
-            Progress progress("process", description.numOfSamples, description.sampleRate, isQuiet);
-            std::int64_t numOfSamplesDone = 0;
-            audiofiles::runPass(*reader, mixer, workingRate, blockSize,
-                                [&](const audiofiles::PassBlock& block) {
-                                    writer->write(block.output, block.numOfSamples);
-                                    progress.show(numOfSamplesDone += block.numOfSamples);
-                                });
-        }
+        Progress progress("process", 1, isQuiet);
+        std::int64_t numOfSamplesDone = 0;
+        const audiofiles::PassResult pass = audiofiles::runPass(
+            *reader, mixer, workingRate, blockSize, [&](const audiofiles::PassBlock& block) {
+                writer->write(block.output, block.numOfSamples);
+                numOfSamplesDone += block.numOfSamples;
+                progress.show(0, numOfSamplesDone, description.numOfSamples, description.sampleRate);
+            });
         writer->close();
         writer->commit();
-        if (writer->numOfClippedValues > 0 && !isQuiet)
-            std::fprintf(stderr, "zevrant: note: %lld values were clipped; lower the gains or write floats\n",
-                         static_cast<long long>(writer->numOfClippedValues));
+        if (isQuiet) return;
+        std::vector<std::string> notes = getNotes(*reader, pass);
+        if (writer->numOfClippedValues > 0)
+            notes.push_back(std::to_string(writer->numOfClippedValues) +
+                            " values were clipped; lower the gains or write floats");
+        for (const std::string& note : notes) progress.print(stderr, "zevrant: note: " + makeHarmless(note));
     }
 };
 
@@ -80,6 +89,7 @@ void addProcessCommand(CLI::App& program) {
     auto* command =
         program.add_subcommand("process", "Runs audio through a model and writes the mix of its busses");
     const auto options = std::make_shared<ProcessCommand>();
+    command->add_option("IN", options->input, inputHelp)->required();
     options->addTo(*command);
     command
         ->add_option("-o,--output", options->output,

@@ -26,9 +26,6 @@ void BusControls::applyTo(Separator& separator) const {
 }
 
 void SeparationOptions::addTo(CLI::App& command) {
-    command
-        .add_option("IN", input, "Audio file of any format that libsndfile reads, or - for standard input")
-        ->required();
     command.add_option("-m,--model", model, "Model: a path, or the name of an installed one")->required();
     command
         .add_option("--sensitivity", sensitivities,
@@ -58,10 +55,21 @@ void SeparationOptions::addTo(CLI::App& command) {
         .add_option("--raw-format", rawFormat,
                     "Samples without a header, in and out: s16, s24, s32, f32 or f64, and le or be behind it")
         ->capture_default_str();
-    command.add_flag("-q,--quiet", isQuiet, "No progress bar and no notes");
+    command.add_flag("-q,--quiet", isQuiet, "Print nothing but errors");
 }
 
-std::unique_ptr<AudioReader> SeparationOptions::openInput() const {
+// Who gives the audio file as the model has changed the two for each other.
+Model SeparationOptions::openModel() const {
+    try {
+        return Model::open(model);
+    } catch (const separation::Error& error) {
+        if (!audiofiles::hasAudioExtension(model)) throw;
+        throw Failure(ExitStatus::BadModel,
+                      std::string(error.what()) + "; -m takes a model, and audio stands without an option");
+    }
+}
+
+std::unique_ptr<AudioReader> SeparationOptions::openInput(const std::string& input) const {
     if ((rawChannels > 0) != (rawRate > 0))
         throw Failure(ExitStatus::WrongUsage, "--raw-channels and --raw-rate go together");
     const audiofiles::RawFormat raw{rawChannels, rawRate, getRawSampleFormat()};
@@ -89,8 +97,8 @@ double SeparationOptions::getWorkingRate(const AudioReader& reader, const Model&
     return resamples ? opened.network.sampleRate : reader.description.sampleRate;
 }
 
-AudioDescription SeparationOptions::describeOutput(const AudioReader& reader) const {
-    AudioDescription description = reader.description;
+AudioDescription SeparationOptions::describeOutput(const AudioDescription& input) const {
+    AudioDescription description = input;
     if (!sampleFormat.empty()) {
         description.sampleFormat = audiofiles::parseSampleFormat(sampleFormat);
         if (description.sampleFormat == 0)
@@ -98,6 +106,18 @@ AudioDescription SeparationOptions::describeOutput(const AudioReader& reader) co
                                                       ": has to be pcm16, pcm24, pcm32, float or double");
     }
     return description;
+}
+
+std::vector<std::string> SeparationOptions::getNotes(const AudioReader& reader,
+                                                     const audiofiles::PassResult& pass) const {
+    std::vector<std::string> notes;
+    if (!reader.note.empty()) notes.push_back(reader.note);
+    if (pass.numOfSamples == 0) notes.push_back(reader.name + ": holds no samples");
+    if (pass.numOfReplacedValues > 0)
+        notes.push_back(reader.name + ": " + std::to_string(pass.numOfReplacedValues) +
+                        (pass.numOfReplacedValues == 1 ? " sample was not a number, and counts as 0"
+                                                       : " samples were not numbers, and count as 0"));
+    return notes;
 }
 
 BusSetting::BusSetting(const Model& model, const std::string& text, const char* option, double least,

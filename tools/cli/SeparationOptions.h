@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "audiofiles/Audio.h"
+#include "audiofiles/Pass.h"
 #include "cli/Model.h"
 #include "separation/Separator.h"
 
@@ -17,6 +18,10 @@ using audiofiles::AudioDescription;
 using audiofiles::AudioReader;
 using separation::Output;
 using separation::Separator;
+
+// What all commands say about an audio file that they read.
+constexpr const char* inputHelp =
+    "Audio file of any format that libsndfile or, where it is installed, ffmpeg reads; - is standard input";
 
 // Where the controls of the busses are to stand; all neutral at the start.
 struct BusControls {
@@ -35,15 +40,18 @@ struct BusControls {
 struct SeparationOptions {
     void addTo(CLI::App& command);
 
-    std::unique_ptr<AudioReader> openInput() const;
+    std::unique_ptr<AudioReader> openInput(const std::string& input) const;
+    Model openModel() const;
     audiofiles::RawSampleFormat getRawSampleFormat() const;
     BusControls getControls(const Model& model) const;  // without gains
     double getWorkingRate(const AudioReader& reader, const Model& model) const;
 
     // What the output is like that keeps the input's sample format, unless another is asked for.
-    AudioDescription describeOutput(const AudioReader& reader) const;
+    AudioDescription describeOutput(const AudioDescription& input) const;
 
-    std::string input;
+    // What to tell the user about audio that was read in a pass that went well.
+    std::vector<std::string> getNotes(const AudioReader& reader, const audiofiles::PassResult& pass) const;
+
     std::string model;
     std::vector<std::string> sensitivities;  // BUS=VALUE
     bool keepsMasksShort = false;            // --no-extrapolation

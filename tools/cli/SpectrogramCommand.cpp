@@ -36,6 +36,8 @@ struct SpectrogramCommand {
             readers.push_back(audiofiles::openAudio(input));
             protectedInputs.add(input);
             const audiofiles::AudioDescription& description = readers.back()->description;
+            if (description.numOfSamples < 0 && !isStream(input))
+                readers.back()->description.numOfSamples = countSamples(input);
             if (description.numOfSamples < 0)
                 throw Failure(ExitStatus::BadInput,
                               readers.back()->name + ": a picture needs to know the length beforehand");
@@ -53,6 +55,10 @@ struct SpectrogramCommand {
         picture.scale.isLogarithmic = !isLinear;
         picture.scale.highest = highestFrequency > 0.0 ? highestFrequency : highestRate / 2.0;
         picture.scale.lowest = isLinear ? 0.0 : std::min(lowestFrequency, picture.scale.highest / 10.0);
+        protectedInputs.requireOther(output);
+        if (audiofiles::getExtension(output) != "png")
+            throw Failure(ExitStatus::WrongUsage,
+                          output + ": pictures are PNG files, so the name has to end in .png");
         audiofiles::OutputFile file(output, protectedInputs);
         const double secondsPerColumn = seconds / SpectrogramPicture::getPlotWidth(width);
         for (std::size_t i = 0; i < inputs.size(); ++i) {
@@ -64,6 +70,21 @@ struct SpectrogramCommand {
         picture.highestLevel = findHighestLevel(picture.panels);
         picture.write(file);
         file.commit();
+    }
+
+    static bool isStream(const std::string& input) {
+        return input == "-" || audiofiles::isSpecialFile(input);
+    }
+
+    // Of a file whose length only its end tells.
+    static std::int64_t countSamples(const std::string& input) {
+        constexpr int blockSize = 16384;
+        const auto reader = audiofiles::openAudio(input);
+        std::vector<float> block(static_cast<std::size_t>(blockSize) *
+                                 static_cast<std::size_t>(reader->description.numOfChannels));
+        std::int64_t numOfSamples = 0;
+        while (const int count = reader->read(block.data(), blockSize)) numOfSamples += count;
+        return numOfSamples;
     }
 
     int chooseFrameSize(const audiofiles::AudioReader& reader) const {

@@ -1,17 +1,19 @@
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <system_error>
+#include <thread>
 
-#include <sndfile.h>
-
-#include "audiofiles/Pass.h"
-#include "audiofiles/SampleFormat.h"
 #include "audiofiles/StemFiles.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Progress.h"
-#include "cli/SeparationOptions.h"
+#include "cli/Stems.h"
+#include "cli/Text.h"
 
 namespace zevrant::cli {
 
@@ -19,138 +21,172 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Of exact stems, above which they do not add up: some 40 dB above what rounding leaves.
-constexpr double worstNullDepth = -90.0;
+constexpr int mostJobs = 256;
 
-// How far the sum of stems lies below the input: the energy of the difference over that of the input.
-class NullMeter {
-  public:
-    void add(double input, double sum) {
-        inputEnergy += input * input;
-        differenceEnergy += (input - sum) * (input - sum);
+// The audio files that lie in a folder itself, in the order of their names.
+std::vector<std::string> listAudioFiles(const std::string& folder) {
+    std::vector<std::string> files;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(folder, error)) {
+        const bool isHidden = entry.path().filename().string().starts_with('.');
+        if (!isHidden && entry.is_regular_file(error) && audiofiles::hasAudioExtension(entry.path()))
+            files.push_back(entry.path().string());
     }
-    bool isSilent() const { return inputEnergy == 0.0 && differenceEnergy == 0.0; }
-    double getDepth() const { return 10.0 * std::log10(differenceEnergy / inputEnergy); }
+    if (error) throw Failure(ExitStatus::BadInput, folder + ": " + error.message());
+    if (files.empty()) throw Failure(ExitStatus::BadInput, folder + ": no audio files in this folder");
+    std::sort(files.begin(), files.end());
+    return files;
+}
 
-  private:
-    double inputEnergy = 0.0;
-    double differenceEnergy = 0.0;
-};
+bool isFolder(const std::string& path) {
+    std::error_code error;
+    return fs::is_directory(path, error);
+}
 
 struct StemsCommand : SeparationOptions {
+    std::vector<std::string> inputs;
     std::string folder;
     std::string extension;
-
-    std::string getExtension(const AudioDescription& description) const {
-        if (extension.empty()) return audiofiles::chooseExtension(description);
-        return extension.front() == '.' ? extension.substr(1) : extension;
-    }
+    int numOfJobs = 0;  // 0: as many as there are cores
 
     void run() {
-        const Model opened = Model::open(model);
-        const BusControls controls = getControls(opened);
-        const auto reader = openInput();
-        const AudioDescription description = describeOutput(*reader);
-        const double workingRate = getWorkingRate(*reader, opened);
-        Separator splitter(opened, Output::Busses, description.numOfChannels, workingRate, channelsPerGroup);
-        controls.applyTo(splitter);
-
-        audiofiles::ProtectedFiles inputs;
-        inputs.add(input);
-        inputs.add(opened.path);
-        audiofiles::OutputFolder outputFolder(folder);
-        std::vector<std::unique_ptr<audiofiles::AudioWriter>> writers;
-        const auto busNames = opened.getBusNames();
-        for (const std::string& name : audiofiles::makeFileNames(busNames)) {
-            const fs::path path = fs::path(folder) / (name + "." + getExtension(description));
-            writers.push_back(audiofiles::createAudio(path.string(), description, inputs));
-        }
-
-        std::int64_t numOfSamples = 0;
-        double seconds = 0.0;
-        {
-            Progress progress("stems", description.numOfSamples, description.sampleRate, isQuiet);
-            audiofiles::runPass(*reader, splitter, workingRate, blockSize,
-                                [&](const audiofiles::PassBlock& block) {
-                                    writeBlock(block, writers);
-                                    progress.show(numOfSamples += block.numOfSamples);
-                                });
-            seconds = progress.getSeconds();
-        }
-        for (const auto& writer : writers) writer->close();
-        for (const auto& writer : writers) writer->commit();
-        outputFolder.keep();
-        report(busNames, writers, static_cast<double>(numOfSamples) / description.sampleRate / seconds);
-        check(controls);
-    }
-
-    // Writes the channels of each stem, and measures the sums of what the engine gave and of what is written.
-    void writeBlock(const audiofiles::PassBlock& block,
-                    const std::vector<std::unique_ptr<audiofiles::AudioWriter>>& writers) {
-        const std::size_t numOfStems = writers.size();
-        const auto length = static_cast<std::size_t>(block.numOfSamples);
-        const auto channels = static_cast<std::size_t>(block.numOfOutputChannels) / numOfStems;
-        stem.resize(length * channels);
-        exactSum.assign(length * channels, 0.0);
-        writtenSum.assign(length * channels, 0.0);
-        for (std::size_t s = 0; s < numOfStems; ++s) {
-            for (std::size_t i = 0; i < length; ++i)
-                std::copy_n(block.output + (i * numOfStems + s) * channels, channels,
-                            stem.data() + i * channels);
-            writers[s]->write(stem.data(), block.numOfSamples);
-            for (std::size_t i = 0; i < stem.size(); ++i) exactSum[i] += double{stem[i]};
-            const int bits = writers[s]->integerBits;
-            if (bits == 0) {
-                for (std::size_t i = 0; i < stem.size(); ++i) writtenSum[i] += double{stem[i]};
-                continue;
-            }
-            integers.resize(stem.size());
-            audiofiles::quantise(stem.data(), std::ssize(stem), bits, integers.data());
-            for (std::size_t i = 0; i < stem.size(); ++i) writtenSum[i] += integers[i] / 2147483648.0;
-        }
-        for (std::size_t i = 0; i < stem.size(); ++i) {
-            exactNull.add(double{block.input[i]}, exactSum[i]);
-            writtenNull.add(double{block.input[i]}, writtenSum[i]);
-        }
-    }
-
-    void report(const std::vector<std::string>& busNames,
-                const std::vector<std::unique_ptr<audiofiles::AudioWriter>>& writers, double speed) const {
-        std::size_t width = 0;
-        for (const std::string& name : busNames) width = std::max(width, name.size());
-        std::int64_t numOfClippedValues = 0;
-        for (std::size_t i = 0; i < writers.size(); ++i) {
-            std::printf("%-*s  %s\n", static_cast<int>(width), busNames[i].c_str(), writers[i]->name.c_str());
-            numOfClippedValues += writers[i]->numOfClippedValues;
-        }
-        if (writtenNull.isSilent())
-            std::printf("null depth: the input is silent, and so is the sum of the stems\n");
-        else if (writers.front()->integerBits > 0)
-            std::printf("null depth: %.1f dB as written with %d bits, %.1f dB before that\n",
-                        writtenNull.getDepth(), writers.front()->integerBits, exactNull.getDepth());
+        if (extension.starts_with('.')) extension.erase(0, 1);
+        if (!extension.empty()) audiofiles::requireOutputFormat("stems." + extension);
+        const Model opened = openModel();
+        describeOutput({});  // what is wrong for all files is said once
+        getControls(opened);
+        const bool isOneFile = inputs.size() == 1 && !isFolder(inputs.front());
+        const std::vector<std::string> files = listFiles();
+        audiofiles::ProtectedFiles protectedFiles;
+        for (const std::string& file : files) protectedFiles.add(file);
+        protectedFiles.add(opened.path);
+        if (isOneFile)
+            separateOne(opened, files.front(), protectedFiles);
         else
-            std::printf("null depth: %.1f dB\n", exactNull.getDepth());
-        std::printf("speed: %.1f x real time\n", speed);
-        if (numOfClippedValues > 0 && !isQuiet)
-            std::fprintf(stderr,
-                         "zevrant: note: %lld values were clipped; --sample-format float keeps them\n",
-                         static_cast<long long>(numOfClippedValues));
+            separateAll(opened, files, protectedFiles);
+    }
+
+    std::vector<std::string> listFiles() const {
+        std::vector<std::string> files;
+        for (const std::string& input : inputs) {
+            if (input == "-" && inputs.size() > 1)
+                throw Failure(ExitStatus::WrongUsage, "- stands alone: standard input is one file");
+            if (isFolder(input)) {
+                const std::vector<std::string> inside = listAudioFiles(input);
+                files.insert(files.end(), inside.begin(), inside.end());
+            } else {
+                files.push_back(input);
+            }
+        }
+        return files;
+    }
+
+    Stems separate(const Model& opened, const std::string& file, const fs::path& target,
+                   const audiofiles::ProtectedFiles& protectedFiles, Progress& progress, int index) const {
+        const auto show = [&](std::int64_t numOfSamplesDone, const AudioDescription& description) {
+            progress.show(index, numOfSamplesDone, description.numOfSamples, description.sampleRate);
+        };
+        return writeStems(*this, opened, file, target, extension, protectedFiles, show);
+    }
+
+    void separateOne(const Model& opened, const std::string& file,
+                     const audiofiles::ProtectedFiles& protectedFiles) const {
+        Progress progress("stems", 1, isQuiet);
+        const Stems stems = separate(opened, file, folder, protectedFiles, progress, 0);
+        if (!isQuiet) {
+            std::vector<std::string> names = opened.getBusNames();
+            std::size_t width = 0;
+            for (std::string& name : names) width = std::max(width, (name = makeHarmless(name)).size());
+            for (std::size_t i = 0; i < names.size(); ++i) {
+                names[i].resize(width, ' ');
+                progress.print(stdout, names[i] + "  " + makeHarmless(stems.paths[i]));
+            }
+            progress.print(stdout, stems.describeNullDepth());
+            progress.print(stdout, describeSpeed(progress));
+            printNotes(stems, progress);
+        }
+        requireSum(opened, stems);
+    }
+
+    // Each file into a folder of its own, several at once. A file that fails stops no other.
+    void separateAll(const Model& opened, const std::vector<std::string>& files,
+                     const audiofiles::ProtectedFiles& protectedFiles) const {
+        audiofiles::OutputFolder outputFolder(folder);  // goes again if nothing comes into it
+        std::vector<std::string> names;
+        for (const std::string& file : files) names.push_back(fs::path(file).stem().string());
+        names = audiofiles::makeUnique(names);
+        Progress progress("stems", static_cast<int>(files.size()), isQuiet);
+        std::vector<std::optional<Failure>> failures(files.size());
+        runSideBySide(files.size(), [&](std::size_t i) {
+            try {
+                const fs::path target = fs::path(folder) / names[i];
+                const Stems stems =
+                    separate(opened, files[i], target, protectedFiles, progress, static_cast<int>(i));
+                if (!isQuiet)
+                    progress.print(stdout, makeHarmless(files[i]) + " -> " + makeHarmless(target.string()) +
+                                               ", " + stems.describeNullDepth());
+                printNotes(stems, progress);
+                requireSum(opened, stems);
+            } catch (const std::exception&) {
+                failures[i].emplace(toFailure(std::current_exception()));
+                progress.print(stderr, "zevrant: " + makeHarmless(failures[i]->what()));
+            }
+            progress.finish(static_cast<int>(i));
+        });
+        const auto numOfFailures =
+            std::count_if(failures.begin(), failures.end(), [](const auto& failure) { return !!failure; });
+        if (!isQuiet) progress.print(stdout, describeSpeed(progress));
+        if (numOfFailures == 0) return;
+        const auto first = std::find_if(failures.begin(), failures.end(), [](const auto& f) { return !!f; });
+        throw Failure((*first)->status, std::to_string(numOfFailures) + " of " +
+                                            std::to_string(files.size()) + " files failed");
+    }
+
+    // work(i) for each i once, on as many threads as there are jobs. What work throws ends them all.
+    template <class Work>
+    void runSideBySide(std::size_t count, const Work& work) const {
+        const std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
+        const std::size_t wanted = numOfJobs > 0 ? static_cast<std::size_t>(numOfJobs) : cores;
+        std::atomic<std::size_t> next{0};
+        std::vector<std::exception_ptr> exceptions(std::min(wanted, count));
+        {
+            std::vector<std::jthread> threads;
+            for (std::exception_ptr& exception : exceptions)
+                threads.emplace_back([&] {
+                    try {
+                        for (std::size_t i; (i = next++) < count;) work(i);
+                    } catch (...) {
+                        exception = std::current_exception();
+                        next = count;
+                    }
+                });
+        }
+        for (const std::exception_ptr& exception : exceptions)
+            if (exception) std::rethrow_exception(exception);
+    }
+
+    static std::string describeSpeed(const Progress& progress) {
+        char text[64];
+        std::snprintf(text, sizeof text, "speed: %.1f x real time",
+                      progress.getAudioSeconds() / progress.getSeconds());
+        return text;
+    }
+
+    void printNotes(const Stems& stems, Progress& progress) const {
+        if (isQuiet) return;
+        for (const std::string& note : stems.notes)
+            progress.print(stderr, "zevrant: note: " + makeHarmless(note));
     }
 
     // A sensitivity of the residual changes the sum by its nature.
-    void check(const BusControls& controls) const {
-        if (controls.sensitivities.back() != 0.0f || exactNull.isSilent()) return;
-        if (!(exactNull.getDepth() < worstNullDepth))
-            throw Failure(
-                ExitStatus::Failed,
-                "the stems are written, but do not add up to the input: the frame sizes of this model "
-                "do not give their input back");
+    void requireSum(const Model& opened, const Stems& stems) const {
+        if (stems.addUp() || getControls(opened).sensitivities.back() != 0.0f) return;
+        const bool isFinite = !std::isnan(stems.exactNull.getDepth());
+        throw Failure(ExitStatus::Failed,
+                      stems.paths.front() + ": the stems are written, but do not add up to the input: " +
+                          (isFinite ? "the frame sizes of this model do not give their input back"
+                                    : "not all of their samples are numbers"));
     }
-
-    std::vector<float> stem;
-    std::vector<double> exactSum, writtenSum;
-    std::vector<std::int32_t> integers;
-    NullMeter exactNull, writtenNull;
 };
 
 }  // namespace
@@ -158,11 +194,23 @@ struct StemsCommand : SeparationOptions {
 void addStemsCommand(CLI::App& program) {
     auto* command = program.add_subcommand("stems", "Splits audio into one file per bus of a model");
     const auto options = std::make_shared<StemsCommand>();
-    options->addTo(*command);
-    command->add_option("-d,--directory", options->folder, "Folder for the stems; made if it is not there")
+    command
+        ->add_option("IN", options->inputs,
+                     std::string(inputHelp) + ".\nA folder stands for the audio files that lie in it")
         ->required();
-    command->add_option("--format", options->extension,
-                        "Extension of the stems, such as wav or flac; without it that of the input");
+    options->addTo(*command);
+    command
+        ->add_option("-d,--directory", options->folder,
+                     "Folder for the stems; made if it is not there. The stems of several files, or of a\n"
+                     "folder, get a folder each in there, named after their file")
+        ->required();
+    command->add_option(
+        "--format", options->extension,
+        "Format of the stems: wav, flac, aiff, caf, w64, au, rf64, ogg, opus or mp3. Without it\n"
+        "FLAC, AIFF, CAF, W64 and AU stay what they are and all else becomes WAV; samples of\n"
+        "coded formats (MP3, Ogg and so on) become floats");
+    command->add_option("--jobs", options->numOfJobs, "Files at once; without it one for each core")
+        ->check(CLI::Range(1, mostJobs));
     command->footer(
         "The stems line up with the input sample for sample, and their sum is the input: the null depth that "
         "is\n"
@@ -170,8 +218,13 @@ void addStemsCommand(CLI::App& program) {
         "files\n"
         "to their resolution. The network runs once for all stems.\n"
         "\n"
-        "Example:\n"
-        "  zevrant stems song.flac -m harmonic-percussive -d stems --sample-format pcm24");
+        "Where one of several files fails, the others are done, and the exit status is that of the first "
+        "that\n"
+        "failed.\n"
+        "\n"
+        "Examples:\n"
+        "  zevrant stems song.flac -m harmonic-percussive -d stems --sample-format pcm24\n"
+        "  zevrant stems album/ bonus.mp3 -m harmonic-percussive -d stems --jobs 2");
     command->callback([options] { options->run(); });
 }
 

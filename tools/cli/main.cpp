@@ -3,16 +3,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <new>
 #include <string>
+#include <system_error>
+#include <vector>
 
-#include "audiofiles/Error.h"
+#include "audiofiles/Audio.h"
 #include "audiofiles/Interruption.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Interruption.h"
 #include "cli/Text.h"
-#include "separation/Error.h"
+#include "separation/Model.h"
 
 namespace {
 
@@ -25,6 +28,7 @@ constexpr const char* footer =
     "Examples:\n"
     "  zevrant stems song.flac -m harmonic-percussive -d stems\n"
     "  zevrant process song.flac -m harmonic-percussive --gain Percussive=-6 -o softer.flac\n"
+    "  zevrant stems album/ -m harmonic-percussive -d stems\n"
     "  zevrant COMMAND --help\n"
     "\n"
     "A model is the path of a file, or the name of one in a model folder: those in ZEVRANT_MODEL_PATH\n"
@@ -50,23 +54,44 @@ int report(int status, const char* text) noexcept {
     return status;
 }
 
-ExitStatus getStatus(zevrant::audiofiles::ErrorKind kind) {
-    using Kind = zevrant::audiofiles::ErrorKind;
-    switch (kind) {
-        case Kind::BadInput:
-            return ExitStatus::BadInput;
-        case Kind::BadOutput:
-            return ExitStatus::BadOutput;
-        case Kind::Unsupported:
-            return ExitStatus::WrongUsage;
-        default:
-            return ExitStatus::Failed;
-    }
+std::string join(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+    return text;
 }
 
-ExitStatus getStatus(zevrant::separation::ErrorKind kind) {
-    using Kind = zevrant::separation::ErrorKind;
-    return kind == Kind::NoSuchModel || kind == Kind::BadModel ? ExitStatus::BadModel : ExitStatus::Failed;
+std::vector<std::string> getCommandNames(const CLI::App& program) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : program.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(command->get_name());
+    return names;
+}
+
+// A file in the place of the command is the most frequent slip.
+std::string describeUnknownCommand(const std::string& word, const CLI::App& program) {
+    std::error_code error;
+    if (std::filesystem::exists(word, error) || zevrant::audiofiles::hasAudioExtension(word))
+        return word + ": a command has to come first, as in 'zevrant stems FILE -m MODEL -d FOLDER'";
+    return "no command '" + word + "'; there are " + join(getCommandNames(program));
+}
+
+// What would complete or mend a command line with this command, which is empty where an option stands first.
+std::string suggest(const CLI::ParseError& error, const std::string& command, const CLI::App& program) {
+    const std::string text = error.what();
+    if (text.starts_with("A subcommand ")) return ": one of " + join(getCommandNames(program));
+    if (command.empty())
+        return "; options stand behind the command, as in 'zevrant stems FILE -m MODEL -d FOLDER'";
+    const bool isOption = text.find(": -") != std::string::npos;
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) && command == "process" && !isOption)
+        return "; process takes one file, and stems takes several";
+    if (!dynamic_cast<const CLI::RequiredError*>(&error)) return "";
+    if (text.starts_with("IN ")) return ": the audio file";
+    if (text.starts_with("--directory ")) return ": the folder for the stems, such as -d stems";
+    if (text.starts_with("--output ")) return ": the file to write, with -o";
+    if (!text.starts_with("--model ")) return "";
+    const std::string models = join(zevrant::separation::listModels());
+    return models.empty() ? ": the file of a model, with -m; none are installed"
+                          : ": the file of a model, or one of " + models + ", with -m";
 }
 
 int run(int argc, char** argv) {
@@ -81,30 +106,23 @@ int run(int argc, char** argv) {
     addBenchCommand(program);
     addSpectrogramCommand(program);
     addCompareCommand(program);
+    addCompletionCommand(program);
 
     // What stands first and is no option can only be meant as a command.
-    if (argc > 1 && argv[1][0] != '-') {
-        const auto commands = program.get_subcommands([](const CLI::App*) { return true; });
-        const bool isKnown = std::any_of(commands.begin(), commands.end(), [&](const CLI::App* command) {
-            return command->get_name() == argv[1];
-        });
-        if (!isKnown)
-            return report(ExitStatus::WrongUsage,
-                          (std::string("no command '") + argv[1] + "' (see zevrant --help)").c_str());
-    }
+    const std::string first = argc > 1 && argv[1][0] != '-' ? argv[1] : "";
+    const std::vector<std::string> commands = getCommandNames(program);
+    if (!first.empty() && std::find(commands.begin(), commands.end(), first) == commands.end())
+        return report(ExitStatus::WrongUsage,
+                      (describeUnknownCommand(first, program) + " (see zevrant --help)").c_str());
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return program.exit(error);
-        return report(ExitStatus::WrongUsage, (std::string(error.what()) + " (see zevrant --help)").c_str());
-    } catch (const Failure& failure) {
+        const std::string help = " (see zevrant " + (first.empty() ? "" : first + " ") + "--help)";
+        return report(ExitStatus::WrongUsage, (error.what() + suggest(error, first, program) + help).c_str());
+    } catch (const std::exception&) {
+        const Failure failure = toFailure(std::current_exception());
         return report(failure.status, failure.what());
-    } catch (const zevrant::audiofiles::Error& error) {
-        return report(getStatus(error.kind), error.what());
-    } catch (const zevrant::separation::Error& error) {
-        return report(getStatus(error.kind), error.what());
-    } catch (const std::bad_alloc&) {
-        return report(ExitStatus::Failed, "out of memory");
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout))
         return report(ExitStatus::BadOutput, "standard output: cannot be written");
