@@ -8,8 +8,8 @@
 // writers of files.
 namespace zevrant::limits {
 
-// A way through the graph runs on the caller's stack, with up to 200 bytes for each layer. So a thread with a
-// stack of 512 KiB can run any model.
+// A way through the graph runs on the caller's stack, with up to 230 bytes for each layer. So 512 KiB of it
+// are enough for any model.
 constexpr int layersOnAPath = 2048;
 
 // How often layers are asked for their latency while a model is loaded: each once for every link to it and

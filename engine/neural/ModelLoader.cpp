@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -206,6 +207,7 @@ std::string findStrideOfNone(const NeuralModel<T>& model) {
     for (const auto& [name, entry] : model.layers) {
         LayerReport report;
         report.inputs = {{1, 1}};
+        report.sources = {{}};
         std::get<std::shared_ptr<BaseLayer<T>>>(entry)->describe(report);
         for (const Finding& finding : report.findings)
             if (finding.field == "timeStride") return name;
@@ -217,8 +219,11 @@ template <class T>
 Verdict measureLatency(RecordStream& stream, NeuralModel<T>& model) {
     try {
         model.latencyInFrames = model.inputLayer->measureLatency(1);
-    } catch (const std::exception&) {
+    } catch (const std::invalid_argument&) {
         stream.pointAt(findStrideOfNone(model), "timeStride");
+        throw;
+    } catch (const std::length_error&) {
+        stream.pointAt({}, "timeStride");
         throw;
     }
     const int rate = truncateRate(model.sampleRate);

@@ -359,6 +359,7 @@ class Walk {
             report.outputSources.push_back(graph.getNames().at(source));
             report.output = flows[source].shape;
             report.outputSlicesPerFrame = flows[source].slicesPerFrame;
+            report.step.slices += flows[source].mostSlices;
             isSound &= flows[source].isSound;
         }
         if (!isSound) return;

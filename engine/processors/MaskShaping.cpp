@@ -66,9 +66,10 @@ ComplexSignal32 MaskShaping::shape(const ComplexSignal32& mask, float sensitivit
 void MaskShaping::shapeRow(const std::complex<float>* mask, float curve, int numOfBins,
                            std::complex<float>* shaped, int numOfSamples) {
     if (numOfSamples > std::ssize(magnitudes)) {
-        magnitudes.resize(static_cast<std::size_t>(numOfSamples));
-        factors.resize(magnitudes.size());
-        phases.resize(magnitudes.size());
+        const auto length = static_cast<std::size_t>(numOfSamples);
+        factors.resize(length);
+        phases.resize(length);
+        magnitudes.resize(length);  // last, because it is the one that is asked for its size
     }
     float* m = magnitudes.data();
     float* factor = factors.data();

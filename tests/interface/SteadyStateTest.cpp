@@ -284,6 +284,8 @@ TEST(FailingMemory, endsTheCallAndNothingElse) {
                 try {
                     EXPECT_EQ(liveOnce(path), expected) << "request " << n;
                 } catch (const std::bad_alloc&) {
+                } catch (const std::exception& error) {
+                    ADD_FAILURE() << error.what() << ", request " << n;
                 }
                 hasFailed = countAllocations() - before > n;
                 failAllocationAfter(-1);
