@@ -4,9 +4,10 @@
 //
 // Prints the time per block of the plain mix, and as ratios of it the separation's mix, all busses, and both
 // with the rate converted, where the sample rate asks for that.
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using zevrant::Separation;
 
 constexpr int numOfChannels = 2;
@@ -34,14 +34,26 @@ struct Subject {
     const char* name;
     int flags;
     Separation::Output output;
-    double seconds = 0.0;
+    std::vector<double> times{};  // of groups of blocks, seconds
 };
+
+// One value per group of blocks, of which the middle one counts: whole frames, and no visits of other
+// programs.
+constexpr int blocksPerGroup = 32;
+
+double findMedian(std::vector<double> times) {
+    std::nth_element(times.begin(), times.begin() + std::ssize(times) / 2, times.end());
+    return times[times.size() / 2];
+}
 
 template <class Call>
 double measure(const Call& call) {
-    const Clock::time_point start = Clock::now();
+    timespec start{}, end{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
     call();
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+    return static_cast<double>(end.tv_sec - start.tv_sec) +
+           1e-9 * static_cast<double>(end.tv_nsec - start.tv_nsec);
 }
 
 }  // namespace
@@ -69,30 +81,35 @@ int main(int argc, char** argv) {
                                                      .output = subject.output,
                                                      .flags = subject.flags});
     std::vector<float> out(16 * width);
-    double plainSeconds = 0.0;
-    const auto numOfBlocks = static_cast<int>(seconds * rate / blockSize);
+    std::vector<double> plainTimes;
+    const int numOfBlocks = static_cast<int>(seconds * rate / blockSize) / blocksPerGroup * blocksPerGroup;
     for (int block = -100; block < numOfBlocks; ++block) {  // the first ones are not counted
         const std::span in(noise.data() + static_cast<std::size_t>((block + 100) % 64) * width, width);
-        const double time = measure([&] {
-            plain.addAudioInterleaved(in);
-            while (plain.getNumOfPendingSamples() >= blockSize)
-                if (!plain.getAudioInterleaved(std::span(out).first(width))) break;
-        });
-        if (block >= 0) plainSeconds += time;
+        const auto add = [&](std::vector<double>& times, double time) {
+            if (block < 0) return;
+            if (block % blocksPerGroup == 0) times.push_back(0.0);
+            times.back() += time;
+        };
+        add(plainTimes, measure([&] {
+                plain.addAudioInterleaved(in);
+                while (plain.getNumOfPendingSamples() >= blockSize)
+                    if (!plain.getAudioInterleaved(std::span(out).first(width))) break;
+            }));
         for (std::size_t i = 0; i < separations.size(); ++i) {
             const auto count = width / numOfChannels *
                                static_cast<std::size_t>(separations[i].getInfo().numOfOutputChannels);
-            const double taken = measure([&] {
-                if (separations[i].addInterleaved(in) != ZEVRANT_SEPARATION_OK ||
-                    separations[i].takeInterleaved(std::span(out).first(count)) != ZEVRANT_SEPARATION_OK)
-                    std::abort();
-            });
-            if (block >= 0) subjects[i].seconds += taken;
+            add(subjects[i].times, measure([&] {
+                    if (separations[i].addInterleaved(in) != ZEVRANT_SEPARATION_OK ||
+                        separations[i].takeInterleaved(std::span(out).first(count)) != ZEVRANT_SEPARATION_OK)
+                        std::abort();
+                }));
         }
     }
-    std::printf("plain mix: %.1f us per block of %d, %.1f times real time\n",
-                1e6 * plainSeconds / numOfBlocks, blockSize, numOfBlocks * blockSize / rate / plainSeconds);
+    const double plainTime = findMedian(plainTimes) / blocksPerGroup;
+    std::printf("plain mix: %.1f us per block of %d, %.1f times real time\n", 1e6 * plainTime, blockSize,
+                blockSize / rate / plainTime);
     for (const Subject& subject : subjects)
-        std::printf("%-22s %.3f of that\n", subject.name, subject.seconds / plainSeconds);
+        std::printf("%-22s %.3f of that\n", subject.name,
+                    findMedian(subject.times) / blocksPerGroup / plainTime);
     return 0;
 }
