@@ -56,6 +56,7 @@ files and example hosts.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME "${zevrant_package_tools}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS ffmpeg)  # for what libsndfile does not read
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION 
   "Runs streaming neural networks on audio, block by block, with low latency.
 This package holds the program, which splits recordings into stems, mixes
