@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # page-commands.sh PROGRAMS SONG COMMANDS: runs the commands of a page as they stand there, in a folder of their own that
-# holds song.flac, with the programs of this folder in the path and no models but those beside them.
+# holds song.flac and song.mp3, with the programs of this folder in the path and no models but those beside them.
 set -euo pipefail
 programs=$1 song=$2 commands=$3
 
@@ -9,5 +9,6 @@ trap 'rm -rf "$folder"' EXIT
 cp "$song" "$folder/song.flac"
 cd "$folder"
 unset ZEVRANT_MODEL_PATH
+"$programs/zevrant" process song.flac -m center-sides -o song.mp3 --quiet
 PATH=$programs:$PATH bash -euo pipefail "$commands"
 ls -R
