@@ -26,7 +26,7 @@ class Voice:
 
 
 VOICES = (
-    # kal and slt are the same people in festival and in flite. To train on: recordings under permissive terms,
+    # kal and slt are the same people in festival and in flite. To train on: recordings on permissive terms,
     # and a synthesizer that computes its voices. Those under the GPL and LGPL judge.
     Voice("kal", "festival", "kal_diphone", False, True, "train"),
     Voice("kal", "flite", "kal16", False, True, "train"),
