@@ -1,0 +1,34 @@
+// A model file and a host that streams audio through it with any format, blocks, parameters and resets.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "Choices.h"
+#include "Execution.h"
+#include "Host.h"
+#include "Inputs.h"
+#include "MemoryFile.h"
+#include "ModelMutator.h"
+
+ZEVRANT_MUTATES_MODELS(zevrant::fuzz::numOfAudioChoices)
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace zevrant::fuzz;
+    const Execution execution;
+    const std::size_t numOfChoices = std::min(size, numOfAudioChoices);
+    const MemoryFile file({data + numOfChoices, size - numOfChoices});
+    Choices choices({data, numOfChoices});
+
+    const int numOfChannels = choices.takeOneOf({1, 2, 2, 2, 3, 8, 0, -1});
+    double sampleRate = choices.takeOneOf({48000.0, 44100.0, 96000.0, 22050.0, 8000.0, 0.0, -1.0, 1e300,
+                                           std::numeric_limits<double>::infinity()});
+    if (choices.takeByte() % 16 == 0) sampleRate = choices.takeRaw<double>();
+    const int numOfModels = choices.takeByte() % 16 == 0 ? 2 : 1;
+    attempt([&] {
+        Host host(file.getPath(), numOfModels, numOfChannels, sampleRate);
+        for (int left = 12; left > 0 && host.isOpen(); --left) host.act(choices);
+    });
+    return 0;
+}

@@ -1,0 +1,35 @@
+#include "Execution.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+namespace zevrant::fuzz {
+
+namespace {
+
+double getThreadSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+}
+
+}  // namespace
+
+Stopwatch::Stopwatch() : start(getThreadSeconds()) {}
+
+double Stopwatch::getSeconds() const {
+    return getThreadSeconds() - start;
+}
+
+Execution::~Execution() {
+    require(stopwatch.getSeconds() < 1.0, "an execution takes no more than a second");
+}
+
+void require(bool holds, const char* text) {
+    if (holds) return;
+    std::fprintf(stderr, "does not hold: %s\n", text);
+    std::abort();
+}
+
+}  // namespace zevrant::fuzz

@@ -1,0 +1,37 @@
+#include "RunModel.h"
+
+#include <algorithm>
+#include <new>
+
+#include "Execution.h"
+#include "neural/MemoryStream.h"
+#include "neural/ModelLoader.h"
+#include "neural/ModelReport.h"
+#include "neural/NeuralModel.h"
+
+namespace zevrant::fuzz {
+
+bool runModel(std::span<const std::uint8_t> bytes) {
+    NeuralModel<float> model;
+    LoadReport report;
+    bool isLoaded = false;
+    if (!attempt([&] { isLoaded = tryLoadModel(streamOver({bytes.begin(), bytes.end()}), model, report); }))
+        return false;  // no memory
+    require(isLoaded != report.refusal.has_value(), "a refusal has a reason, and only that");
+    if (!isLoaded) return false;
+
+    const auto findings = checkModel(model);
+    const bool ran = attempt([&] {
+        const int numOfBins = model.fftSize > 0 ? model.fftSize / 2 + 1 : 17;
+        const ComplexSignal32 frame(std::max(1, model.numOfInputChannels), numOfBins, {0.5f, -0.25f});
+        model.process(frame);
+        model.reset();
+        model.process(frame);
+    });
+    const auto isError = [](const Finding& finding) { return finding.severity == Finding::Error; };
+    require(ran || std::any_of(findings.begin(), findings.end(), isError),
+            "a model that stops at a frame has been checked to do so");
+    return true;
+}
+
+}  // namespace zevrant::fuzz

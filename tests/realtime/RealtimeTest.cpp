@@ -1,0 +1,148 @@
+// Adding and taking audio asks the system for nothing that could wait: no memory, no lock, no file. The
+// sanitizer's runtime ends the process at the first call that would.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSignals.h"
+#include "files/TemporaryFolder.h"
+#include "interface/zevrant.h"
+#include "neural/ModelOfAllLayers.h"
+
+extern "C" void __rtsan_realtime_enter();
+extern "C" void __rtsan_realtime_exit();
+
+namespace zevrant {
+namespace {
+
+using namespace modelwriter;
+
+class RealtimeScope {
+  public:
+    RealtimeScope() { __rtsan_realtime_enter(); }
+    ~RealtimeScope() { __rtsan_realtime_exit(); }
+    RealtimeScope(const RealtimeScope&) = delete;
+    RealtimeScope& operator=(const RealtimeScope&) = delete;
+};
+
+void allocateInRealtime() {
+    const RealtimeScope scope;
+    void* volatile block = std::malloc(16);
+    std::free(block);
+}
+
+void lockInRealtime() {
+    std::mutex mutex;
+    const RealtimeScope scope;
+    const std::lock_guard lock(mutex);
+}
+
+TEST(RealtimeDeathTest, plantedFaultsAreCaught) {
+    EXPECT_DEATH(allocateInRealtime(), "malloc");
+    EXPECT_DEATH(lockInRealtime(), "pthread_mutex_lock");
+}
+
+constexpr int longestBlock = 4096;
+constexpr int numOfChannels = 2;
+
+// Passes over the same blocks until a stream is in steady motion.
+constexpr int numOfFirstPasses = 1;
+
+std::vector<int> makeBlockSizes(int size) {
+    std::vector<int> sizes(static_cast<std::size_t>(size > 0 ? std::max(4, 40000 / size) : 200), size);
+    std::mt19937 random(1);
+    if (size == 0)
+        for (int& drawn : sizes) drawn = 1 + static_cast<int>(random() % longestBlock);
+    return sizes;
+}
+
+// Turns every control, in and out of its range, for as long as it lives.
+class ControlThread {
+  public:
+    explicit ControlThread(ProcessorState* handle)
+        : thread([this, handle] {
+              for (int step = 0; !isOver; ++step)
+                  for (int id : {1, 2, 3, 256, 257, 512, 513, 9999}) {
+                      zevrantSetParameterValue(handle, id, static_cast<float>(step % 250 - 125));
+                      zevrantGetParameterValue(handle, id);
+                  }
+          }) {}
+    ~ControlThread() {
+        isOver = true;
+        thread.join();
+    }
+    ControlThread(const ControlThread&) = delete;
+    ControlThread& operator=(const ControlThread&) = delete;
+
+  private:
+    std::atomic<bool> isOver{false};
+    std::thread thread;
+};
+
+// Adds the blocks one after the other and takes what is ready after each.
+std::int64_t stream(ProcessorState* handle, const std::vector<int>& blockSizes, bool isInterleaved) {
+    static std::vector<float> in = noise(numOfChannels * longestBlock, 1, 0.25f), out(2 * in.size());
+    const float* rows[] = {in.data(), in.data() + longestBlock};
+    float* const outRows[] = {out.data(), out.data() + out.size() / 2};
+    std::int64_t numOfTaken = 0;
+    for (int size : blockSizes) {
+        if (isInterleaved)
+            zevrantAddAudioInterleaved(handle, in.data(), size);
+        else
+            zevrantAddAudio(handle, rows, size);
+        const int ready = std::min(zevrantGetNumOfPendingSamples(handle), 2 * longestBlock);
+        if (ready < 1) continue;
+        const bool isThere = isInterleaved ? zevrantGetAudioInterleaved(handle, out.data(), ready)
+                                           : zevrantGetAudio(handle, outRows, ready);
+        numOfTaken += isThere ? ready : 0;
+    }
+    return numOfTaken;
+}
+
+void expectRealtime(const std::string& path, double sampleRate) {
+    for (int size : {1, 64, 128, 480, 512, longestBlock, 0})
+        for (bool isInterleaved : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << path << ", blocks of " << size << " at " << sampleRate << " Hz");
+            ProcessorState* handle = zevrantCreateProcessor(path.c_str(), numOfChannels, sampleRate);
+            ASSERT_NE(handle, nullptr);
+            const std::vector<int> blockSizes = makeBlockSizes(size);
+            {
+                const ControlThread controls(handle);
+                for (int pass = 0; pass < numOfFirstPasses; ++pass) stream(handle, blockSizes, isInterleaved);
+                for (int pass = 0; pass < 2; ++pass) {
+                    zevrantResetProcessorState(handle);
+                    const RealtimeScope scope;
+                    EXPECT_GT(stream(handle, blockSizes, isInterleaved), 0);
+                }
+            }
+            zevrantDeleteProcessor(handle);
+        }
+}
+
+TEST(Realtime, everyShippedModel) {
+    for (const char* name : {"center-sides", "harmonic-percussive", "hiss-reduction"})
+        for (double sampleRate : {48000.0, 44100.0})
+            expectRealtime(std::string(MODELS_FOLDER "/") + name + ".zevrant", sampleRate);
+}
+
+TEST(Realtime, everyLayer) {
+    const TemporaryFolder folder;
+    int numOfModels = 0;
+    for (const Bytes& bytes :
+         {makeModelOfAllLayers(0x100a, TensorStorage::SinglePrecision, Packing::magnitudes(9)),
+          makeModelOfAllLayers(0x100a, TensorStorage::HalfPrecision, Packing::complexGroups(3, 12, 2)),
+          makeModelOfAllLayers(0x1004, TensorStorage::SinglePrecision, Packing::complexBins(9))})
+        expectRealtime(folder.makeFile("model" + std::to_string(numOfModels++), {bytes.begin(), bytes.end()}),
+                       48000.0);
+}
+
+}  // namespace
+}  // namespace zevrant
