@@ -137,7 +137,7 @@ template <class T>
 void SeparableChannelConvLayer<T>::reset() {
     history.setToZero();
     sliceCount = 0;
-    timeFiltered = Tensor<T>();
+    timeFiltered.dropContent();
 }
 
 template <class T>

@@ -150,7 +150,7 @@ bool ARPreNormLayer<T>::push(const Tensor<T>& tensor, BaseLayer<T>*) {
 
 template <class T>
 void ARPreNormLayer<T>::reset() {
-    output = Tensor<T>();
+    output.dropContent();
     level = 0.0f;
 }
 

@@ -62,15 +62,18 @@ ComplexSignal32 MaskShaping::shape(const ComplexSignal32& mask, float sensitivit
     return shaped;
 }
 
+void MaskShaping::reserve(int numOfBins) {
+    if (numOfBins <= std::ssize(magnitudes)) return;
+    const auto length = static_cast<std::size_t>(numOfBins);
+    factors.resize(length);
+    phases.resize(length);
+    magnitudes.resize(length);  // last, because it is the one that is asked for its size
+}
+
 // One row of a mask, of which the first numOfBins bins change.
 void MaskShaping::shapeRow(const std::complex<float>* mask, float curve, int numOfBins,
                            std::complex<float>* shaped, int numOfSamples) {
-    if (numOfSamples > std::ssize(magnitudes)) {
-        const auto length = static_cast<std::size_t>(numOfSamples);
-        factors.resize(length);
-        phases.resize(length);
-        magnitudes.resize(length);  // last, because it is the one that is asked for its size
-    }
+    reserve(numOfSamples);
     float* m = magnitudes.data();
     float* factor = factors.data();
     vo::calcMagnitudes(mask, m, numOfSamples);

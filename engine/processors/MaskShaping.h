@@ -19,6 +19,9 @@ namespace zevrant {
 // Memory   Scratch rows, which grow to the longest mask and stay.   Threads: one at a time.
 class MaskShaping {
   public:
+    // Takes the memory for masks of up to so many bins ahead of the first that is bent.
+    void reserve(int numOfBins);
+
     // The mask with the first numOfBins bins of its first numOfRows rows bent and the rest as it is. It
     // shares nothing with the mask.
     ComplexSignal32 shape(const ComplexSignal32& mask, float sensitivity, int numOfRows, int numOfBins);

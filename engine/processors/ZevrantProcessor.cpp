@@ -185,6 +185,7 @@ void ZevrantProcessor::updateBlockSize() {
             throw std::length_error("the spectra of all channels have too many bins");
     }
     setBlocking(follow(model.fftSize), follow(model.windowSize), follow(model.hopSize));
+    maskShaping.reserve(fftSize / 2 + 1);
 }
 
 int ZevrantProcessor::getLatency(int blockSize) const {
