@@ -31,6 +31,7 @@ namespace zevrant {
 /// What a call answers instead of success.
 class SeparationError : public std::runtime_error {
   public:
+    /// The status, and the sentence that tells why.
     SeparationError(ZevrantSeparationStatus statusOfCall, const std::string& text)
         : std::runtime_error(text), status(statusOfCall) {}
 
@@ -40,7 +41,7 @@ class SeparationError : public std::runtime_error {
 /// A stream of audio through a model.
 class Separation {
   public:
-    using Status = ZevrantSeparationStatus;
+    using Status = ZevrantSeparationStatus;  ///< what a call answers
 
     /// What comes out.
     enum Output : std::int32_t { Mix = ZEVRANT_SEPARATION_MIX, Busses = ZEVRANT_SEPARATION_BUSSES };
@@ -49,11 +50,11 @@ class Separation {
     struct Options {
         std::string model{};                      ///< path or name; with modelBytes a name for messages
         std::span<const std::byte> modelBytes{};  ///< the content of a model file instead
-        int numOfChannels = 2;
-        double sampleRate = 48000.0;  ///< hertz
-        int longestBlock = 1024;      ///< samples
-        Output output = Mix;
-        int flags = 0;  ///< of ZevrantSeparationFlags
+        int numOfChannels = 2;                    ///< that go in
+        double sampleRate = 48000.0;              ///< hertz
+        int longestBlock = 1024;                  ///< samples
+        Output output = Mix;                      ///< the mix or every bus
+        int flags = 0;                            ///< of ZevrantSeparationFlags
     };
 
     /// Opens a stream; throws SeparationError when that fails. [host]
@@ -115,20 +116,26 @@ class Separation {
 
     /// Level of a bus in decibels, -INFINITY to 40. [any]
     void setLevel(int bus, float decibel) { require(zevrantSeparationSetLevel(handle.get(), bus, decibel)); }
+
+    /// The level that was set. [any]
     float getLevel(int bus) const noexcept { return zevrantSeparationGetLevel(handle.get(), bus); }
 
     /// Sensitivity of a bus, -100 to 100. [any]
     void setSensitivity(int bus, float value) {
         require(zevrantSeparationSetSensitivity(handle.get(), bus, value));
     }
+
+    /// The sensitivity that was set. [any]
     float getSensitivity(int bus) const noexcept {
         return zevrantSeparationGetSensitivity(handle.get(), bus);
     }
 
-    /// Whether masks continue above the bins that the model sees. [any]
+    /// Lets masks continue above the bins that the model sees, or end there. [any]
     void setMaskExtrapolation(bool isEnabled) {
         require(zevrantSeparationSetMaskExtrapolation(handle.get(), isEnabled));
     }
+
+    /// Whether masks continue. [any]
     bool getMaskExtrapolation() const noexcept { return zevrantSeparationGetMaskExtrapolation(handle.get()); }
 
     /// What the stream is. [host]
@@ -149,8 +156,10 @@ class Separation {
         return names;
     }
 
-    /// What the model's file calls it, and says about it. [host]
+    /// What the model's file calls it. [host]
     std::string getModelName() const { return getModelText(ZEVRANT_SEPARATION_MODEL_NAME); }
+
+    /// What the model's file says about it. [host]
     std::string getModelDescription() const { return getModelText(ZEVRANT_SEPARATION_MODEL_DESCRIPTION); }
 
     /// Samples that were infinite or no number. [any]
