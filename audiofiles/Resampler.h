@@ -3,19 +3,21 @@
 #include <memory>
 #include <vector>
 
+#include "separation/RateConverter.h"
+
 struct soxr;
 
 namespace zevrant::audiofiles {
 
-// Converts the rate of interleaved audio, with a linear phase and no delay: output sample k stands at the
-// time k / outputRate of the input. Very high quality of libsoxr.
-class Resampler {
+// The converter of files: no delay, in the very high quality of libsoxr. It waits with its output for as long
+// as its filters take.
+class Resampler : public separation::RateConverter {
   public:
     Resampler(double inputRate, double outputRate, int numOfChannels);
-    ~Resampler();
+    ~Resampler() override;
 
-    // Appends what is complete to out.
-    void process(const float* interleaved, int numOfSamples, std::vector<float>& out);
+    void process(const float* interleaved, int numOfSamples, std::vector<float>& out) override;
+    int getDelay() const override { return 0; }
 
     // Appends the rest. Nothing may be processed after it.
     void finish(std::vector<float>& out);
