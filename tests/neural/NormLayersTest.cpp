@@ -16,13 +16,13 @@ Record normRecord(int mode, const Weights& gain, const Weights& offset, int vers
     return record.tensor(offset).tensor(gain);
 }
 
-// Silence, then loud and quiet slices in turn, so that a level follower has something to follow.
+// Loud and quiet slices in turn, and one of silence, so that a level follower has something to follow.
 Sequence waves(int slices, int frequencies, int channels) {
     Sequence sequence = noiseSequence(slices, frequencies, channels, 5);
     for (int t = 0; t < slices; ++t)
         for (int f = 0; f < frequencies; ++f)
             for (int c = 0; c < channels; ++c)
-                sequence.at(t, f, c).value *= t == 0 ? 0.0 : std::ldexp(1.0, (t * 5) % 7 - 3);
+                sequence.at(t, f, c).value *= t == 4 ? 0.0 : std::ldexp(1.0, (t * 5) % 7 - 3);
     return sequence;
 }
 
