@@ -21,6 +21,7 @@ std::vector<float*> makeRows(std::vector<std::vector<float>>& channels, int numO
     channels.assign(static_cast<std::size_t>(numOfChannels),
                     std::vector<float>(static_cast<std::size_t>(length)));
     std::vector<float*> rows;
+    rows.reserve(channels.size());
     for (auto& channel : channels) rows.push_back(channel.data());
     return rows;
 }
@@ -220,7 +221,7 @@ void StreamState::reset() {
 
 // ---- another stream ----------------------------------------------------------------------------
 
-void StreamState::swap(StreamState& other, bool allowsOtherLatency) {
+void StreamState::takeOver(StreamState& other, bool allowsOtherLatency) {
     requireOpen();
     other.requireOpen();
     if (!finishSwap() || !other.finishSwap())

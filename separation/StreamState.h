@@ -62,7 +62,7 @@ class StreamState {
     std::int64_t getNumOfReplacedSamples() const { return numOfReplacedSamples; }
 
     // Takes the stream of the other one over, which is left without one.
-    void swap(StreamState& next, bool allowsOtherLatency);
+    void takeOver(StreamState& next, bool allowsOtherLatency);
     bool finishSwap();
 
     // For the host, about the stream that was opened last.

@@ -327,7 +327,7 @@ ZevrantSeparationStatus zevrantSeparationSwap(ZevrantSeparation* separation, Zev
                                               bool allowsOtherLatency) {
     return callStream(next, [&](StreamState& other) {
         require(separation != nullptr && separation->state, "separation: null, or not opened");
-        separation->state->swap(other, allowsOtherLatency);
+        separation->state->takeOver(other, allowsOtherLatency);
     });
 }
 
