@@ -264,6 +264,11 @@ Plane calcCleanMask(const Spectrogram& stereo, const std::vector<double>& noiseP
     return calcSubtractionMask(power, Plane(power.size(), noisePower));
 }
 
+Plane calcIdealMask(const Spectrogram& first, const Spectrogram& second) {
+    return combine(calcMeanPower(first), calcMeanPower(second),
+                   [](double wanted, double unwanted) { return wanted / (wanted + unwanted); });
+}
+
 double calcSignalToDistortion(const Channels& estimate, const Channels& truth) {
     double product = 0.0, power = 0.0;
     for (std::size_t c = 0; c < truth.size(); ++c)

@@ -53,6 +53,11 @@ Plane calcCleanMask(const Spectrogram& stereo, int framesAhead);
 // With the power of the noise in each bin given by someone who heard it alone.
 Plane calcCleanMask(const Spectrogram& stereo, const std::vector<double>& noisePower);
 
+// What no separation can know: the share of the first bus in the power of both, as they really are. The ideal
+// ratio mask of D. Wang and J. Chen, "Supervised speech separation based on deep learning: an overview",
+// IEEE/ACM TASLP 2018, with the exponent 1.
+Plane calcIdealMask(const Spectrogram& first, const Spectrogram& second);
+
 // Mean over both channels and, for a noise alone, over its frames.
 Plane calcMeanPower(const Spectrogram& stereo);
 
