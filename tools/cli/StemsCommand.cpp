@@ -113,6 +113,7 @@ struct StemsCommand : SeparationOptions {
                      const audiofiles::ProtectedFiles& protectedFiles) const {
         audiofiles::OutputFolder outputFolder(folder);  // goes again if nothing comes into it
         std::vector<std::string> names;
+        names.reserve(files.size());
         for (const std::string& file : files) names.push_back(fs::path(file).stem().string());
         names = audiofiles::makeUnique(names);
         Progress progress("stems", static_cast<int>(files.size()), isQuiet);
@@ -151,6 +152,7 @@ struct StemsCommand : SeparationOptions {
         std::vector<std::exception_ptr> exceptions(std::min(wanted, count));
         {
             std::vector<std::jthread> threads;
+            threads.reserve(exceptions.size());
             for (std::exception_ptr& exception : exceptions)
                 threads.emplace_back([&] {
                     try {
