@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <math.h>
 #include <pthread.h>
+#include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -291,7 +292,29 @@ static void testMemoryThatRunsOut(const char* model) {
 /* ---- what audio calls ask of the system ----------------------------------------------------- */
 
 static ZevrantSeparation* playing;
-static volatile long playedRequests = -1, playedLocks = -1;
+static volatile long playedRequests = -1, playedLocks = -1, takenRequests = 0;
+
+/* With a taker, one thread adds and another takes, in turn. */
+static bool hasTaker;
+static atomic_int lengthToTake; /* -1: nothing to take, -2: the end */
+
+static void* takeInTurn(void* unused) {
+    static float out[8 * 512];
+#if COUNTS
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+#endif
+    for (int length; (length = lengthToTake) != -2;) {
+        if (length < 0) continue;
+        if (zevrantSeparationTakeInterleaved(playing, out, length) != ZEVRANT_SEPARATION_OK)
+            takenRequests = -1;
+        lengthToTake = -1;
+    }
+    takenRequests += numOfRequests + numOfLocks;
+#if COUNTS
+    syscall(SYS_exit, 0);
+#endif
+    return unused;
+}
 
 /* Plays blocks of all lengths, turns controls and flushes, while any system call but read and write ends the
  * thread. */
@@ -306,7 +329,12 @@ static void* play(void* unused) {
         const int32_t length = (int32_t)(random >> 16) % 513;
         for (int i = 0; i < 2 * length; ++i) in[i] = (float)((random >> i % 24) & 255) / 512.0f;
         if (zevrantSeparationAddInterleaved(playing, in, length) != ZEVRANT_SEPARATION_OK) break;
-        if (zevrantSeparationTakeInterleaved(playing, out, length) != ZEVRANT_SEPARATION_OK) break;
+        if (hasTaker) {
+            lengthToTake = length;
+            while (lengthToTake != -1) continue;
+        } else if (zevrantSeparationTakeInterleaved(playing, out, length) != ZEVRANT_SEPARATION_OK) {
+            break;
+        }
         zevrantSeparationSetLevel(playing, block % 2, (float)-(block % 20));
         zevrantSeparationSetSensitivity(playing, block % 2, (float)(block % 100));
     }
@@ -322,7 +350,7 @@ static void* play(void* unused) {
 }
 
 static void testRealTime(const char* model) {
-    for (int variant = 0; variant < 8; ++variant) {
+    for (int variant = 0; variant < 9; ++variant) {
         ZevrantSeparationOptions options = makeOptions(model);
         options.sampleRate = variant & 1 ? 44100.0 : 48000.0;
         options.output = variant & 2 ? ZEVRANT_SEPARATION_BUSSES : ZEVRANT_SEPARATION_MIX;
@@ -333,9 +361,15 @@ static void testRealTime(const char* model) {
             EXPECT(zevrantSeparationSwap(playing, next, false) == ZEVRANT_SEPARATION_OK, "swaps");
         }
         playedRequests = playedLocks = -1;
-        pthread_t thread;
+        hasTaker = variant == 8;
+        lengthToTake = -1;
+        pthread_t thread, taker;
+        if (hasTaker) pthread_create(&taker, NULL, takeInTurn, NULL);
         pthread_create(&thread, NULL, play, NULL);
         pthread_join(thread, NULL);
+        lengthToTake = -2;
+        if (hasTaker) pthread_join(taker, NULL);
+        EXPECT(takenRequests == 0, "%ld requests and locks of the taker", takenRequests);
         EXPECT(playedRequests == 0, "variant %d: %ld requests for memory (-1: a system call)", variant,
                playedRequests);
         EXPECT(playedLocks == 0, "variant %d: %ld locks", variant, playedLocks);
