@@ -102,7 +102,7 @@ bool ProcessorState::getAudioInterleaved(float* samples, int numOfSamples) {
     Signal32 audio;
     if (!takeQueued(numOfSamples, audio)) return false;
     if (numOfSamples < 1) return true;
-    audio.numOfChannels = numOfOutputChannels;
+    audio.numOfChannels = numOfOutputChannels;  // of the queue's, which has these at least
     interleave(audio, samples, numOfOutputChannels);
     return true;
 }
