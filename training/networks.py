@@ -223,8 +223,9 @@ class Separator(nn.Module):
         y = self.knees(self.level(self.bands(magnitudes)))
         return y / self.one(y)
 
-    def forward(self, magnitudes: Tensor) -> Tensor:
-        x, levels = self.features(magnitudes), []
+    def logits(self, features: Tensor) -> Tensor:
+        """Of the masks, in bands: nearly all of the arithmetic, and at ease in half precision."""
+        x, levels = features, []
         for encode in self.encoder:
             x = encode(x)
             levels.append(x)
@@ -232,7 +233,10 @@ class Separator(nn.Module):
             x = x + block(x)
         for upsample, skip, level in zip(self.decoder, self.skips, reversed(levels[:-1])):
             x = skip(torch.cat([upsample(x), level], 1))
-        return self.spread(torch.sigmoid(self.masks(x)))
+        return self.masks(x)
+
+    def forward(self, magnitudes: Tensor) -> Tensor:
+        return self.spread(torch.sigmoid(self.logits(self.features(magnitudes))))
 
 
 def exportable(network: Separator) -> Separator:
