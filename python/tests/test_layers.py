@@ -114,7 +114,7 @@ def make_constants(r: random.Random, c: int, f: int) -> nn.Module:
 
 def make_pads(r: random.Random, channels: int, frequencies: int) -> nn.Module:
     low, high, front = r.randint(0, 3), r.randint(0, 3), r.randint(1, 5)
-    return Function(lambda x: 2.0 * F.pad(x, (low, high, front, 0))[:, :, : x.shape[2], 1:-1])
+    return Function(lambda x: 2.0 * F.pad(x, (low, high, front, 0), value=0.0)[:, :, : x.shape[2], 1:-1])
 
 
 kinds: dict[str, Make] = {

@@ -55,37 +55,34 @@ def _zero_pad(low: Lowering, module: Any, value: Value) -> Value:
 
 @for_functions("pad")
 def _pad(
-    low: Lowering,
-    value: Value,
-    pad: Sequence[int],
-    mode: str = "constant",
-    constant: Any = 0.0,
-    **kwargs: Any,
+    low: Lowering, source: Value, /, pad: Sequence[int], mode: str = "constant", value: Any = 0.0
 ) -> Value:
-    if mode != "constant" or kwargs.get("value", constant) not in (None, 0, 0.0):
+    if mode != "constant" or value not in (None, 0, 0.0):
         raise Obstacle(f"padding by {mode}", "padding by zeros")
+    padded = source
     for number in range(len(pad) // 2):
         below, above = int(pad[2 * number]), int(pad[2 * number + 1])
-        role = value.axes[-1 - number]
+        role = padded.axes[-1 - number]
         if below == above == 0:
             continue
         if role == ("t",):
-            value = _shift_time(low, value, below)
+            padded = _shift_time(low, padded, below)
         elif role == ("f",):
-            value = replace(value, low=value.low + below, high=value.high + above)
+            padded = replace(padded, low=padded.low + below, high=padded.high + above)
         elif role in (("c",), ("1",)) and below >= 0 and above >= 0:
-            value = low.settle(value)
-            place = np.eye(value.channels + below + above, value.channels, -below, dtype=np.float32)
-            value = low.mix_channels(value, place, None, "pad")
-            value = replace(
-                value,
+            padded = low.settle(padded)
+            place = np.eye(padded.channels + below + above, padded.channels, -below, dtype=np.float32)
+            padded = low.mix_channels(padded, place, None, "pad")
+            padded = replace(
+                padded,
                 axes=tuple(
-                    ("c",) if k == len(value.axes) - 1 - number else axis for k, axis in enumerate(value.axes)
+                    ("c",) if k == len(padded.axes) - 1 - number else axis
+                    for k, axis in enumerate(padded.axes)
                 ),
             )
         else:
             raise Obstacle(f"padding of {'x'.join(role)}")
-    return value
+    return padded
 
 
 def _shift_time(low: Lowering, value: Value, front: int) -> Value:
