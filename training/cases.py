@@ -60,9 +60,11 @@ def speech_cases(folder: Path, kinds: list[str]) -> Iterator[Case]:
                 c = np.random.default_rng([number, *kind.encode(), level])
                 speech, noise = mixer.voice(speaker, c)[:, :1], mixer.noise([noises], c)[:, :1]
                 balance = np.sqrt(np.mean(speech**2) / np.mean(noise**2)) * 10 ** (-level / 20)
+                noise = noise * np.float32(balance)
+                gain = np.float32(min(1.0, 0.9 / np.abs(speech + noise).max()))  # peers clip at 1
                 yield Case(
                     f"{who} / {kind} / {level}",
-                    {"speech": speech, "rest": noise * np.float32(balance)},
+                    {"speech": speech * gain, "rest": noise * gain},
                     who,
                     kind,
                     level,

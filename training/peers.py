@@ -48,7 +48,7 @@ PEERS = (
         tuple(product(("-10", "-15", "-25", "-40"), ("10", "20"))),
         lambda s: [str(PROGRAMS / "speexdsp"), *s],
     ),
-    Peer("afftdn", tuple(product(("6", "12", "20", "30"), ("-50", "-35", "-20"), ("0", "1"))), denoise),
+    Peer("afftdn", tuple(product(("12", "20", "30"), ("-50", "-35", "-20"), ("0", "1"))), denoise),
 )
 
 

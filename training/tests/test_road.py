@@ -194,7 +194,7 @@ def test_from_seeds_to_a_file_that_separates(tmp_path: Path) -> None:
     fresh = tmp_path / "tuned"
     step(*run[:6], "--into", fresh, "--from", model, *run[8:], "--minutes", 0.1, "--rate", 1e-4)
     tuned = json.loads((fresh / "small.jsonl").read_text().splitlines()[0])
-    assert tuned["loss"] < looks[-1]["loss"] + 0.5 < looks[0]["loss"]
+    assert tuned["loss"] < looks[0]["loss"] - 1.5  # the first batches of both are the same
     again = networks.load(model, networks.SHAPES["small"])
     x = torch.rand(1, 2, 20, again.shape.bins)
     assert torch.allclose(again(x), networks.load(tmp_path / "run" / "small.pt")(x), atol=1e-4)
