@@ -264,7 +264,7 @@ def load(path: Path, shape: Shape | None = None) -> Separator:
 
 
 def load_model(path: Path, shape: Shape | None) -> Separator:
-    """From a file that `export` wrote. What was folded into a convolution stays; norms start afresh."""
+    """From a file that `export` wrote. What was folded into a convolution stays there; see settle_norms."""
     import zevrant
 
     layers = zevrant.Model(path).layers
@@ -295,6 +295,28 @@ def load_model(path: Path, shape: Shape | None) -> Separator:
         elif isinstance(module, Upsample):
             take(name, module, None)
     return network.eval()
+
+
+def settle_norms(network: Separator, features: Tensor) -> None:
+    """Gives norms that a model file left empty the statistics of some features, and changes no output.
+
+    Without that the first steps of training would normalise what the weights expect to find as it is.
+    """
+
+    def settle(norm: nn.Module, inputs: tuple[Tensor]) -> None:
+        assert isinstance(norm, nn.BatchNorm2d)
+        scale = norm.weight / torch.sqrt(norm.running_var + norm.eps)
+        shift = norm.bias - norm.running_mean * scale
+        norm.running_var, norm.running_mean = torch.var_mean(inputs[0], (0, 2, 3), unbiased=False)
+        norm.weight.data = scale * torch.sqrt(norm.running_var + norm.eps)
+        norm.bias.data = shift + norm.running_mean * scale
+
+    norms = [module for module in network.modules() if isinstance(module, nn.BatchNorm2d)]
+    hooks = [norm.register_forward_pre_hook(settle) for norm in norms]
+    with torch.no_grad():
+        network.eval().logits(features)
+    for hook in hooks:
+        hook.remove()
 
 
 def multiply_adds(network: Separator) -> int:

@@ -66,12 +66,13 @@ Audio makeClicks(std::size_t length) {
     return {audio[0], audio[0]};
 }
 
-// The first bus, or the second, of all that a model makes of the audio.
+// One bus of all that a model makes of the audio, or, for -1, their sum.
 Audio separate(const std::string& model, const Audio& audio, int bus) {
     AudioHost host{zevrantCreateProcessor(getPath(model).c_str(), 2, sampleRate), 2};
     EXPECT_NE(host.handle, nullptr) << model;
     if (!host.handle) return audio;
-    zevrantSetParameterValue(host.handle.get(), 256 + (1 - bus), 0.0f);
+    for (int other = 0; other < zevrantGetNumOfOutputBusses(host.handle.get()); ++other)
+        if (bus >= 0 && other != bus) zevrantSetParameterValue(host.handle.get(), 256 + other, 0.0f);
     ProcessorInfo info{};
     zevrantGetProcessorInfo(host.handle.get(), &info);
     Audio padded = audio;
@@ -88,7 +89,18 @@ double calcImprovement(const std::string& model, const Audio& truth, const Audio
            plain::calcSignalToDistortion(toDouble(mixture), toDouble(truth));
 }
 
-TEST(ShippedModels, theFilesAreWhatTheGeneratorWrites) {
+// What docs/models.md promises of models that learned: names of busses, and the longest latency.
+struct TrainedModel {
+    std::string name;
+    std::vector<std::string> busses;
+    double latency;  // seconds
+};
+const std::vector<TrainedModel> trainedModels = {{"drums", {"Drums", "Rest"}, 0.055},
+                                                 {"band", {"Drums", "Bass", "Rest"}, 0.075},
+                                                 {"speech", {"Speech", "Background"}, 0.032},
+                                                 {"speech-fast", {"Speech", "Background"}, 0.012}};
+
+TEST(ShippedModels, everyFileIsGeneratedOrHasACheckpoint) {
     std::set<std::string> names;
     for (const auto& [fileName, description] : describeShippedModels()) {
         names.insert(fileName);
@@ -97,10 +109,15 @@ TEST(ShippedModels, theFilesAreWhatTheGeneratorWrites) {
         EXPECT_TRUE(committed == description.toBytes())
             << fileName << " differs: run zevrant_models on the folder of the models";
     }
+    for (const TrainedModel& model : trainedModels) {
+        const auto checkpoint = fs::path(MODELS_FOLDER) / "../training/checkpoints" / (model.name + ".pt");
+        EXPECT_EQ(fs::exists(getPath(model.name)), fs::exists(checkpoint)) << model.name;
+        names.insert(model.name + ".zevrant");
+    }
     for (const auto& entry : fs::directory_iterator(MODELS_FOLDER)) {
         const fs::path& path = entry.path();
         EXPECT_TRUE(path.extension() != ".zevrant" || names.count(path.filename().string()))
-            << path << " has no generator";
+            << path << " has no generator, and is not told to be trained";
     }
 }
 
@@ -143,6 +160,32 @@ TEST(ShippedModels, tonesAndClicksComeApart) {
     const Audio tones = makeTones(4 * 48000), clicks = makeClicks(4 * 48000);
     EXPECT_GT(calcImprovement("harmonic-percussive", tones, clicks, 0), 5.5);
     EXPECT_GT(calcImprovement("harmonic-percussive", clicks, tones, 1), 25.0);
+}
+
+TEST(ShippedModels, trainedModelsKeepTheirPromises) {
+    const Audio tones = makeTones(2 * 48000), clicks = makeClicks(2 * 48000), mixture = add(tones, clicks);
+    for (const auto& [name, busses, latency] : trainedModels) {
+        if (!fs::exists(getPath(name))) continue;
+        SCOPED_TRACE(name);
+        EXPECT_LT(fs::file_size(getPath(name)), 3'000'000u);
+        const AudioHost host{zevrantCreateProcessor(getPath(name).c_str(), 2, sampleRate), 2};
+        ASSERT_NE(host.handle, nullptr);
+        ProcessorInfo info{};
+        zevrantGetProcessorInfo(host.handle.get(), &info);
+        EXPECT_LE(info.latency, latency * sampleRate);
+        ASSERT_EQ(zevrantGetNumOfOutputBusses(host.handle.get()), static_cast<int>(busses.size()));
+        for (std::size_t bus = 0; bus < busses.size(); ++bus) {
+            char text[64];
+            zevrantGetOutputBusName(host.handle.get(), static_cast<int>(bus), text, sizeof text);
+            EXPECT_EQ(text, busses[bus]);
+        }
+        EXPECT_LT(calcDifference(separate(name, mixture, -1), mixture), -100.0);
+        const Audio silence = makeSilence(48000);
+        EXPECT_EQ(separate(name, silence, 0), silence);
+        if (busses[0] != "Drums") continue;
+        EXPECT_GT(calcImprovement(name, clicks, tones, 0), 15.0);
+        EXPECT_GT(calcImprovement(name, tones, clicks, static_cast<int>(busses.size()) - 1), 0.0);
+    }
 }
 
 TEST(ShippedModels, theMiddleAndTheSidesComeApart) {

@@ -14,7 +14,6 @@ from material.scores import Note
 
 Audio = npt.NDArray[np.float32]  # [samples, 2]
 DRUM_BANK = 128
-CONTROL_VOLUME, CONTROL_EXPRESSION = 7, 11
 
 
 @lru_cache(maxsize=1)
@@ -40,8 +39,10 @@ def library() -> Any:
     lib.fluid_synth_program_select.argtypes = [pointer] + 4 * [ctypes.c_int]
     lib.fluid_synth_noteon.argtypes = [pointer] + 3 * [ctypes.c_int]
     lib.fluid_synth_noteoff.argtypes = [pointer] + 2 * [ctypes.c_int]
-    lib.fluid_synth_pitch_bend.argtypes = [pointer] + 2 * [ctypes.c_int]
-    lib.fluid_synth_system_reset.argtypes = [pointer]
+    lib.fluid_synth_add_sfont.argtypes = [pointer, pointer]
+    lib.fluid_synth_remove_sfont.argtypes = [pointer, pointer]
+    lib.delete_fluid_synth.argtypes = [pointer]
+    lib.delete_fluid_synth.restype = None
     lib.fluid_synth_write_float.argtypes = [
         pointer,
         ctypes.c_int,
@@ -59,7 +60,10 @@ def library() -> Any:
 
 
 class SoundFont:
-    """One loaded font; presets are read from disk when they are first played."""
+    """One loaded font; presets are read from disk when they are played.
+
+    Voices keep traces of what they played before, so every piece is given a synthesizer of its own.
+    """
 
     def __init__(self, path: str, rate: int = 48000) -> None:
         lib = library()
@@ -71,16 +75,15 @@ class SoundFont:
         lib.fluid_settings_setint(settings, b"synth.dynamic-sample-loading", 1)
         lib.fluid_settings_setint(settings, b"synth.polyphony", 128)
         self.rate = rate
-        self.synth = lib.new_fluid_synth(settings)
-        self.font = lib.fluid_synth_sfload(self.synth, path.encode(), 1)
-        if self.font < 0:
+        self.settings = settings
+        self.keeper = lib.new_fluid_synth(settings)
+        number = lib.fluid_synth_sfload(self.keeper, path.encode(), 0)
+        if number < 0:
             raise RuntimeError(f"{path}: no sound font that fluidsynth reads")
+        self.font = lib.fluid_synth_get_sfont_by_id(self.keeper, number)
 
     def has(self, bank: int, program: int) -> bool:
-        lib = library()
-        return bool(
-            lib.fluid_sfont_get_preset(lib.fluid_synth_get_sfont_by_id(self.synth, self.font), bank, program)
-        )
+        return bool(library().fluid_sfont_get_preset(self.font, bank, program))
 
     def drum_kits(self) -> list[int]:
         return [program for program in range(128) if self.has(DRUM_BANK, program)]
@@ -89,8 +92,9 @@ class SoundFont:
         """Stereo samples of the notes, dry, cut after so many seconds."""
         lib = library()
         channel = 9 if bank == DRUM_BANK else 0
-        lib.fluid_synth_system_reset(self.synth)
-        lib.fluid_synth_program_select(self.synth, channel, self.font, bank, program)
+        synth = lib.new_fluid_synth(self.settings)
+        number = lib.fluid_synth_add_sfont(synth, self.font)
+        lib.fluid_synth_program_select(synth, channel, number, bank, program)
         end = round(seconds * self.rate)
         events = []  # (sample, 0 for an end and 1 for a beginning, key, velocity)
         for note in notes:
@@ -103,16 +107,19 @@ class SoundFont:
         now = 0
         for at, begins, key, velocity in sorted(events):
             at = min(at, end)
-            self._write(out, now, at)
+            write(synth, out, now, at)
             now = at
             if begins:
-                lib.fluid_synth_noteon(self.synth, channel, key, velocity)
+                lib.fluid_synth_noteon(synth, channel, key, velocity)
             else:
-                lib.fluid_synth_noteoff(self.synth, channel, key)
-        self._write(out, now, end)
+                lib.fluid_synth_noteoff(synth, channel, key)
+        write(synth, out, now, end)
+        lib.fluid_synth_remove_sfont(synth, self.font)
+        lib.delete_fluid_synth(synth)
         return out
 
-    def _write(self, out: Audio, begin: int, end: int) -> None:
-        if end > begin:
-            data = out.ctypes.data + begin * out.strides[0]
-            library().fluid_synth_write_float(self.synth, end - begin, data, 0, 2, data, 1, 2)
+
+def write(synth: int, out: Audio, begin: int, end: int) -> None:
+    if end > begin:
+        data = out.ctypes.data + begin * out.strides[0]
+        library().fluid_synth_write_float(synth, end - begin, data, 0, 2, data, 1, 2)
