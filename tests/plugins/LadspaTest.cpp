@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "plugins/AudioThread.h"
 #include "plugins/PluginHost.h"
 
 namespace zevrant {
@@ -53,9 +54,9 @@ TEST_F(LadspaTest, namesAndNumbersStay) {
                                         "Bypass",
                                         "latency"};
     };
-    EXPECT_EQ(found["center-sides"], makeNames("0", "Center", "Sides"));
-    EXPECT_EQ(found["harmonic-percussive"], makeNames("0", "Harmonic", "Percussive"));
-    EXPECT_EQ(found["hiss-reduction"], makeNames("0", "Clean", "Noise"));
+    EXPECT_EQ(found["center-sides"], makeNames("12559001", "Center", "Sides"));
+    EXPECT_EQ(found["harmonic-percussive"], makeNames("13045232", "Harmonic", "Percussive"));
+    EXPECT_EQ(found["hiss-reduction"], makeNames("15983248", "Clean", "Noise"));
 }
 
 TEST_F(LadspaTest, playsWhatTheSeparationGives) {

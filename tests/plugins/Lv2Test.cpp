@@ -9,9 +9,11 @@
 #include <lv2/worker/worker.h>
 
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <thread>
 
+#include "plugins/AudioThread.h"
 #include "plugins/PluginHost.h"
 
 namespace zevrant {
