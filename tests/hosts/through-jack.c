@@ -1,7 +1,7 @@
-/* Plays a recording into two ports of a JACK server and records two others, aligned by the server's own clock
- * and as fast as the graph can, so that no deadline is missed on a busy machine.
+/* Plays a recording into two ports of a JACK server and records two others, aligned by the server's own
+ * clock, and as fast as the graph can, so that no deadline is missed on a busy machine, or live.
  *
- *   through-jack IN OUT LENGTH SINK SINK SOURCE SOURCE
+ *   through-jack IN OUT LENGTH SINK SINK SOURCE SOURCE [live]
  *
  * IN and OUT are stereo floats without a header; OUT has LENGTH samples per channel, of which sample k is
  * what came back in the period in which sample k of IN went out. Prints the server's rate and period, and the
@@ -67,7 +67,7 @@ static void connect(const char* from, const char* to) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 8) fail("IN OUT LENGTH SINK SINK SOURCE SOURCE");
+    if (argc != 8 && argc != 9) fail("IN OUT LENGTH SINK SINK SOURCE SOURCE [live]");
     length = atol(argv[3]);
     FILE* file = fopen(argv[1], "rb");
     played = calloc((size_t)length * channels, sizeof(float));
@@ -101,10 +101,11 @@ int main(int argc, char** argv) {
         if (range.max > told) told = range.max;
     }
     printf("%u %u %u\n", jack_get_sample_rate(recorder), jack_get_buffer_size(recorder), told);
-    jack_set_freewheel(recorder, 1);
+    const bool isLive = argc == 9;
+    if (!isLive) jack_set_freewheel(recorder, 1);
     isReady = true;
     while (numOfRecorded < length) usleep(50000);
-    jack_set_freewheel(recorder, 0);
+    if (!isLive) jack_set_freewheel(recorder, 0);
     jack_client_close(player);
     jack_client_close(recorder);
     file = fopen(argv[2], "wb");
