@@ -23,15 +23,12 @@
 #include "clap/ext/state.h"
 #include "clap/plugin-factory.h"
 
-#include "TestSignals.h"
 #include "files/TemporaryFolder.h"
 #include "plugins/AudioThread.h"
-#include "separation/Stream.h"
+#include "plugins/PluginHost.h"
 
 namespace zevrant {
 namespace {
-
-using Rows = std::vector<std::vector<float>>;  // [channel][sample]
 
 constexpr clap_id bypass = 0, model = 1, status = 2, firstLevel = 100, firstSensitivity = 200;
 enum Status { None, Loading, Ready, Missing, Broken, WaitsForRestart };
@@ -151,7 +148,7 @@ class Host {
         return states->load(plugin, &stream);
     }
 
-    // One block on the thread that calls. Rows of all outputs; a change counts from its sample on.
+    // One block on the thread that calls. Audio of all outputs; a change counts from its sample on.
     void play(const float* const* in, float* const* out, int numOfSamples, const Change* from,
               const Change* to, std::int64_t time) {
         Events events(from, to, time);
@@ -182,9 +179,9 @@ class Host {
     }
 
     // The whole signal in blocks of this length, or for 0 of random ones, on a watched thread.
-    Rows play(const Rows& in, int blockLength, const std::vector<Change>& changes = {}) {
+    Audio play(const Audio& in, int blockLength, const std::vector<Change>& changes = {}) {
         const auto length = static_cast<int>(in[0].size());
-        Rows out(static_cast<std::size_t>(numOfOutputs), std::vector<float>(in[0].size()));
+        Audio out(static_cast<std::size_t>(numOfOutputs), std::vector<float>(in[0].size()));
         std::vector<float*> rows(out.size());
         std::mt19937 random(1);
         const Watch watch = runOnAudioThread([&] {
@@ -258,28 +255,6 @@ class Host {
     const clap_plugin_state_t* states = nullptr;
 };
 
-Rows makeSignal(int numOfSamples) {
-    return {noise(static_cast<std::size_t>(numOfSamples), 1, 0.25f),
-            noise(static_cast<std::size_t>(numOfSamples), 2, 0.25f)};
-}
-
-// Every bus of the model in blocks of 512, from the library itself.
-Rows separate(const std::string& file, double sampleRate, const Rows& in, int& latency) {
-    const separation::Controls controls;
-    separation::Stream stream(separation::Model::open(file), {2, sampleRate, 512, separation::Output::Busses},
-                              controls);
-    latency = stream.getLatency();
-    Rows out(static_cast<std::size_t>(stream.getSeparator().getNumOfOutputChannels()),
-             std::vector<float>(in[0].size()));
-    for (std::size_t at = 0; at < in[0].size(); at += 512) {
-        const float* const inRows[] = {in[0].data() + at, in[1].data() + at};
-        std::vector<float*> rows;
-        for (auto& row : out) rows.push_back(row.data() + at);
-        stream.process(inRows, rows.data(), static_cast<int>(std::min<std::size_t>(512, in[0].size() - at)));
-    }
-    return out;
-}
-
 float getLargestDifference(const std::vector<float>& a, const std::vector<float>& b,
                            std::size_t delayOfA = 0) {
     float largest = 0.0f;
@@ -318,12 +293,10 @@ TEST(Clap, idsAndNamesStay) {
 
 // At every rate and block length each output is that of the library, bit for bit, after every activation.
 TEST(Clap, playsWhatTheLibraryPlays) {
-    const Rows in = makeSignal(30000);
+    const Audio in = makeNoise(2, 30000, 1);
     for (const char* name : {"center-sides", "harmonic-percussive", "hiss-reduction"})
         for (double sampleRate : {44100.0, 48000.0}) {
-            int latency = 0;
-            const Rows expected =
-                separate(std::string(MODELS_FOLDER "/") + name + ".zevrant", sampleRate, in, latency);
+            const auto [expected, latency] = separate(name, in, sampleRate, separation::Output::Busses, {});
             for (bool isBare : {true, false}) {
                 Host host(std::string("zevrant.") + name, isBare);
                 for (int blockLength : {32, 64, 256, 1024, 0}) {
@@ -331,7 +304,7 @@ TEST(Clap, playsWhatTheLibraryPlays) {
                                  << name << " at " << sampleRate << " Hz in blocks of " << blockLength);
                     host.activate(sampleRate);
                     EXPECT_EQ(host.getLatency(), latency);
-                    const Rows out = host.play(in, blockLength);
+                    const Audio out = host.play(in, blockLength);
                     for (std::size_t row = 0; row < expected.size(); ++row)
                         EXPECT_EQ(out[row + 2], expected[row]);
                     // At these levels the mix is the input, but for roundings of sums.
@@ -348,7 +321,7 @@ TEST(Clap, playsWhatTheLibraryPlays) {
 // Changes count from their sample on, however the host cuts blocks around them, and none of them clicks.
 TEST(Clap, automationIsTheSameInAllBlocks) {
     const int length = 40000;
-    Rows in = makeSignal(length);
+    Audio in = makeNoise(2, length, 1);
     for (auto& row : in)
         for (int i = 0; i < length; ++i)
             row[static_cast<std::size_t>(i)] = 0.25f * std::sin(0.02f * static_cast<float>(i));
@@ -362,14 +335,14 @@ TEST(Clap, automationIsTheSameInAllBlocks) {
         if (random() % 3 == 0) changes.push_back({time, bypass, static_cast<double>(random() % 2)});
     }
     Host host("zevrant.harmonic-percussive");
-    Rows first;
+    Audio first;
     for (int blockLength : {1024, 1, 32, 0}) {
         SCOPED_TRACE(blockLength);
         host.activate(48000.0);
         ASSERT_TRUE(host.load("zevrant 1\n"));  // all controls as at the start
         host.deactivate();
         host.activate(48000.0);
-        const Rows out = host.play(in, blockLength, changes);
+        const Audio out = host.play(in, blockLength, changes);
         host.deactivate();
         if (first.empty()) first = out;
         EXPECT_EQ(out, first);
@@ -414,7 +387,9 @@ TEST_F(AnyModel, changesWhileAudioPlays) {
     EXPECT_GT(latency, 0);
 
     // Until a model has come, or the host is to restart, and a second beyond. Nothing is heard of it.
-    Rows in = makeSignal(1 << 16), out(static_cast<std::size_t>(host.numOfOutputs), std::vector<float>(1024));
+    Audio in = makeNoise(2, 1 << 16, 1);
+    Audio out(static_cast<std::size_t>(host.numOfOutputs), std::vector<float>(1024));
+
     std::vector<float*> rows;
     for (auto& row : out) rows.push_back(row.data());
     std::int64_t time = 0;
@@ -463,7 +438,7 @@ TEST_F(AnyModel, projectsHoldItByNameAndChecksum) {
     bytes[bytes.find("percussive") + 1] = 'E';
     folder.makeFile("mine.zevrant", bytes);
     std::string state;
-    Rows in = makeSignal(20000), before;
+    Audio in = makeNoise(2, 20000, 1), before;
     {
         Host host("zevrant.any-model");
         find(host, "mine");
@@ -498,7 +473,7 @@ TEST_F(AnyModel, projectsHoldItByNameAndChecksum) {
     ASSERT_TRUE(host.load(missing));
     EXPECT_EQ(host.getText(model), "nowhere (missing)");
     host.activate(44100.0);
-    const Rows out = host.play(in, 64);
+    const Audio out = host.play(in, 64);
     EXPECT_EQ(getLargestDifference(out[0], in[0], static_cast<std::size_t>(host.getLatency())), 0.0f);
     EXPECT_EQ(host.getText(status), "model is missing");
     EXPECT_EQ(host.save(), missing);
