@@ -91,11 +91,13 @@ int getNumOfSteps(const Parameter& parameter) {
     return parameter.isStepped ? static_cast<int>(parameter.most - parameter.least) : 0;
 }
 
+// Hosts may keep what they are told as a float between 0 and 1; thousandths make 0 dB the same again.
 double toPlain(const Parameter& parameter, double normalised) {
     const double within = std::clamp(normalised, 0.0, 1.0);
     const int steps = getNumOfSteps(parameter);
-    if (steps == 0) return parameter.least + within * (parameter.most - parameter.least);
-    return parameter.least + std::min<double>(steps, std::floor(within * (steps + 1)));
+    if (steps > 0) return parameter.least + std::min<double>(steps, std::floor(within * (steps + 1)));
+    const double plain = parameter.least + within * (parameter.most - parameter.least);
+    return std::round(1000.0 * plain) / 1000.0;
 }
 
 double toNormalised(const Parameter& parameter, double plain) {
