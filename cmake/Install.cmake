@@ -1,5 +1,6 @@
 # What `cmake --install` puts where, in components: runtime and separation (the shared libraries), models, development
-# (headers, archives, CMake package, pkg-config files) and tools (the programs, installed by tools/).
+# (headers, archives, CMake package, pkg-config files), tools (the programs, installed by tools/) and plugins (installed by
+# plugins/).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -61,9 +62,13 @@ set(zevrant_package_separation "libzevrant-separation${PROJECT_VERSION_MAJOR}")
 set(zevrant_package_models zevrant-models)
 set(zevrant_package_development libzevrant-dev)
 set(zevrant_package_tools zevrant-tools)
+set(zevrant_package_plugins zevrant-plugins)
 set(zevrant_components runtime separation models development)
 if(ZEVRANT_PROGRAM)
   list(APPEND zevrant_components tools)
+endif()
+if(TARGET zevrant_ladspa OR TARGET zevrant_lv2 OR TARGET zevrant_clap OR TARGET zevrant_vst3 OR TARGET zevrant_jack)
+  list(APPEND zevrant_components plugins)
 endif()
 foreach(component IN LISTS zevrant_components)
   install(FILES THIRD_PARTY_NOTICES.md CHANGELOG.md

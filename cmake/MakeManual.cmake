@@ -1,5 +1,5 @@
 # Runs at build time: PROGRAM explains itself, HELP2MAN and GZIP make a page of it and one of each command in FOLDER/man1,
-# and the completions of the shells come beside them.
+# and the completions of the shells come beside them. With NAME it is another program, without commands, and a page is all.
 cmake_policy(SET CMP0007 NEW)
 file(REMOVE_RECURSE "${FOLDER}")
 file(MAKE_DIRECTORY "${FOLDER}/man1")
@@ -18,6 +18,11 @@ function(make_page name arguments)
   set(help "${help}" PARENT_SCOPE)
 endfunction()
 
+if(NAME)
+  make_page("${NAME}" "")
+  file(TOUCH "${FOLDER}/stamp")
+  return()
+endif()
 make_page(zevrant "")
 string(REGEX REPLACE ".*\nSubcommands:\n" "" commands "${help}")
 string(REGEX REPLACE "\n\n.*" "" commands "${commands}")

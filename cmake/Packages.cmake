@@ -63,6 +63,14 @@ This package holds the program, which splits recordings into stems, mixes
 them anew and describes models.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${zevrant_package_models}")
 
+set(CPACK_DEBIAN_PLUGINS_PACKAGE_NAME "${zevrant_package_plugins}")
+set(CPACK_DEBIAN_PLUGINS_PACKAGE_SECTION sound)
+set(CPACK_COMPONENT_PLUGINS_DESCRIPTION
+  "Runs streaming neural networks on audio, block by block, with low latency.
+This package holds plug-ins that split sound into its parts and mix them anew,
+for the hosts that musicians and desktops have.")
+set(CPACK_DEBIAN_PLUGINS_PACKAGE_DEPENDS "${zevrant_package_models}")
+
 # What Debian wants beside the files: a changelog in its own form, and a copyright file.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 file(WRITE "${PROJECT_BINARY_DIR}/packaging/changelog" "zevrant (${PROJECT_VERSION}) unstable; urgency=medium\n

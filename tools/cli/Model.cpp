@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "cli/Failure.h"
@@ -10,6 +13,8 @@
 namespace zevrant::cli {
 
 namespace {
+
+constexpr int numOfControls = 16;  // busses with a gain and a sensitivity in the engine
 
 std::string toLower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -38,6 +43,24 @@ int findBus(const Model& model, const std::string& nameOrNumber) {
         list += (i == 0 ? "" : ", ") + std::to_string(i) + " " + names[i];
     throw Failure(ExitStatus::WrongUsage,
                   "no bus '" + nameOrNumber + "'; the busses of this model are " + list);
+}
+
+BusSetting::BusSetting(const Model& model, const std::string& text, const char* option, double least,
+                       double most) {
+    const std::size_t separator = text.rfind('=');
+    const std::string number = separator == std::string::npos ? "" : text.substr(separator + 1);
+    char* end = nullptr;
+    value = std::strtod(number.c_str(), &end);
+    if (number.empty() || *end != '\0' || !(value >= least && value <= most)) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g to %g", least, most);
+        throw Failure(ExitStatus::WrongUsage, std::string(option) + " " + text +
+                                                  ": has to be BUS=NUMBER with a number from " + range);
+    }
+    bus = findBus(model, text.substr(0, separator));
+    if (bus >= numOfControls)
+        throw Failure(ExitStatus::WrongUsage,
+                      std::string(option) + " " + text + ": only busses 0 to 15 have controls");
 }
 
 }  // namespace zevrant::cli

@@ -1,20 +1,11 @@
 #include "cli/SeparationOptions.h"
 
-#include <cmath>
-#include <cstdlib>
-
 #include <sndfile.h>
 
 #include "audiofiles/SampleFormat.h"
 #include "cli/Failure.h"
 
 namespace zevrant::cli {
-
-namespace {
-
-constexpr int numOfControls = 16;  // busses with a gain and a sensitivity in the engine
-
-}  // namespace
 
 void BusControls::applyTo(Separator& separator) const {
     separator.setMaskExtrapolationEnabled(extrapolatesMasks);
@@ -118,24 +109,6 @@ std::vector<std::string> SeparationOptions::getNotes(const AudioReader& reader,
                         (pass.numOfReplacedValues == 1 ? " sample was not a number, and counts as 0"
                                                        : " samples were not numbers, and count as 0"));
     return notes;
-}
-
-BusSetting::BusSetting(const Model& model, const std::string& text, const char* option, double least,
-                       double most) {
-    const std::size_t separator = text.rfind('=');
-    const std::string number = separator == std::string::npos ? "" : text.substr(separator + 1);
-    char* end = nullptr;
-    value = std::strtod(number.c_str(), &end);
-    if (number.empty() || *end != '\0' || !(value >= least && value <= most)) {
-        char range[64];
-        std::snprintf(range, sizeof range, "%g to %g", least, most);
-        throw Failure(ExitStatus::WrongUsage, std::string(option) + " " + text +
-                                                  ": has to be BUS=NUMBER with a number from " + range);
-    }
-    bus = findBus(model, text.substr(0, separator));
-    if (bus >= numOfControls)
-        throw Failure(ExitStatus::WrongUsage,
-                      std::string(option) + " " + text + ": only busses 0 to 15 have controls");
 }
 
 }  // namespace zevrant::cli

@@ -65,12 +65,4 @@ struct SeparationOptions {
     std::string sampleFormat;
 };
 
-// A bus and a number from "BUS=NUMBER". Throws Failure with WrongUsage where that is not it.
-struct BusSetting {
-    BusSetting(const Model& model, const std::string& text, const char* option, double least, double most);
-
-    int bus;
-    double value;
-};
-
 }  // namespace zevrant::cli
