@@ -3,11 +3,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "DspCore/ThreadLocal.h"
+
 namespace zevrant {
 
 namespace {
 
-constinit thread_local const std::shared_ptr<MemoryBudget>* current = nullptr;
+constinit thread_local const std::shared_ptr<MemoryBudget>* current ZEVRANT_PLACED_AT_THREAD_START = nullptr;
 
 }  // namespace
 

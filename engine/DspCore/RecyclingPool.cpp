@@ -3,6 +3,8 @@
 #include <bit>
 #include <cstdint>
 
+#include "DspCore/ThreadLocal.h"
+
 namespace zevrant {
 
 namespace {
@@ -40,15 +42,6 @@ SizeClass findSizeClass(std::size_t numOfBytes) {
     return {1 + (exponent - 6) * 4 + step, (std::size_t{1} << exponent) + (step + 1) * quarter};
 }
 
-// A library that is loaded at run time would find its thread-local variables through a call that asks for
-// memory when a thread comes there first. This way they lie where the thread has them from its start; there
-// is room for a few, so a thread's free lists themselves are elsewhere.
-#if defined(__linux__) && defined(__GNUC__)
-#define ZEVRANT_PLACED_AT_THREAD_START __attribute__((tls_model("initial-exec")))
-#else
-#define ZEVRANT_PLACED_AT_THREAD_START
-#endif
-
 constinit thread_local RecyclingPool* scopedPool ZEVRANT_PLACED_AT_THREAD_START = nullptr;
 
 // True once the thread's free lists are gone: whatever is freed later goes straight to the system.
@@ -77,6 +70,8 @@ RecyclingPool* findOrMakePool() {
 }
 
 }  // namespace
+
+const bool RecyclingPool::keepsBlocks = zevrant::keepsBlocks;
 
 RecyclingPool::~RecyclingPool() {
     for (FreeBlock* head : heads)
@@ -107,6 +102,7 @@ void* allocateRecycled(std::size_t numOfBytes) {
             pool->keptBytes -= sizeClass.numOfBytes;
             return block;
         }
+        ++pool->numOfRequests;
     }
     return ::operator new(sizeClass.numOfBytes, blockAlignment);
 }

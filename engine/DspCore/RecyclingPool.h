@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace zevrant {
@@ -34,6 +36,12 @@ class RecyclingPool {
     RecyclingPool& operator=(const RecyclingPool&) = delete;
     ~RecyclingPool();
 
+    // Blocks that it did not have and that were asked of the system.
+    std::int64_t getNumOfRequests() const { return numOfRequests; }
+
+    // False in builds under AddressSanitizer.
+    static const bool keepsBlocks;
+
   private:
     friend void* allocateRecycled(std::size_t numOfBytes);
     friend void freeRecycled(void* block, std::size_t numOfBytes) noexcept;
@@ -45,6 +53,7 @@ class RecyclingPool {
 
     std::array<FreeBlock*, numOfClasses> heads{};
     std::size_t keptBytes = 0;
+    std::int64_t numOfRequests = 0;
 };
 
 // While it lives, the calling thread takes its blocks from this pool and gives them back to it.
@@ -57,6 +66,20 @@ class ScopedRecyclingPool {
 
   private:
     RecyclingPool* before;
+};
+
+// The base of a handle: a pool for its blocks, so that they come back to the handle on whatever thread its
+// next call is made. Calls on a handle follow each other, which is why the pool needs no lock. As the first
+// base it outlives all other parts; the handle's destructor calls freeIntoPool(), and what these parts free
+// goes to the system with the pool instead of to the thread that happens to delete.
+class PoolOwner {
+  protected:
+    void freeIntoPool() noexcept { untilEnd.emplace(pool); }
+
+    RecyclingPool pool;
+
+  private:
+    std::optional<ScopedRecyclingPool> untilEnd;
 };
 
 // The pool as a standard allocator, for the control blocks of shared pointers and for small tables.
@@ -98,6 +121,11 @@ class ListNodeReserve {
 
     void clear(std::list<T>& list) {
         while (!list.empty()) removeFront(list);
+    }
+
+    // Has a node ready for each of so many values more than the list holds now.
+    void reserve(const std::list<T>& list, std::size_t numOfValues) {
+        for (std::size_t n = list.size() + nodes.size(); n < numOfValues; ++n) nodes.emplace_back();
     }
 
     // Nodes that are kept now. A list that also gets nodes from elsewhere would let the reserve grow

@@ -1,6 +1,7 @@
 #include "DspCore/SignalQueue.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "DspCore/VectorOperations.h"
 
@@ -21,14 +22,34 @@ void copySection(const T& from, int start, T& to, int column, int count) {
 template <class T>
 void SignalQueue<T>::add(const T& signal) {
     if (!signal.data || signal.numOfSamples == 0) return;
-    if (numOfChannels == -1) {
-        numOfChannels = signal.numOfChannels;
-    } else if (numOfChannels != signal.numOfChannels) {
-        reset();  // the count stays unset for this call, although the signal is queued
-    }
+    takeChannels(signal.numOfChannels);
     if (signal.numOfSamples < 0) return;
     reserve.append(signals, signal);
     numOfSamples += signal.numOfSamples;
+}
+
+template <class T>
+void SignalQueue<T>::takeChannels(int channels) {
+    if (numOfChannels == -1)
+        numOfChannels = channels;
+    else if (numOfChannels != channels)
+        reset();  // the count stays unset for this call, although samples are queued
+}
+
+// The newest signal, if it has room and nobody shares it, and else a new one.
+template <class T>
+T& SignalQueue<T>::openEnd(int channels) {
+    if (!signals.empty()) {
+        T& newest = signals.back();
+        const auto& block = newest.data;
+        if (newest.numOfChannels == channels && block.use_count() == 1 &&
+            newest.numOfSamples < block->numOfSamples)
+            return newest;
+    }
+    T added(channels, lengthOfOwn);
+    added.numOfSamples = 0;
+    reserve.append(signals, std::move(added));
+    return signals.back();
 }
 
 template <class T>
@@ -63,25 +84,26 @@ T SignalQueue<T>::get(int count) {
 
 template <class T>
 void SignalQueue<T>::get(T& out) {
-    int remaining = out.numOfSamples;
-    if (remaining < 1) return;
-    if (remaining > numOfSamples) throw std::out_of_range("more samples asked for than are queued");
-    while (remaining > 0) {
-        if (signals.empty()) throw std::out_of_range("more samples asked for than are queued");
-        const T& oldest = signals.front();
-        const int available = oldest.numOfSamples - readOffset;
-        const int column = out.numOfSamples - remaining;
-        if (available > remaining) {
-            copySection(oldest, readOffset, out, column, remaining);
-            readOffset += remaining;
-            break;
-        }
-        copySection(oldest, readOffset, out, column, available);
-        reserve.removeFront(signals);
-        readOffset = 0;
-        remaining -= available;
-    }
-    numOfSamples -= out.numOfSamples;
+    get(out.numOfSamples, [&](const T& from, int start, int column, int count) {
+        copySection(from, start, out, column, count);
+    });
+}
+
+template <class T>
+const T& SignalQueue<T>::findOldest(int countToCome) const {
+    if (countToCome > numOfSamples || signals.empty())
+        throw std::out_of_range("more samples asked for than are queued");
+    return signals.front();
+}
+
+// Samples of the oldest signal, which goes with its last one.
+template <class T>
+void SignalQueue<T>::releaseRead(int count) {
+    numOfSamples -= count;
+    readOffset += count;
+    if (readOffset < signals.front().numOfSamples) return;
+    reserve.removeFront(signals);
+    readOffset = 0;
 }
 
 template <class T>

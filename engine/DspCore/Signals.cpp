@@ -304,18 +304,24 @@ ComplexSignal32 ComplexSignal32::fromPolar(const Signal<float>& magnitude, const
 // ---- interleaved audio ------------------------------------------------------------------------
 
 void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out) {
-    for (int c = 0; c < out.numOfChannels; ++c) {
-        float* row = out.getWriteChannelPtr(c);
-        for (int i = 0; i < out.numOfSamples; ++i)
-            row[i] = interleaved[std::ptrdiff_t{i} * numOfChannelsPerFrame + c];
-    }
+    deinterleave(interleaved, numOfChannelsPerFrame, out, 0, out.numOfSamples);
 }
 
 void interleave(const Signal32& in, float* interleaved, int numOfChannelsPerFrame) {
-    for (int c = 0; c < in.numOfChannels; ++c) {
-        const float* row = in.getReadChannelPtr(c);
-        for (int i = 0; i < in.numOfSamples; ++i)
-            interleaved[std::ptrdiff_t{i} * numOfChannelsPerFrame + c] = row[i];
+    interleave(in, 0, in.numOfSamples, interleaved, numOfChannelsPerFrame);
+}
+
+void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out, int first, int count) {
+    for (int c = 0; c < std::min(out.numOfChannels, numOfChannelsPerFrame); ++c) {
+        float* row = out.getWriteChannelPtr(c) + first;
+        for (int i = 0; i < count; ++i) row[i] = interleaved[std::ptrdiff_t{i} * numOfChannelsPerFrame + c];
+    }
+}
+
+void interleave(const Signal32& in, int first, int count, float* interleaved, int numOfChannelsPerFrame) {
+    for (int c = 0; c < std::min(in.numOfChannels, numOfChannelsPerFrame); ++c) {
+        const float* row = in.getReadChannelPtr(c) + first;
+        for (int i = 0; i < count; ++i) interleaved[std::ptrdiff_t{i} * numOfChannelsPerFrame + c] = row[i];
     }
 }
 

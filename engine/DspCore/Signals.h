@@ -171,4 +171,8 @@ class ComplexSignal64 : public Signal<std::complex<double>> {
 void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out);
 void interleave(const Signal32& in, float* interleaved, int numOfChannelsPerFrame);
 
+// The same for count samples of the signal from first on, and for no more channels than a frame has.
+void deinterleave(const float* interleaved, int numOfChannelsPerFrame, Signal32& out, int first, int count);
+void interleave(const Signal32& in, int first, int count, float* interleaved, int numOfChannelsPerFrame);
+
 }  // namespace zevrant

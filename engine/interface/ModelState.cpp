@@ -23,7 +23,14 @@ void ModelState::operator delete(void* memory) {
 }
 
 bool ModelState::loadModel(const char* path) {
+    RecyclingPool poolOfLoad;  // so that nothing stays of what is needed on the way
+    const ScopedRecyclingPool passing(poolOfLoad);
     return loadModel(File(path));
+}
+
+void ModelState::reset() {
+    const ScopedRecyclingPool ownBlocks(pool);
+    NeuralModel<float>::reset();
 }
 
 void ModelState::addTensor(const float* elements, int numOfDimensions, const int* shape) {
@@ -33,6 +40,7 @@ void ModelState::addTensor(const float* elements, int numOfDimensions, const int
         throw std::length_error("negative dimension of a tensor");
 
     if (numOfDimensions >= 3) requireModestSlices({inputShape[1], inputShape[2]});
+    const ScopedRecyclingPool ownBlocks(pool);
     const ScopedFlushDenormals flushDenormals;
     input.ensureShape(inputShape);
     input.ensureUniqueForOverwrite();

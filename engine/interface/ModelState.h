@@ -3,16 +3,21 @@
 #include <cstddef>
 #include <vector>
 
+#include "DspCore/RecyclingPool.h"
 #include "neural/LayerReport.h"
 #include "neural/NeuralModel.h"
 #include "neural/Tensor.h"
 
 // What a model handle points to: a model without audio framing, and the last tensor that it gave.
 //
-// Memory   The object is made on the heap with all its memory cleared.
+// Memory   The object is made on the heap with all its memory cleared. Blocks come from a pool of its own, so
+//          that tensors of a shape that has been pushed before ask the system for nothing.
 // Errors   bool results. Exceptions of the model's layers pass through.
 // Threads  One at a time. Two states share nothing.
-struct ModelState : public zevrant::NeuralModel<float> {
+struct ModelState : private zevrant::PoolOwner, public zevrant::NeuralModel<float> {
+    ModelState() = default;
+    ~ModelState() override { freeIntoPool(); }
+
     static void* operator new(std::size_t numOfBytes);
     static void operator delete(void* memory);
 
@@ -24,6 +29,8 @@ struct ModelState : public zevrant::NeuralModel<float> {
     // Errors: std::length_error for a negative number of dimensions, a negative dimension, 2 GiB and more of
     // elements, and slices that cost the network more than ModelLimits.h allows.
     void addTensor(const float* elements, int numOfDimensions, const int* shape);
+
+    void reset();  // as NeuralModel's, with the blocks of this model
 
     // Copies the result's shape; false, and nothing written, unless it has numOfDimensions.
     bool getResultShape(int numOfDimensions, int* shape) const;

@@ -10,6 +10,8 @@
 #include "DspCore/MathEx.h"
 #include "DspCore/VectorOperations.h"
 #include "files/File.h"
+#include "neural/ModelLimits.h"
+#include "neural/ModelReport.h"
 #include "simd/FloatingPointState.h"
 
 using namespace zevrant;
@@ -30,6 +32,39 @@ struct ParameterAddress {
     int bus;
 };
 
+constexpr std::int64_t mostSamplesHeld = 1 << 23;
+constexpr float bent = 10.0f;  // a sensitivity that is not neutral takes the most memory
+
+// How long a model is run in. A graph has come to rest when what is delayed has met what is not, and when
+// each layer that slices reach now and then has had some. No frames for a model that one core cannot run in
+// real time, nor for several models.
+struct RunInPlan {
+    explicit RunInPlan(ZevrantProcessor& processor) {
+        if (processor.getNeuralModels().size() != 1 || processor.windowSize < 1 || processor.hopSize < 1)
+            return;
+        const NeuralModel<float>& model = processor.getNeuralModels().front();
+        const ModelReport report = describeModel(model);
+        const double bins = static_cast<double>(processor.fftSize) * processor.inputFormat.getNumOfChannels();
+        const double work = report.step.work + workPerTrigger * report.step.triggers + workPerBin * bins;
+        const double seconds = work / limits::workPerSecond;
+        if (!(seconds <= processor.hopSize / processor.inputFormat.sampleRate)) return;
+
+        double slowest = 1.0;  // slices per frame
+        for (const LayerReport& layer : report.layers)
+            if (layer.slicesPerFrame > 0.0) slowest = std::min(slowest, layer.slicesPerFrame);
+        const double delay = std::max(model.latencyInFrames, 0) + std::max(model.numHistoryFrames, 0);
+        framesOfQuiet = static_cast<int>(std::min(8.0 + delay + 2.0 / slowest, 1e4));
+        mostFrames = static_cast<int>(std::min(3.0 * framesOfQuiet, mostSeconds / seconds));
+        if (!RecyclingPool::keepsBlocks) mostFrames = std::min(mostFrames, 2);
+    }
+
+    static constexpr double mostSeconds = 1.0;  // for each of two rounds
+    static constexpr double workPerTrigger = 32.0, workPerBin = 128.0;
+
+    int framesOfQuiet = 0;
+    int mostFrames = 0;
+};
+
 }  // namespace
 
 void* ProcessorState::operator new(std::size_t numOfBytes) {
@@ -42,6 +77,17 @@ void ProcessorState::operator delete(void* memory) {
 }
 
 bool ProcessorState::loadModels(int count, const char** paths, int numOfChannels, double sampleRate) {
+    {
+        RecyclingPool poolOfLoad;  // so that nothing stays of what is needed on the way
+        const ScopedRecyclingPool passing(poolOfLoad);
+        if (!load(count, paths, numOfChannels, sampleRate)) return false;
+    }
+    const ScopedRecyclingPool ownBlocks(pool);
+    runIn();
+    return true;
+}
+
+bool ProcessorState::load(int count, const char** paths, int numOfChannels, double sampleRate) {
     if (count < 0) throw std::length_error("negative number of model files");
     const std::vector<File> files(paths, std::next(paths, count));
     if (!processor.loadModelFiles(files)) return false;
@@ -59,55 +105,116 @@ bool ProcessorState::loadModels(int count, const char** paths, int numOfChannels
     return true;
 }
 
+// Silence runs through the model until nothing new is asked for, once from the start and once from a reset,
+// and then all is put back as the load has left it, but that the memory stays. What frames take depends on
+// the state of the stream and not on the length of blocks; for that, the samples that wait at most are held.
+void ProcessorState::runIn() {
+    const RunInPlan plan(processor);
+    const std::int64_t mostQueued =
+        processor.windowSize +
+        2 * (std::int64_t{longestBlock} + processor.hopSize + processor.inputQueue.lengthOfOwn);
+    const bool isModest = mostQueued * numOfInputChannels <= mostSamplesHeld;
+    if (plan.mostFrames < 1 || numOfInputChannels < 1 || !isModest) return;
+    try {
+        SignalQueue<Signal32> held;
+        held.append(numOfInputChannels, static_cast<int>(mostQueued), [](auto&&...) {});
+        processor.inputQueue.reserveNodes(mostQueued);
+        outputQueue.reserveNodes(mostQueued);
+        for (int bus = 0; bus < ZevrantProcessor::numOfControls; ++bus) processor.setSensitivity(bus, bent);
+        for (int round = 0; round < 2; ++round) {
+            int numOfQuiet = 0;
+            for (int frame = 0; frame < plan.mostFrames && numOfQuiet < plan.framesOfQuiet; ++frame) {
+                const std::int64_t before = pool.getNumOfRequests();
+                processSilence();
+                numOfQuiet = pool.getNumOfRequests() == before ? numOfQuiet + 1 : 0;
+            }
+            reset();
+        }
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {  // will be thrown again where the host can see what it belongs to
+    }
+    for (int bus = 0; bus < ZevrantProcessor::numOfControls; ++bus) processor.setSensitivity(bus, 0.0f);
+    outputQueue.reset();
+    processor.startOver();
+}
+
+// A hop of it, and what comes out is dropped.
+void ProcessorState::processSilence() {
+    const ScopedFlushDenormals flushDenormals;
+    processor.inputQueue.append(numOfInputChannels, processor.hopSize,
+                                [](Signal32& to, int column, int, int count) {
+                                    for (int c = 0; c < to.numOfChannels; ++c)
+                                        vo::setToZero(to.getWriteChannelPtr(c) + column, count);
+                                });
+    processor.processQueued(outputQueue);
+    outputQueue.skip(static_cast<int>(outputQueue.numOfSamples));
+}
+
 void ProcessorState::addAudio(const float** channels, int numOfSamples) {
-    Signal32 input(numOfInputChannels, numOfSamples);
-    for (int c = 0; c < numOfInputChannels; ++c)
-        vo::copy(channels[c], input.getWriteChannelPtr(c), numOfSamples);
-    outputQueue.add(process(input));
+    add(numOfSamples, [&](Signal32& input, int column, int start, int count) {
+        for (int c = 0; c < numOfInputChannels; ++c)
+            vo::copy(channels[c] + start, input.getWriteChannelPtr(c) + column, count);
+    });
 }
 
 void ProcessorState::addAudioInterleaved(const float* samples, int numOfSamples) {
+    add(numOfSamples, [&](Signal32& input, int column, int start, int count) {
+        deinterleave(samples + std::ptrdiff_t{start} * numOfInputChannels, numOfInputChannels, input, column,
+                     count);
+    });
+}
+
+// Processes a block that write() fills in, in one part or several.
+template <class Write>
+void ProcessorState::add(int numOfSamples, const Write& write) {
+    const ScopedRecyclingPool ownBlocks(pool);
+    const ScopedFlushDenormals flushDenormals;
+    const bool isFramed = numOfSamples > 0 && numOfInputChannels > 0 && processor.windowSize > 0 &&
+                          processor.hopSize > 0 && !licensingGate.isOutputRestricted();
+    if (isFramed) {
+        processor.inputQueue.append(numOfInputChannels, numOfSamples, write);
+        return processor.processQueued(outputQueue);
+    }
     Signal32 input(numOfInputChannels, numOfSamples);
-    deinterleave(samples, numOfInputChannels, input);
+    write(input, 0, 0, numOfSamples);
     outputQueue.add(process(input));
 }
 
 Signal32 ProcessorState::process(const Signal32& input) {
-    const ScopedFlushDenormals flushDenormals;
     Signal32 processed = processor.process(input);
     if (!licensingGate.isOutputRestricted()) return processed;
     return licensingStage.process(processed);
 }
 
-// Takes numOfSamples from the queue. False, with nothing touched, when fewer are there.
-bool ProcessorState::takeQueued(int numOfSamples, Signal32& audio) {
-    if (outputQueue.numOfSamples < numOfSamples) return false;
-    if (numOfSamples > 0 && outputQueue.numOfChannels < numOfOutputChannels)
-        throw std::out_of_range("the queued audio lacks output channels");
-    audio = Signal32(outputQueue.numOfChannels, numOfSamples);
-    outputQueue.get(audio);
-    return true;
-}
-
 bool ProcessorState::getAudio(float* const* channels, int numOfSamples) {
-    Signal32 audio;
-    if (!takeQueued(numOfSamples, audio)) return false;
-    if (numOfSamples < 1) return true;
-    for (int c = 0; c < numOfOutputChannels; ++c)
-        vo::copy(audio.getReadChannelPtr(c), channels[c], numOfSamples);
-    return true;
+    return take(numOfSamples, [&](const Signal32& audio, int column, int start, int count) {
+        for (int c = 0; c < numOfOutputChannels; ++c)
+            vo::copy(audio.getReadChannelPtr(c) + column, channels[c] + start, count);
+    });
 }
 
 bool ProcessorState::getAudioInterleaved(float* samples, int numOfSamples) {
-    Signal32 audio;
-    if (!takeQueued(numOfSamples, audio)) return false;
+    return take(numOfSamples, [&](const Signal32& audio, int column, int start, int count) {
+        interleave(audio, column, count, samples + std::ptrdiff_t{start} * numOfOutputChannels,
+                   numOfOutputChannels);
+    });
+}
+
+// Has so many samples read and takes them from the queue. False, with nothing touched, when fewer are there.
+template <class Read>
+bool ProcessorState::take(int numOfSamples, const Read& read) {
+    if (outputQueue.numOfSamples < numOfSamples) return false;
     if (numOfSamples < 1) return true;
-    audio.numOfChannels = numOfOutputChannels;  // of the queue's, which has these at least
-    interleave(audio, samples, numOfOutputChannels);
+    if (outputQueue.numOfChannels < numOfOutputChannels)
+        throw std::out_of_range("the queued audio lacks output channels");
+    const ScopedRecyclingPool ownBlocks(pool);
+    outputQueue.get(numOfSamples, read);
     return true;
 }
 
 void ProcessorState::reset() {
+    const ScopedRecyclingPool ownBlocks(pool);
     outputQueue.reset();
     processor.reset();
     licensingStage.reset();

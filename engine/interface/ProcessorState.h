@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "DspCore/RecyclingPool.h"
 #include "DspCore/SignalQueue.h"
 #include "DspCore/Signals.h"
 #include "interface/Licensing.h"
@@ -14,14 +15,22 @@
 // What a processor handle points to: the processor, and a queue between it and the host that pulls.
 //
 // Samples are counted per channel. Audio is copied once on its way in, from the host's buffers, and
-// twice on its way out, from the queue's signals and into the host's buffers.
+// twice on its way out, into the queue's signals and into the host's buffers.
 //
-// Memory   The object is made on the heap with all its memory cleared. Signals and list nodes are
-//          recycled, so a stream in steady motion asks the system for nothing.
+// Memory   The object is made on the heap with all its memory cleared. Blocks come from a pool of its own.
+//          loadModels() runs a single model in, so that all is there that a stream takes which adds blocks of
+//          up to longestBlock samples and takes them as they get ready: it asks the system for nothing, from
+//          the first block on and after resets too. A model that one core cannot run in real time is not
+//          run in, and several models take a few small blocks for each task.
 // Errors   bool results. Exceptions of the processor pass through, and then the block's audio is lost.
 // Threads  Calls on one state are serialised by their caller, except that the two parameter functions
 //          may run at any time. Two states share nothing.
-struct ProcessorState {
+struct ProcessorState : private zevrant::PoolOwner {
+    static constexpr int longestBlock = 8192;  // samples, that memory is there for
+
+    ProcessorState() = default;
+    ~ProcessorState() { freeIntoPool(); }
+
     static void* operator new(std::size_t numOfBytes);
     static void operator delete(void* memory);
 
@@ -55,5 +64,11 @@ struct ProcessorState {
 
   private:
     zevrant::Signal32 process(const zevrant::Signal32& input);
-    bool takeQueued(int numOfSamples, zevrant::Signal32& audio);
+    template <class Write>
+    void add(int numOfSamples, const Write& write);
+    template <class Read>
+    bool take(int numOfSamples, const Read& read);
+    bool load(int count, const char** paths, int numOfChannels, double sampleRate);
+    void runIn();
+    void processSilence();
 };

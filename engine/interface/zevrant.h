@@ -37,7 +37,7 @@
  *                add         std::bad_alloc; for a model or a format with impossible numbers
  *                            std::out_of_range, std::length_error, std::invalid_argument,
  *                            std::logic_error, std::runtime_error
- *                get, reset  std::bad_alloc
+ *                reset       std::bad_alloc
  *                others      nothing
  *
  *              zevrant_separation.h offers the same work behind calls that never throw.
@@ -45,6 +45,15 @@
  *   number     it meets not-a-number as well: the output for the length of a frame, and the memory
  *              of the model for as long as that reaches back, with recursive levels until
  *              zevrantResetProcessorState. Hosts that cannot rule it out replace such samples by 0.
+ *   Memory     Create takes what streaming needs and runs the model on silence for a moment to find out.
+ *              A processor on one model then asks the system for nothing in add and get, from the first
+ *              block on, after resets too and on whatever threads the calls are made, as long as blocks
+ *              have up to 8192 samples and audio is taken as it gets ready. A longer block, or audio
+ *              that waits, may ask once. Left out are models that one core cannot run in real time,
+ *              hundreds of channels, and processors on several models. A model on tensors asks with
+ *              the first ones, which tell their shape. Delete gives all of it back.
+ *   Stack      Create and add need 512 KiB of the caller's stack with the deepest model that
+ *              loads, and 32 KiB with those that ship.
  *   Threads    [host] before, between or after other calls on the handle, never during one.
  *              [audio] the host never runs two [host] or [audio] calls on one handle at once; which
  *              thread makes them does not matter. [any] any thread, also while audio is processed.

@@ -26,6 +26,7 @@ class ReLULayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
 
     Tensor<T> output;
 };
@@ -38,6 +39,7 @@ class ELULayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output, scratch); }
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -51,6 +53,7 @@ class SigmoidLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output, scratch); }
 
     Tensor<T> output;
     Tensor<T> scratch;
@@ -65,6 +68,7 @@ class LeakyReLULayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output, scratch); }
 
     float alpha = 0.0f;  // slope for negative inputs
     Tensor<T> output;
@@ -79,6 +83,7 @@ class SoftplusLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
 
     Tensor<T> output;
 };
@@ -91,6 +96,7 @@ class HardSigmoidLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output, scratch); }
 
     Tensor<T> output;
     Tensor<T> scratch;

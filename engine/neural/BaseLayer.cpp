@@ -134,6 +134,11 @@ void BaseLayer<T>::describe(LayerReport& report) const {
 }
 
 template <class T>
+void BaseLayer<T>::startOver() {
+    reset();
+}
+
+template <class T>
 bool BaseLayer<T>::forward(const Tensor<T>& output) {
     bool reachedOutput = false;
     for (BaseLayer<T>* consumer : consumers) reachedOutput |= consumer->push(output, this);

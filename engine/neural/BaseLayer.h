@@ -100,6 +100,10 @@ class BaseLayer {
     // The report holds an output like the first input, which is what a layer gives that overrides nothing.
     virtual void describe(LayerReport& report) const;
 
+    // As the constructor has left it: a reset, and the tensors that pushes fill in are empty again. Their
+    // memory goes to the pool and scratch keeps its own, so that the next pushes find both.
+    virtual void startOver();
+
     // The layers that this one has attached itself to and that still exist, in the order of its record.
     const std::vector<BaseLayer<T>*>& getSources() const { return attachedSources; }
 
@@ -114,6 +118,13 @@ class BaseLayer {
   protected:
     // Reads a name, looks the layer up and becomes its last consumer.
     BaseLayer<T>* attachToSource(const LayerMap& layers, InputStream& stream);
+
+    // What startOver() is made of.
+    template <class... Tensors>
+    void dropAndReset(Tensors&... tensors) {
+        (tensors.dropContent(), ...);
+        reset();
+    }
 
     // Pushes the output to every consumer in list order; true when one of them returned true.
     bool forward(const Tensor<T>& output);

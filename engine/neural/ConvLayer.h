@@ -40,6 +40,7 @@ class ConvLayer : public BaseLayer<T> {
     void reset() override;
     int measureLatency(int timeScale) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(history, output); }
 
     // [d0, d1, d2, d3] to [d0, d1, d3, d2].
     Tensor<T> permuteKernels(Tensor<T> kernels);

@@ -29,6 +29,7 @@ class DenseLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
 
     Tensor<T> weights;  // [F, F, C]: output frequency, input frequency, channel
     Tensor<T> bias;     // [F, C] or empty
@@ -65,6 +66,7 @@ class SeparableChannelConvLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output, history, timeFiltered); }
     void reset() override;
 
     Tensor<T> timeKernel;         // [timeKernelLength]

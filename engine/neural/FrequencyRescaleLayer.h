@@ -33,6 +33,7 @@ class FrequencyRescaleLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
 
     std::vector<std::tuple<int, Tensor<T>>> weights;  // owns the taps
 

@@ -30,6 +30,7 @@ class ConcatLayer : public BaseQueuedLayer<T> {
     using BaseQueuedLayer<T>::push;
     bool push(const std::vector<Tensor<T>>& inputs, std::vector<BaseLayer<T>*> sources) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(this->slice, output); }
 
     Tensor<T> output;
 
@@ -65,6 +66,7 @@ class ArithmeticLayer : public BaseQueuedLayer<T> {
     using BaseQueuedLayer<T>::push;
     bool push(const std::vector<Tensor<T>>& inputs, std::vector<BaseLayer<T>*> sources) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(this->slice, output); }
 
     std::int32_t operation = 0;  // ArithmeticOperation, or any other code
     Tensor<T> output;

@@ -61,6 +61,14 @@ void NeuralModel<T>::reset() {
 }
 
 template <class T>
+void NeuralModel<T>::startOver() {
+    for (auto& entry : layers) std::get<std::shared_ptr<BaseLayer<T>>>(entry.second)->startOver();
+    inputTensor.dropContent();
+    outputTensor.dropContent();
+    clearFrameHistory();
+}
+
+template <class T>
 void NeuralModel<T>::clearFrameHistory() {
     const ComplexSignal32 silence(numOfInputChannels, numBins, 0.0f);
     frameHistory.assign(static_cast<std::size_t>(std::max(0, numHistoryFrames)), silence);

@@ -47,7 +47,10 @@ class NeuralModel {
     // Back to the state after the load.
     void reset();
 
-    // The first part of that, which makes a loaded model ready for its first frame.
+    // As after the load to the last field, as BaseLayer::startOver() tells it of the layers.
+    void startOver();
+
+    // The first part of reset(), which makes a loaded model ready for its first frame.
     void clearFrameHistory();
 
     // [1, tensorFrequencies, C], with C as SpectrumPacking tells for inputPacking. Every signal fills the

@@ -33,6 +33,7 @@ class NormLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
 
     std::int32_t normMode = 0;
     Tensor<T> offset;  // [C] or empty
@@ -61,6 +62,7 @@ class PreNormLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
     void reset() override;
 
     Tensor<T> levelWeights;       // [levelCount]
@@ -87,6 +89,7 @@ class ARPreNormLayer : public BaseLayer<T> {
 
     bool push(const Tensor<T>& tensor, BaseLayer<T>* sender) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(output); }
     void reset() override;
 
     float attackCoefficient = 0.0f;

@@ -39,6 +39,7 @@ class SelfAttentionLayer : public BaseLayer<T> {
     void reset() override;
     int measureLatency(int timeScale) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(history, filtered, output); }
 
     Tensor<T> channelMatrix;      // [C, C]: input channel, output channel
     Tensor<T> timeWeights;        // [H, C] or empty

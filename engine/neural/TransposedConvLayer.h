@@ -47,6 +47,7 @@ class TransposedConvLayer : public BaseLayer<T> {
     void reset() override;
     int measureLatency(int timeScale) override;
     void describe(LayerReport& report) const override;
+    void startOver() override { this->dropAndReset(accumulator, inputSlice, outputSlice); }
 
     // Sends on what waits, then asks the consumers to do the same.
     void triggerForward() override;

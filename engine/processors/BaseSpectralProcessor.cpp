@@ -91,12 +91,9 @@ void BaseSpectralProcessor::reset() {
 
 Signal32 BaseSpectralProcessor::process(const Signal32& input) {
     if (windowSize < 1) return input;
-    if (hopSize < 1) throw std::invalid_argument("framing needs a hop of one sample or more");
+    requireHop();
     inputQueue.add(input);
-    while (inputQueue.numOfSamples >= windowSize) {
-        const Signal32 block = inputQueue.peek(windowSize);
-        inputQueue.skip(hopSize);
-        outputFrames.splice(outputFrames.end(), processBlock(block));
+    while (takeFrame()) {
     }
 
     const int numOfChannels = outputFormat.getNumOfChannels();
@@ -106,15 +103,43 @@ Signal32 BaseSpectralProcessor::process(const Signal32& input) {
         throw std::length_error("more output than one signal holds");
     Signal32 result(numOfChannels, static_cast<int>(numOfHops) * hopSize);
     for (int hop = 0; hop < numOfHops; ++hop) {
-        sumOldestFrames(result, hop * hopSize);
+        requireOldestFrames(numOfChannels);
+        sumOldestFrames(result, hop * hopSize, 0, hopSize);
         frameNodes.removeFront(outputFrames);
     }
     return result;
 }
 
-// Writes one hop of the result at column start: the segments of the oldest numOfOverlapFrames frames,
-// the latest segment of the oldest frame first.
-void BaseSpectralProcessor::sumOldestFrames(Signal32& result, int start) const {
+void BaseSpectralProcessor::processQueued(SignalQueue<Signal32>& ready) {
+    requireHop();
+    const int numOfChannels = outputFormat.getNumOfChannels();
+    do {
+        while (std::ssize(outputFrames) >= numOfOverlapFrames) {
+            requireOldestFrames(numOfChannels);
+            ready.append(numOfChannels, hopSize, [&](Signal32& result, int column, int start, int count) {
+                sumOldestFrames(result, column, start, count);
+            });
+            frameNodes.removeFront(outputFrames);
+        }
+    } while (takeFrame());
+}
+
+void BaseSpectralProcessor::requireHop() const {
+    if (hopSize < 1) throw std::invalid_argument("framing needs a hop of one sample or more");
+}
+
+// Moves one hop of the input on to the frames that it leads to. False when there is less than a frame.
+bool BaseSpectralProcessor::takeFrame() {
+    if (inputQueue.numOfSamples < windowSize) return false;
+    const Signal32 block = inputQueue.peek(windowSize);
+    inputQueue.skip(hopSize);
+    outputFrames.splice(outputFrames.end(), processBlock(block));
+    return true;
+}
+
+// An output hop is the sum of segments of the oldest numOfOverlapFrames frames, the latest segment of the
+// oldest frame first.
+void BaseSpectralProcessor::requireOldestFrames(int numOfChannels) const {
     require(numOfOverlapFrames > 0, "an output hop needs a frame");
     const std::int64_t newest = windowSize - (std::int64_t{numOfTailHops} + 1) * hopSize;
     auto frame = outputFrames.begin();
@@ -122,17 +147,21 @@ void BaseSpectralProcessor::sumOldestFrames(Signal32& result, int start) const {
         const std::int64_t offset = newest - std::int64_t{j} * hopSize;
         require(offset >= 0 && offset + hopSize <= frame->numOfSamples,
                 "an output hop lies outside its frame");
-        require(frame->numOfChannels >= result.numOfChannels, "a frame lacks output channels");
+        require(frame->numOfChannels >= numOfChannels, "a frame lacks output channels");
     }
+}
 
+// Writes count samples of the hop, from its sample start on, to column onward of the result.
+void BaseSpectralProcessor::sumOldestFrames(Signal32& result, int column, int start, int count) const {
+    const std::ptrdiff_t newest = windowSize - (std::ptrdiff_t{numOfTailHops} + 1) * hopSize + start;
     for (int c = 0; c < result.numOfChannels; ++c) {
-        float* out = result.getWriteChannelPtr(c) + start;
-        frame = outputFrames.begin();
+        float* out = result.getWriteChannelPtr(c) + column;
+        auto frame = outputFrames.begin();
         const float* sum = frame->getReadChannelPtr(c) + newest;
-        if (numOfOverlapFrames == 1) vo::copy(sum, out, hopSize);
+        if (numOfOverlapFrames == 1) vo::copy(sum, out, count);
         for (int j = 1; j < numOfOverlapFrames; ++j) {
             ++frame;
-            vo::add(sum, frame->getReadChannelPtr(c) + newest - std::ptrdiff_t{j} * hopSize, out, hopSize);
+            vo::add(sum, frame->getReadChannelPtr(c) + newest - std::ptrdiff_t{j} * hopSize, out, count);
             sum = out;
         }
     }

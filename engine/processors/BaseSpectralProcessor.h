@@ -53,6 +53,10 @@ class BaseSpectralProcessor : public BaseAudioProcessor {
     // below 1 the result shares its storage with input.
     Signal32 process(const Signal32& input) override;
 
+    // The same for what waits in inputQueue already, whose audio goes to the end of ready hop by hop. So the
+    // memory that a block takes does not depend on its length. Needs a windowSize of 1 or more.
+    void processQueued(SignalQueue<Signal32>& ready);
+
     // The spectral step: fftSize / 2 + 1 bins per input channel to any number of spectra of as many bins
     // per output channel. Each of them becomes a frame; none is allowed.
     virtual std::list<ComplexSignal32> process(const ComplexSignal32& spectrum) = 0;
@@ -86,9 +90,12 @@ class BaseSpectralProcessor : public BaseAudioProcessor {
     ListNodeReserve<ComplexSignal32> resultNodes;
 
   private:
+    void requireHop() const;
+    bool takeFrame();
     Signal32 windowForTransform(const Signal32& block) const;
     Signal32 windowForOutput(Signal32 time) const;
-    void sumOldestFrames(Signal32& result, int start) const;
+    void requireOldestFrames(int numOfChannels) const;
+    void sumOldestFrames(Signal32& result, int column, int start, int count) const;
 
     ListNodeReserve<Signal32> frameNodes;
 };

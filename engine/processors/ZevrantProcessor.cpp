@@ -203,6 +203,11 @@ void ZevrantProcessor::reset() {
     for (auto& model : neuralModels) model.reset();
 }
 
+void ZevrantProcessor::startOver() {
+    for (auto& model : neuralModels) model.startOver();
+    reset();
+}
+
 void ZevrantProcessor::emptyBusOutputs() {
     for (auto& list : busOutputs) resultNodes.clear(list);
     busOutputs.resize(static_cast<std::size_t>(getNumOfBusLists()));

@@ -80,6 +80,9 @@ class ZevrantProcessor : public BaseSpectralProcessor {
     // Drops all audio and the models' state; parameters keep their values.
     void reset() override;
 
+    // As after the load and the formats, to the last field of every layer; the memory stays with the pool.
+    void startOver();
+
     Signal32 process(const Signal32& input) override;
 
     // One input spectrum in, the output spectra that it completes out, oldest first: none, one or more.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <random>
 #include <stdexcept>
@@ -25,6 +26,26 @@ void expectCounting(const Signal32& signal, int first) {
                 << "channel " << c << ", sample " << i;
 }
 
+// Copies the signal in and leaves nothing of it shared.
+void append(SignalQueue<Signal32>& queue, const Signal32& signal) {
+    queue.append(
+        signal.numOfChannels, signal.numOfSamples, [&](Signal32& to, int column, int start, int count) {
+            for (int c = 0; c < signal.numOfChannels; ++c)
+                std::copy_n(signal.getReadChannelPtr(c) + start, count, to.getWriteChannelPtr(c) + column);
+        });
+}
+
+// The next samples, read where they are or copied.
+Signal32 take(SignalQueue<Signal32>& queue, int count) {
+    if (count % 2 == 0) return queue.get(count);
+    Signal32 out(queue.numOfChannels, count);
+    queue.get(count, [&](const Signal32& from, int column, int start, int length) {
+        for (int c = 0; c < out.numOfChannels; ++c)
+            std::copy_n(from.getReadChannelPtr(c) + column, length, out.getWriteChannelPtr(c) + start);
+    });
+    return out;
+}
+
 // Random adds, gets, peeks and skips beside a model of the queue: two counters.
 TEST(SignalQueue, deliversWhatWasAddedInAnyBlocks) {
     std::mt19937 generator(7);
@@ -35,15 +56,19 @@ TEST(SignalQueue, deliversWhatWasAddedInAnyBlocks) {
         const int pending = numOfAdded - numOfTaken, kind = draw(0, 4);
         if (kind < 2) {
             const int count = draw(0, 40);
-            queue.add(makeCounting(2, count, numOfAdded));
+            const Signal32 added = makeCounting(2, count, numOfAdded);
+            if (draw(0, 3) == 0)
+                queue.add(added);
+            else
+                append(queue, added);
             numOfAdded += count;
         } else if (kind == 2) {
             const int count = draw(0, 30);
             queue.skip(count);
             numOfTaken += std::min(count, pending);
         } else if (queue.numOfChannels > 0) {
-            const int count = draw(0, pending);
-            const Signal32 out = kind == 3 ? queue.get(count) : queue.peek(count);
+            const int count = draw(0, draw(0, 1) == 0 ? pending : std::min(pending, 50));
+            const Signal32 out = kind == 3 ? take(queue, count) : queue.peek(count);
             ASSERT_EQ(out.numOfSamples, count);
             expectCounting(out, numOfTaken);
             numOfTaken += kind == 3 ? count : 0;
@@ -64,6 +89,24 @@ TEST(SignalQueue, keepsHandlesAndLetsGoOfUsedUpSignalsAtOnce) {
     EXPECT_TRUE(block.expired());
     EXPECT_EQ(queue.readOffset, 0);
     EXPECT_EQ(queue.numOfChannels, 1);
+}
+
+// Small blocks share few signals of the queue's own, and nobody else's is written to.
+TEST(SignalQueue, appendFillsItsOwnSignals) {
+    SignalQueue<Signal32> queue;
+    Signal32 shared = makeCounting(1, 10, 0);
+    shared.numOfSamples = 4;  // with room behind it that is not the queue's to use
+    queue.add(shared);
+    for (int i = 4; i < 2000; ++i) append(queue, makeCounting(1, 1, i));
+    shared.numOfSamples = 10;
+    expectCounting(shared, 0);
+    EXPECT_LE(std::ssize(queue.signals), 2 + 2000 / queue.lengthOfOwn);
+    append(queue, makeCounting(2, 3, 7));
+    EXPECT_EQ(queue.numOfChannels, -1);  // as add() does
+    EXPECT_EQ(queue.numOfSamples, 3);
+    append(queue, makeCounting(2, 600, 10));
+    expectCounting(queue.get(603), 7);
+    EXPECT_THROW(queue.get(1, [](auto&&...) {}), std::out_of_range);
 }
 
 TEST(SignalQueue, ignoresSignalsWithoutSamples) {

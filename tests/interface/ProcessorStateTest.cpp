@@ -3,10 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
 
 #include "AudioHost.h"
+#include "neural/ConvLayer.h"
+#include "neural/DenseLayers.h"
+#include "neural/MergeLayers.h"
+#include "neural/ModelOfAllLayers.h"
+#include "neural/SelfAttentionLayer.h"
+#include "neural/TransposedConvLayer.h"
 
 namespace zevrant {
 namespace {
@@ -31,6 +41,66 @@ TEST(ProcessorState, creatingFailsWithANullHandle) {
     EXPECT_THROW(zevrantCreateStemSeparator(-1, nullptr, 2, rate), std::length_error);
     EXPECT_THROW(zevrantCreateProcessor(good.c_str(), -1, rate), std::length_error);
     zevrantDeleteProcessor(nullptr);
+}
+
+template <class Layer>
+Layer* findLayer(ProcessorState& state, const char* name) {
+    auto& entry = state.processor.getNeuralModels()[0].layers.at(name);
+    return dynamic_cast<Layer*>(std::get<std::shared_ptr<BaseLayer<float>>>(entry).get());
+}
+
+// A handle runs its model in when it is created. Fields are then as the load has left them, and the first
+// sound meets the same state as in a processor that nothing has run through.
+TEST(ProcessorState, creatingLeavesNoTraceInTheModel) {
+    using namespace modelwriter;
+    const TemporaryFolder folder;
+    const Bytes bytes = makeModelOfAllLayers(0x100a, TensorStorage::SinglePrecision, Packing::magnitudes(9));
+    const std::string path = folder.makeFile("model", {bytes.begin(), bytes.end()});
+    const char* paths[] = {path.c_str()};
+    auto state = std::make_unique<ProcessorState>();
+    ASSERT_TRUE(state->loadModels(1, paths, 2, rate));
+
+    const auto expectNew = [](auto* layer, auto... fields) {
+        ASSERT_NE(layer, nullptr);
+        for (const Tensor<float>& tensor : {layer->*fields...})
+            EXPECT_TRUE(tensor.shape.empty() && !tensor.data);
+    };
+    using Conv = ConvLayer<float>;
+    using Transposed = TransposedConvLayer<float>;
+    using Separable = SeparableChannelConvLayer<float>;
+    using Attention = SelfAttentionLayer<float>;
+    using Sum = ArithmeticLayer<float>;
+    expectNew(findLayer<Conv>(*state, "conv"), &Conv::history, &Conv::output);
+    expectNew(findLayer<Transposed>(*state, "transposed"), &Transposed::accumulator, &Transposed::inputSlice,
+              &Transposed::outputSlice);
+    expectNew(findLayer<Separable>(*state, "separable"), &Separable::history, &Separable::timeFiltered,
+              &Separable::output);
+    expectNew(findLayer<Attention>(*state, "attention"), &Attention::history, &Attention::filtered,
+              &Attention::output);
+    expectNew(findLayer<Sum>(*state, "sum"), &Sum::slice, &Sum::output);
+    EXPECT_EQ(findLayer<Conv>(*state, "conv")->timeIndex, 0);
+    EXPECT_EQ(state->outputQueue.numOfChannels, -1);
+    EXPECT_EQ(state->processor.getSensitivity(0), 0.0f);
+
+    ZevrantProcessor processor;
+    AudioFormat format;
+    format.createDefaultChannelMapping(2);
+    format.sampleRate = rate;
+    ASSERT_TRUE(processor.loadModelFiles({File(path)}) && processor.setFormat(format, format));
+    const Audio in = makeNoise(2, 777, 4);
+    for (int block = 0; block < 3; ++block) {
+        Signal32 signal(2, 777);
+        for (int c = 0; c < 2; ++c) std::copy(in[c].begin(), in[c].end(), signal.getWriteChannelPtr(c));
+        const Signal32 expected = processor.process(signal);
+        const float* rows[] = {in[0].data(), in[1].data()};
+        state->addAudio(rows, 777);
+        ASSERT_EQ(state->outputQueue.numOfSamples, expected.numOfSamples);
+        std::vector<float> left(static_cast<std::size_t>(expected.numOfSamples)), right = left;
+        float* const out[] = {left.data(), right.data()};
+        EXPECT_TRUE(state->getAudio(out, expected.numOfSamples));
+        EXPECT_TRUE(std::equal(left.begin(), left.end(), expected.getReadChannelPtr(0)));
+        EXPECT_TRUE(std::equal(right.begin(), right.end(), expected.getReadChannelPtr(1)));
+    }
 }
 
 TEST(ProcessorState, pullingIsAllOrNothing) {

@@ -1,4 +1,4 @@
-// What streams ask the system for once they are running: no memory and no lock.
+// What streams ask the system for: no memory and no lock, handles from their first block on.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,9 +17,11 @@
 #include "DspCore/RecyclingPool.h"
 #include "DspCore/SampleRateConversion.h"
 #include "TestSignals.h"
+#include "interface/ProcessorState.h"
 #include "neural/MemoryStream.h"
 #include "neural/ModelOfAllLayers.h"
 #include "neural/NeuralModel.h"
+#include "neural/RandomGraph.h"
 #include "processors/BaseSpectralProcessor.h"
 
 namespace zevrant {
@@ -33,15 +35,21 @@ class SteadyState : public testing::Test {
         if (!allocationsAreRecycled()) GTEST_SKIP() << "every request goes to the system in this build";
     }
 
-    // Requests and locks of the second half of a stream of steps.
+    // Requests and locks of this thread while a step runs.
+    template <class Step>
+    static std::int64_t count(Step step) {
+        const std::int64_t before = countAllocations() + countLocks();
+        step();
+        return countAllocations() + countLocks() - before;
+    }
+
+    // Those of the second half of a stream of steps.
     template <class Step>
     static std::int64_t count(int numOfSteps, Step step) {
-        std::int64_t before = 0;
-        for (int i = 0; i < numOfSteps; ++i) {
-            if (i == numOfSteps / 2) before = countAllocations() + countLocks();
-            step();
-        }
-        return countAllocations() + countLocks() - before;
+        for (int i = 0; i < numOfSteps / 2; ++i) step();
+        return count([&] {
+            for (int i = numOfSteps / 2; i < numOfSteps; ++i) step();
+        });
     }
 };
 
@@ -183,8 +191,87 @@ TEST_F(SteadyState, framesThroughAllLayersAndTwoRates) {
     }
 }
 
-// Pushed and pulled through the C interface.
-TEST_F(SteadyState, aStreamThroughAHandle) {
+// What a host's calls ask for that adds blocks of these lengths and takes what is ready after each, on this
+// thread or on a new one.
+std::int64_t countRequestsOfHost(ProcessorState* handle, const std::vector<int>& lengths,
+                                 bool takesElsewhere) {
+    static const Audio sound = makeNoise(2, ProcessorState::longestBlock, 3);
+    static std::vector<float> taken(4 * std::size_t{ProcessorState::longestBlock});
+    const float* in[] = {sound[0].data(), sound[1].data()};
+    float* const out[] = {taken.data(), taken.data() + taken.size() / 2};
+    std::int64_t numOfRequests = 0;
+    const auto counted = [&](auto call) {
+        const std::int64_t before = countAllocations() + countLocks();
+        call();
+        numOfRequests += countAllocations() + countLocks() - before;
+    };
+    const auto take = [&] {
+        counted([&] { zevrantGetAudio(handle, out, zevrantGetNumOfPendingSamples(handle)); });
+    };
+    for (int length : lengths) {
+        counted([&] { zevrantAddAudio(handle, in, length); });
+        if (takesElsewhere)
+            std::thread(take).join();
+        else
+            take();
+    }
+    return numOfRequests;
+}
+
+// Every layer, branches of other rates and delays, and the models that ship.
+TEST_F(SteadyState, aHandleFromItsFirstBlockOn) {
+    const TemporaryFolder folder;
+    std::vector<std::string> paths;
+    for (const char* name : {"center-sides", "harmonic-percussive", "hiss-reduction"})
+        paths.push_back(std::string(MODELS_FOLDER "/") + name + ".zevrant");
+    const auto addModel = [&](const Bytes& bytes) {
+        paths.push_back(
+            folder.makeFile("model" + std::to_string(paths.size()), {bytes.begin(), bytes.end()}));
+    };
+    addModel(makeModelOfAllLayers(0x100a, TensorStorage::SinglePrecision, Packing::magnitudes(9)));
+    addModel(makeModelOfAllLayers(0x100a, TensorStorage::HalfPrecision, Packing::complexGroups(3, 12, 2)));
+    addModel(makeModelOfAllLayers(0x1004, TensorStorage::SinglePrecision, Packing::complexBins(9)));
+    for (int stride : {2, 3, 7}) {
+        ModelWriter rates("rates");
+        rates.setSampleRate(48000).setFrames(64, 64, 16).setChannels(2, 2).setPacking(Packing::magnitudes(8));
+        rates.addLayer("down", "input", Conv{.weights = makeWeights({3, 3, 2, 4}), .timeStride = stride});
+        rates.addLayer("up", "down",
+                       TransposedConv{.weights = makeWeights({3, 3, 2, 4}), .timeStride = stride});
+        rates.addLayer("late", "input", Conv{.weights = makeWeights({4, 1, 2, 2}), .timeOffset = 5 * stride});
+        rates.addLayer("sum", {"up", "input", "late"}, Arithmetic{Arithmetic::Add}).setOutput("sum");
+        addModel(rates.toBytes());
+    }
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+        test::RandomGraph graph(seed);
+        const auto& input = graph.getInput();
+        if (graph.getOutput().numOfFrequencies < input.numOfFrequencies) continue;  // too few to unpack
+        graph.writer.setFrames(64, 64, 32).setChannels(input.numOfChannels, 1);
+        addModel(graph.writer.setPacking(Packing::magnitudes(input.numOfFrequencies)).toBytes());
+    }
+
+    std::mt19937 random(1);
+    for (const std::string& path : paths)
+        for (int length : {1, 479, ProcessorState::longestBlock, 0}) {
+            std::vector<int> lengths(length == 1 ? 5000 : 20, length);
+            if (length == 0)
+                for (int& drawn : lengths)
+                    drawn = 1 + static_cast<int>(random() % ProcessorState::longestBlock);
+            for (double sampleRate : {48000.0, 96000.0}) {
+                ProcessorState* handle = zevrantCreateProcessor(path.c_str(), 2, sampleRate);
+                ASSERT_NE(handle, nullptr) << path;
+                for (int round = 0; round < 4; ++round) {
+                    zevrantSetParameterValue(handle, 512, round % 2 == 0 ? 0.0f : 30.0f);
+                    const bool takesElsewhere = round >= 2 && length != 1;
+                    EXPECT_EQ(countRequestsOfHost(handle, lengths, takesElsewhere), 0)
+                        << path << ", blocks of " << length << ", round " << round;
+                    zevrantResetProcessorState(handle);
+                }
+                zevrantDeleteProcessor(handle);
+            }
+        }
+}
+
+TEST_F(SteadyState, aHandleWithAnyControlsAndFormat) {
     ModelFolder models;
     for (int mode : {0, 1})
         for (int channels : {1, 2})
@@ -207,10 +294,18 @@ TEST_F(SteadyState, aStreamThroughAHandle) {
                         while (zevrantGetAudioInterleaved(handle, samples.data(), blockSize)) {
                         }
                     };
-                    EXPECT_EQ(count(200, inRows) + count(200, interleaved), 0)
+                    EXPECT_EQ(count([&] {
+                                  for (int i = 0; i < 200; ++i) inRows(), interleaved();
+                              }),
+                              0)
                         << "mode " << mode << ", " << channels << " channels, sensitivity " << sensitivity
                         << ", blocks of " << blockSize;
                 }
+}
+
+// Which starts with the first tensors: only they tell their shape.
+TEST_F(SteadyState, tensorsThroughAHandle) {
+    ModelFolder models;
     ModelState* model = zevrantCreateModel(models.write({.channels = 2, .delay = 1}).c_str());
     const int shape[] = {1, 129, 2};
     std::vector<float> tensor(258, 0.5f);
