@@ -56,9 +56,7 @@ class OwningStreamReader : public AudioReader {
     throw Error(kind, path + ": " + std::generic_category().message(errno));
 }
 
-}  // namespace
-
-std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optional<RawFormat>& raw) {
+std::unique_ptr<AudioReader> openAnyRate(const std::string& path, const std::optional<RawFormat>& raw) {
     if (path == "-") {
         struct stat status = {};
         const bool isRegular = fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode);
@@ -78,6 +76,17 @@ std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optio
     } catch (const UnknownFormat& unknown) {
         return openDecodedFile(path, unknown.reason);
     }
+}
+
+}  // namespace
+
+std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optional<RawFormat>& raw) {
+    std::unique_ptr<AudioReader> reader = openAnyRate(path, raw);
+    if (const int rate = reader->description.sampleRate; rate > highestSampleRate)
+        throw Error(ErrorKind::BadInput, reader->name + ": claims a sample rate of " + std::to_string(rate) +
+                                             " Hz, and " + std::to_string(highestSampleRate) +
+                                             " Hz is the limit");
+    return reader;
 }
 
 bool hasAudioExtension(const std::string& path) {

@@ -12,6 +12,9 @@
 
 namespace zevrant::audiofiles {
 
+// Hertz. Above it a header is damaged, and frames and conversions for it would take all memory.
+constexpr int highestSampleRate = 10'000'000;
+
 // Headerless samples, frame by frame.
 struct RawFormat {
     int numOfChannels = 0;
@@ -62,7 +65,8 @@ class AudioWriter {
 };
 
 // Opens a file that libsndfile or, where it is installed, ffmpeg reads, or for "-" and for pipes a stream:
-// WAV where it starts as one, otherwise raw, which then has to be given. Throws Error with BadInput.
+// WAV where it starts as one, otherwise raw, which then has to be given. Throws Error with BadInput, also for
+// rates above highestSampleRate.
 std::unique_ptr<AudioReader> openAudio(const std::string& path, const std::optional<RawFormat>& raw = {});
 
 // What stands behind the last point of a name, in lower case.

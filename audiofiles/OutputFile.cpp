@@ -38,6 +38,21 @@ int createUnique(fs::path& path) {
     return -1;
 }
 
+// Renaming asks for no right to the file that it replaces. So that is asked here, as writing into the file
+// would; a file without any right to write is kept from the superuser, too.
+void requireWritable(const fs::path& old, const struct stat& status, const std::string& name) {
+    if ((status.st_mode & 0222) == 0) failToWrite(name, EACCES);
+    if (faccessat(AT_FDCWD, old.c_str(), W_OK, AT_EACCESS) != 0) failToWrite(name, errno);
+}
+
+// Owners first: a change of them takes permissions away. Only the superuser gives files to others.
+void makeAlike(int descriptor, const struct stat& status) {
+    if (fchown(descriptor, status.st_uid, status.st_gid) != 0 &&
+        fchown(descriptor, static_cast<uid_t>(-1), status.st_gid) != 0)
+        return;  // then the permissions are those of a file of one's own
+    static_cast<void>(fchmod(descriptor, status.st_mode & 0777));
+}
+
 }  // namespace
 
 void ProtectedFiles::add(const fs::path& input) {
@@ -68,10 +83,14 @@ OutputFile::OutputFile(const fs::path& place, const ProtectedFiles& inputs) : pa
         const fs::path followed = fs::weakly_canonical(path, error);
         if (!error) target = followed;
     }
+    struct stat old = {};
+    const bool isThere = stat(target.c_str(), &old) == 0;
+    if (isThere) requireWritable(target, old, path.string());
     fs::path name = target.parent_path() / ("." + target.filename().string() + ".");
     descriptor = createUnique(name);
     if (descriptor < 0) failToWrite(path.string(), errno);
     temporary = name;
+    if (isThere) makeAlike(descriptor, old);
 }
 
 OutputFile::~OutputFile() {

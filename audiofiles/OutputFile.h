@@ -28,7 +28,9 @@ class ProtectedFiles {
 
 // A file that appears under its name only when it is complete. It is written beside its place under a
 // temporary name and renamed by commit(); destruction before that removes it. What was there before stays
-// until then. A symbolic link is followed, not replaced. Errors   Error with BadOutput.
+// until then, and is not replaced where it is read-only; its permissions, and as far as the system lets them
+// its owner and group, become those of the new file. A symbolic link is followed, not replaced.
+// Errors   Error with BadOutput.
 class OutputFile {
   public:
     OutputFile(const std::filesystem::path& place, const ProtectedFiles& inputs);

@@ -28,7 +28,7 @@ void describeKernel(const AnyConv& layer, bool isChannelWise, LayerReport& repor
 // Finds what no input could work with; false where it makes no sense to look at the input.
 template <class AnyConv>
 bool isKernelSound(const AnyConv& layer, LayerReport& report) {
-    const std::size_t numOfFaults = report.findings.size();
+    const auto firstFinding = std::ssize(report.findings);
     for (const auto& [field, stride] :
          {std::pair{"timeStride", layer.timeStride}, {"frequencyStride", layer.frequencyStride}})
         if (stride < 1)
@@ -46,7 +46,8 @@ bool isKernelSound(const AnyConv& layer, LayerReport& report) {
         report.addError("weights", toText(shape), "a kernel without values, which leaves the bias alone");
     if (layer.bias.hasElements())
         report.expectValues("bias", layer.bias, std::max(layer.outputChannels, 0), "the layer");
-    return report.findings.size() == numOfFaults;
+    return std::none_of(report.findings.begin() + firstFinding, report.findings.end(),
+                        [](const Finding& finding) { return finding.severity == Finding::Error; });
 }
 
 }  // namespace zevrant

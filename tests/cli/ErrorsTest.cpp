@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <csignal>
 #include <map>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "Program.h"
 #include "Sound.h"
@@ -82,6 +86,19 @@ TEST_F(ErrorsTest, inputs) {
         BadInput, "no audio file");
     expectFailure({"spectrogram", at("in.wav"), at("text"), "-o", at("out.png")}, BadInput, "no audio file");
     expectFailure({"compare", at("in.wav"), at("five.wav")}, BadInput, "differ in channels");
+}
+
+// A rate that no sound has would ask for all memory or for hours.
+TEST_F(ErrorsTest, aRateOfTwoGigahertz) {
+    std::string wav = folder.readFile("in.wav");
+    wav.replace(24, 4, std::string("\0\x94\x35\x77", 4));
+    const std::string path = folder.makeFile("fast.wav", wav), text = "a sample rate of 2000000000 Hz";
+    for (const auto& options : {std::vector<std::string>{}, {"--resample"}})
+        expectFailure(process("fast.wav", "model.zevrant", "out.wav", options), BadInput, text);
+    expectFailure({"spectrogram", path, "-o", at("out.png")}, BadInput, text);
+    expectFailure({"stems", path, "-m", at("model.zevrant"), "-d", at("new")}, BadInput, text);
+    expectRunFailure({.arguments = {"process", "-", "-m", at("model.zevrant"), "-o", "-"}, .input = wav},
+                     BadInput, text);
 }
 
 // A FLAC file that ends early is found out in the middle, when most of the output has been written.
@@ -220,6 +237,38 @@ TEST_F(ErrorsTest, outputsThatCannotBeWritten) {
     expectFailure(
         std::vector<std::string>{"process", at("in.wav"), "-m", at("model.zevrant"), "-o", "/dev/full"},
         BadOutput, "No space left");
+}
+
+TEST_F(ErrorsTest, whatIsReplacedStaysItsOwners) {
+    const std::string old = at("old.wav");
+    ASSERT_EQ(chmod(old.c_str(), 0444), 0);
+    expectFailure(process("in.wav", "model.zevrant", "old.wav"), BadOutput, "Permission denied");
+    ASSERT_EQ(chmod(old.c_str(), 0640), 0);
+    const bool canGive = geteuid() == 0 && chown(old.c_str(), 1234, 2345) == 0;
+    EXPECT_EQ(run(process("in.wav", "model.zevrant", "old.wav")).status, 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(old.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u);
+    EXPECT_GT(status.st_size, 40000);
+    if (canGive) {
+        EXPECT_EQ(std::make_pair(status.st_uid, status.st_gid), std::make_pair(1234u, 2345u));
+    }
+}
+
+// Whatever a command prints, help texts included: what does not arrive is an error.
+TEST_F(ErrorsTest, aFullStandardOutput) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {"--help"},
+             {"--version"},
+             {"stems", "--help"},
+             {"info"},
+             {"info", at("model.zevrant")},
+             {"info", at("model.zevrant"), "--dot"},
+             {"check", at("model.zevrant")},
+             {"bench", at("model.zevrant"), "--block", "64", "--seconds", "0"},
+             {"compare", at("in.wav"), at("in.wav"), "--json"},
+             {"completion", "zsh"}})
+        expectRunFailure({.arguments = arguments, .outputFile = "/dev/full"}, BadOutput, "standard output");
 }
 
 // A disk that fills up: at the header, in the middle, and in what is written last. What was there stays.

@@ -80,7 +80,8 @@ void becomeTerminal(Pipe& pipe) {
         const rlimit limit{bytes, bytes};
         setrlimit(RLIMIT_FSIZE, &limit);
     }
-    signal(SIGPIPE, SIG_DFL);
+    // Whoever started the tests may ignore signals, as a shell does for what runs in the background.
+    for (const int number : {SIGPIPE, SIGINT, SIGTERM, SIGHUP}) signal(number, SIG_DFL);
     std::vector<char*> arguments{const_cast<char*>("zevrant")};
     for (const std::string& argument : invocation.arguments)
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -110,12 +111,17 @@ Outcome run(const Invocation& invocation) {
     if (invocation.showsErrorsOnTerminal) becomeTerminal(err);
     const int file =
         invocation.inputFile.empty() ? -1 : open(invocation.inputFile.c_str(), O_RDONLY | O_CLOEXEC);
+    const int outputFile =
+        invocation.outputFile.empty() ? -1 : open(invocation.outputFile.c_str(), O_WRONLY | O_CLOEXEC);
     const pid_t process = fork();
-    if (process == 0) become(invocation, file >= 0 ? file : in.readEnd, out.writeEnd, err.writeEnd);
+    if (process == 0)
+        become(invocation, file >= 0 ? file : in.readEnd, outputFile >= 0 ? outputFile : out.writeEnd,
+               err.writeEnd);
     in.closeReadEnd();
     out.closeWriteEnd();
     err.closeWriteEnd();
-    if (file >= 0) close(file);
+    for (const int descriptor : {file, outputFile})
+        if (descriptor >= 0) close(descriptor);
     std::atomic<bool> hasStarted{false};
     std::thread feeder([&] {
         writeAll(in.writeEnd, invocation.input);

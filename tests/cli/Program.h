@@ -16,9 +16,10 @@ struct Outcome {
 
 struct Invocation {
     std::vector<std::string> arguments;
-    std::string input{};      // what standard input delivers through a pipe
-    std::string inputFile{};  // or the file that it is
-    std::string inputRest{};  // behind input, a while after the first output
+    std::string input{};       // what standard input delivers through a pipe
+    std::string inputFile{};   // or the file that it is
+    std::string outputFile{};  // what standard output is in place of a pipe
+    std::string inputRest{};   // behind input, a while after the first output
     bool showsErrorsOnTerminal = false;
     long mostFileBytes = -1;  // a limit on the size of files that it writes
     std::vector<std::pair<std::string, std::string>> environment{};

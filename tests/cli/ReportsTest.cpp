@@ -185,6 +185,45 @@ TEST_F(ReportsTest, infoListsTheModelsForPrograms) {
     EXPECT_FALSE(list["folders"].empty());
 }
 
+// Names in a model, and of the files, are data from outside: none moves the cursor, whoever prints it.
+TEST_F(ReportsTest, namesMoveNoCursor) {
+    const std::string hostile = "\x1b[2J\x7f\xc2\x9b\n\r\xff\"\\";
+    ASSERT_TRUE(std::filesystem::create_directory(folder.getPath(hostile)));
+    const auto at = [&](const std::string& name) { return folder.getPath(hostile + "/" + name); };
+    using namespace modelwriter;
+    ModelWriter(hostile)
+        .setInfoText(hostile)
+        .setBusses({hostile, "Rest"})
+        .setFrames(256, 256, 64)
+        .setPacking(Packing::magnitudes(129))
+        .addLayer(hostile, "input", Sigmoid{})
+        .setOutput(hostile)
+        .write(at("m"));
+    write(at("s.wav"), makeNoise(1, 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 4000));
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"info", at("m")},
+             {"info", at("m"), "--dot"},
+             {"info", at("m"), "--json"},
+             {"check", at("m")},
+             {"check", at("m"), "--json"},
+             {"bench", at("m"), "--block", "64", "--seconds", "0"},
+             {"bench", at("m"), "--block", "64", "--seconds", "0", "--json"},
+             {"stems", at("s.wav"), "-m", at("m"), "-d", at("stems")},
+             {"stems", at("s.wav"), at("s.wav"), "-m", at("m"), "-d", at("both")},
+             {"process", at("s.wav"), "-m", at("m"), "-o", at("o.wav"), "--solo", "none"},
+             {"process", at("s.wav"), "-m", at("m"), "-o", at("none/o.wav")},
+             {hostile}}) {
+        SCOPED_TRACE(arguments.front() + arguments.back());
+        const Outcome outcome = run(arguments);
+        const std::string text = outcome.out + outcome.err;
+        EXPECT_THAT(text, testing::AnyOf(HasSubstr("x1b[2J"), HasSubstr("u001b[2J")));
+        for (const char letter : text)
+            EXPECT_TRUE(letter == '\n' || (letter >= 0x20 && letter < 0x7f)) << static_cast<int>(letter);
+    }
+    EXPECT_EQ(Json::parse(run({"info", at("m"), "--json"}).out)["layers"][0]["name"].get<std::string>(),
+              "\x1b[2J\x7f\xc2\x9b\n\r\xef\xbf\xbd\"\\");
+}
+
 // As the shell asks: the words so far, the last of them under the cursor.
 TEST_F(ReportsTest, bashCompletesCommandsOptionsAndModels) {
     folder.makeFile("completion", run({"completion", "bash"}).out);

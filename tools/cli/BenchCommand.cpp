@@ -5,18 +5,16 @@
 #include <cstdio>
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/Commands.h"
 #include "cli/Interruption.h"
+#include "cli/Json.h"
 #include "cli/Model.h"
+#include "cli/Text.h"
 #include "separation/Separator.h"
 
 namespace zevrant::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int fewestBlocks = 1000;     // for a 99.9th percentile
 constexpr double warmUpSeconds = 0.5;  // of audio, beyond the latency
@@ -91,7 +89,7 @@ struct BenchCommand {
         Json rows = Json::array();
         if (!asJson) {
             std::printf("%s, %d channels, one thread; milliseconds per block\n\n",
-                        opened.network.modelName.c_str(), numOfChannels);
+                        makeHarmless(opened.network.modelName).c_str(), numOfChannels);
             std::printf("    rate  block  lasts    median  99 %%      99.9 %%    worst     speed\n");
         }
         for (const double sampleRate : sampleRates)
@@ -102,11 +100,9 @@ struct BenchCommand {
                 else
                     print(timing);
             }
-        if (asJson) {
-            const Json json = {
-                {"model", opened.network.modelName}, {"channels", numOfChannels}, {"timings", rows}};
-            std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
-        }
+        if (asJson)
+            writeJson(
+                Json({{"model", opened.network.modelName}, {"channels", numOfChannels}, {"timings", rows}}));
     }
 
     static void print(const Timing& timing) {

@@ -6,10 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/Commands.h"
 #include "cli/Failure.h"
+#include "cli/Json.h"
 #include "cli/Text.h"
 #include "neural/ModelLoader.h"
 #include "neural/ModelReport.h"
@@ -18,8 +17,6 @@
 namespace zevrant::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // Why the file is refused, or what reading it and the model that it makes have shown.
 std::vector<Finding> findFaults(const std::string& path) {
@@ -52,8 +49,7 @@ void printJson(const std::string& path, const std::vector<Finding>& findings) {
         if (finding.position >= 0) entry["position"] = finding.position;
         list.push_back(entry);
     }
-    const Json json = {{"path", path}, {"findings", list}};
-    std::printf("%s\n", json.dump(2, ' ', true, Json::error_handler_t::replace).c_str());
+    writeJson(Json({{"path", path}, {"findings", list}}));
 }
 
 struct CheckCommand {

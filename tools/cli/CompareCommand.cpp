@@ -3,18 +3,15 @@
 #include <limits>
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
 #include "audiofiles/Audio.h"
 #include "cli/Commands.h"
 #include "cli/Failure.h"
 #include "cli/Interruption.h"
+#include "cli/Json.h"
 
 namespace zevrant::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // How near an estimate comes to a reference, from the sums over all samples of all channels.
 //
@@ -85,8 +82,7 @@ struct CompareCommand {
                 json["siSdrOfMixture"] = ofMixture;
                 json["improvement"] = siSdr - ofMixture;
             }
-            std::printf("%s\n", json.dump(2).c_str());
-            return;
+            return writeJson(json);
         }
         std::printf("SI-SDR       %7.2f dB\n", siSdr);
         if (!mixture.empty())

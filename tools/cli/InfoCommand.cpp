@@ -2,10 +2,9 @@
 #include <filesystem>
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/Commands.h"
 #include "cli/Failure.h"
+#include "cli/Json.h"
 #include "cli/Model.h"
 #include "cli/Text.h"
 #include "neural/ModelReport.h"
@@ -14,8 +13,6 @@
 namespace zevrant::cli {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 std::string describePacking(const NeuralModel<float>& network, int packing) {
     const std::string fine = std::to_string(network.numFineBins), rest = std::to_string(network.numBins);
@@ -155,79 +152,76 @@ void printJson(const Summary& summary) {
                           {"latencyInFrames", layer.latency},
                           {"stateBytes", layer.numOfStateBytes}});
     }
-    const Json json = {
-        {"name", network.modelName},
-        {"path", summary.model.path.string()},
-        {"about", network.modelInfoText},
-        {"fileBytes", summary.getFileSize()},
-        {"sampleRate", network.sampleRate},
-        {"inputChannels", network.numOfInputChannels},
-        {"outputChannels", network.numOfOutputChannels},
-        {"fftSize", network.fftSize},
-        {"windowSize", network.windowSize},
-        {"hopSize", network.hopSize},
-        {"inputPacking", network.inputPacking},
-        {"outputPacking", network.outputPacking},
-        {"bins", network.numBins},
-        {"fineBins", network.numFineBins},
-        {"gives", network.processingMode == 0 ? "masks" : "spectra"},
-        {"busses", summary.model.getBusNames()},
-        {"latencyInFrames", network.latencyInFrames},
-        {"latencyInSamples", summary.latency},
-        {"latencyInMilliseconds", summary.toMilliseconds(summary.latency)},
-        {"inputShape", toJson(summary.report.input)},
-        {"layers", layers},
-        {"outputSources", summary.report.outputSources},
-        {"parameters", summary.report.numOfParameters},
-        {"multiplyAddsPerFrame", summary.report.multiplyAddsPerFrame},
-        {"multiplyAddsPerSecond", summary.report.multiplyAddsPerFrame * summary.framesPerSecond},
-        {"parameterBytes", summary.report.numOfParameterBytes},
-        {"stateBytes", summary.report.numOfStateBytes}};
-    std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    writeJson(Json({{"name", network.modelName},
+                    {"path", summary.model.path.string()},
+                    {"about", network.modelInfoText},
+                    {"fileBytes", summary.getFileSize()},
+                    {"sampleRate", network.sampleRate},
+                    {"inputChannels", network.numOfInputChannels},
+                    {"outputChannels", network.numOfOutputChannels},
+                    {"fftSize", network.fftSize},
+                    {"windowSize", network.windowSize},
+                    {"hopSize", network.hopSize},
+                    {"inputPacking", network.inputPacking},
+                    {"outputPacking", network.outputPacking},
+                    {"bins", network.numBins},
+                    {"fineBins", network.numFineBins},
+                    {"gives", network.processingMode == 0 ? "masks" : "spectra"},
+                    {"busses", summary.model.getBusNames()},
+                    {"latencyInFrames", network.latencyInFrames},
+                    {"latencyInSamples", summary.latency},
+                    {"latencyInMilliseconds", summary.toMilliseconds(summary.latency)},
+                    {"inputShape", toJson(summary.report.input)},
+                    {"layers", layers},
+                    {"outputSources", summary.report.outputSources},
+                    {"parameters", summary.report.numOfParameters},
+                    {"multiplyAddsPerFrame", summary.report.multiplyAddsPerFrame},
+                    {"multiplyAddsPerSecond", summary.report.multiplyAddsPerFrame * summary.framesPerSecond},
+                    {"parameterBytes", summary.report.numOfParameterBytes},
+                    {"stateBytes", summary.report.numOfStateBytes}}));
 }
 
-// A quoted name for Graphviz.
-std::string quote(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char letter : text) {
-        if (letter == '"' || letter == '\\') quoted += '\\';
-        quoted += letter;
+// Names for Graphviz, one below the other. A name stays one line of its own letters, whatever is in it.
+std::string quote(std::initializer_list<std::string> lines) {
+    std::string quoted;
+    for (const std::string& line : lines) {
+        if (line.empty()) continue;
+        quoted += quoted.empty() ? "" : "\\n";
+        for (const char letter : makeHarmless(line)) {
+            if (letter == '"' || letter == '\\') quoted += '\\';
+            quoted += letter;
+        }
     }
-    return quoted + "\"";
+    return "\"" + quoted + "\"";
 }
 
 void printDot(const Summary& summary) {
     const ModelReport& report = summary.report;
-    std::printf("digraph %s {\n", quote(summary.network.modelName).c_str());
+    std::printf("digraph %s {\n", quote({summary.network.modelName}).c_str());
     std::printf(
         "  rankdir=TB;\n  node [shape=box, style=rounded, fontname=\"sans-serif\", fontsize=11];\n"
         "  edge [fontname=\"sans-serif\", fontsize=9];\n"
         "  \"input\" [shape=ellipse];\n  \"output\" [shape=ellipse];\n");
-    for (const LayerReport& layer : report.layers) {
-        std::string label =
-            layer.name + "\n" + layer.kind + (layer.details.empty() ? "" : "\n" + layer.details);
-        std::string escaped = quote(label);
-        for (std::size_t at = 0; (at = escaped.find('\n', at)) != std::string::npos; at += 2)
-            escaped.replace(at, 1, "\\n");
-        std::printf("  %s [label=%s];\n", quote(layer.name).c_str(), escaped.c_str());
-    }
+    for (const LayerReport& layer : report.layers)
+        std::printf("  %s [label=%s];\n", quote({layer.name}).c_str(),
+                    quote({layer.name, layer.kind, layer.details}).c_str());
     SliceShape last = report.input;
     for (const LayerReport& layer : report.layers) {
         for (std::size_t i = 0; i < layer.sources.size(); ++i)
-            std::printf("  %s -> %s [label=\"%s\"];\n", quote(layer.sources[i]).c_str(),
-                        quote(layer.name).c_str(), toText(layer.inputs[i]).c_str());
+            std::printf("  %s -> %s [label=\"%s\"];\n", quote({layer.sources[i]}).c_str(),
+                        quote({layer.name}).c_str(), toText(layer.inputs[i]).c_str());
         for (const std::string& source : report.outputSources)
             if (source == layer.name) last = layer.output;
     }
     for (const std::string& source : report.outputSources)
-        std::printf("  %s -> \"output\" [label=\"%s\"];\n", quote(source).c_str(), toText(last).c_str());
+        std::printf("  %s -> \"output\" [label=\"%s\"];\n", quote({source}).c_str(), toText(last).c_str());
     std::printf("}\n");
 }
 
 void printModelList() {
-    for (const std::string& name : separation::listModels()) std::printf("%s\n", name.c_str());
+    for (const std::string& name : separation::listModels()) std::printf("%s\n", makeHarmless(name).c_str());
     for (const auto& folder : separation::getModelFolders())
-        std::printf("  looked for in %s\n", folder.c_str());
+        std::printf("  looked for in %s\n", makeHarmless(folder.string()).c_str());
 }
 
 void printModelListAsJson() {
@@ -235,8 +229,7 @@ void printModelListAsJson() {
     for (const std::string& name : separation::listModels())
         models.push_back({{"name", name}, {"path", separation::findModel(name).string()}});
     for (const auto& folder : separation::getModelFolders()) folders.push_back(folder.string());
-    const Json json = {{"models", models}, {"folders", folders}};
-    std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    writeJson(Json({{"models", models}, {"folders", folders}}));
 }
 
 struct InfoCommand {

@@ -41,7 +41,7 @@ void SeparationOptions::addTo(CLI::App& command) {
     command.add_option("--raw-channels", rawChannels, "Input without a header: its channels")
         ->check(CLI::Range(1, 1024));
     command.add_option("--raw-rate", rawRate, "Input without a header: sample rate in Hz")
-        ->check(CLI::Range(1, 10000000));
+        ->check(CLI::Range(1, audiofiles::highestSampleRate));
     command
         .add_option("--raw-format", rawFormat,
                     "Samples without a header, in and out: s16, s24, s32, f32 or f64, and le or be behind it")

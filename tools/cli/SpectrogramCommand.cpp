@@ -13,6 +13,7 @@ namespace zevrant::cli {
 namespace {
 
 constexpr double frameSeconds = 0.06;  // partials apart from each other, and attacks still steep
+constexpr int longestFrame = 65536;    // samples
 constexpr double lowestFrequency = 40.0;
 
 struct SpectrogramCommand {
@@ -89,8 +90,8 @@ struct SpectrogramCommand {
 
     int chooseFrameSize(const audiofiles::AudioReader& reader) const {
         if (frameSize > 0) return static_cast<int>(std::bit_ceil(static_cast<unsigned>(frameSize)));
-        return static_cast<int>(
-            std::bit_ceil(static_cast<unsigned>(frameSeconds * reader.description.sampleRate)));
+        const double wanted = frameSeconds * reader.description.sampleRate;
+        return static_cast<int>(std::bit_ceil(static_cast<unsigned>(std::min(wanted, double{longestFrame}))));
     }
 
     // In steps of 5 dB, so that pictures of like sounds have like scales.
@@ -122,7 +123,7 @@ void addSpectrogramCommand(CLI::App& program) {
     command
         ->add_option("--frame", options->frameSize,
                      "Samples per frame, raised to a power of two; without it 60 ms")
-        ->check(CLI::Range(64, 65536));
+        ->check(CLI::Range(64, longestFrame));
     command->add_option("--range", options->range, "Decibels from the brightest colour to black")
         ->check(CLI::Range(10.0, 200.0))
         ->capture_default_str();

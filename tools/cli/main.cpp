@@ -94,6 +94,12 @@ std::string suggest(const CLI::ParseError& error, const std::string& command, co
                           : ": the file of a model, or one of " + models + ", with -m";
 }
 
+// What the program has printed has to arrive: a full disk is an error, for a help text as for a report.
+int finishOutput() {
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return 0;
+    return report(ExitStatus::BadOutput, "standard output: cannot be written");
+}
+
 int run(int argc, char** argv) {
     CLI::App program(description, "zevrant");
     program.footer(footer);
@@ -117,16 +123,17 @@ int run(int argc, char** argv) {
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return program.exit(error);
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            program.exit(error);
+            return finishOutput();
+        }
         const std::string help = " (see zevrant " + (first.empty() ? "" : first + " ") + "--help)";
         return report(ExitStatus::WrongUsage, (error.what() + suggest(error, first, program) + help).c_str());
     } catch (const std::exception&) {
         const Failure failure = toFailure(std::current_exception());
         return report(failure.status, failure.what());
     }
-    if (std::fflush(stdout) != 0 || std::ferror(stdout))
-        return report(ExitStatus::BadOutput, "standard output: cannot be written");
-    return 0;
+    return finishOutput();
 }
 
 }  // namespace
