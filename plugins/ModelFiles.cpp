@@ -101,6 +101,7 @@ std::vector<ModelFile> listModelFiles() {
                 files.try_emplace(entry->path().stem().string(), entry->path());
     }
     std::vector<ModelFile> list;
+    list.reserve(files.size());
     for (const auto& [name, path] : files) list.push_back({name, path});
     return list;
 }
@@ -119,7 +120,7 @@ fs::path findModelFile(const ModelReference& reference) {
     const std::vector<ModelFile> files = listModelFiles();
     const auto ofName = std::find_if(files.begin(), files.end(),
                                      [&](const ModelFile& file) { return file.name == reference.name; });
-    const fs::path path = ofName != files.end() ? ofName->path : fs::path();
+    fs::path path = ofName != files.end() ? ofName->path : fs::path();
     if (reference.checksum.empty() || (!path.empty() && getChecksum(path) == reference.checksum)) return path;
     for (const ModelFile& file : files)
         if (getChecksum(file.path) == reference.checksum) return file.path;

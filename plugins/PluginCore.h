@@ -98,7 +98,7 @@ class PluginCore {
     // ---- audio
 
     // Makes ready for a rate, 1000 to 10000000 Hz, with the model that was asked for last and no audio in it.
-    // A fault leaves what passes audio. [host, not during process()]
+    // A fault leaves what passes audio; memory that runs out is std::bad_alloc. [host, not during process()]
     void activate(double sampleRate);
     void deactivate();
     bool isActive() const noexcept { return active; }

@@ -21,6 +21,8 @@ for parameter = 0, description:parameter_count() - 1 do
         ARDOUR.LuaAPI.set_processor_param(plugin, parameter, -12)
     end
 end
+if not bus:panner_shell():isnil() then bus:panner_shell():set_bypassed(true) end
+print("outputs", plugin:to_insert():output_streams():n_audio(), bus:n_outputs():n_audio())
 print("latency", plugin:to_insert():signal_latency())
 while not io.open(stop) do os.execute("sleep 0.2") end
 close_session()
