@@ -20,7 +20,8 @@ bool runModel(std::span<const std::uint8_t> bytes) {
     require(isLoaded != report.refusal.has_value(), "a refusal has a reason, and only that");
     if (!isLoaded) return false;
 
-    const auto findings = checkModel(model);
+    auto findings = checkModel(model);
+    findings.insert(findings.end(), report.findings.begin(), report.findings.end());
     const bool ran = attempt([&] {
         const int numOfBins = model.fftSize > 0 ? model.fftSize / 2 + 1 : 17;
         const ComplexSignal32 frame(std::max(1, model.numOfInputChannels), numOfBins, {0.5f, -0.25f});

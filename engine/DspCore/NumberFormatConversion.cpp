@@ -144,7 +144,9 @@ bool NumberFormatConversion::setPcmFormat(int bitsPerSample, bool newBigEndian) 
     }
 }
 
+// Without samples the memory may be null, which nothing may be added to.
 void NumberFormatConversion::convertToSignal32(void* interleaved, Signal32& out) const {
+    if (out.numOfSamples < 1) return;
     auto* samples = static_cast<std::byte*>(interleaved);
     for (int c = 0; c < out.numOfChannels; ++c)
         toFloat(samples + std::ptrdiff_t{c} * frameSize, out.getWriteChannelPtr(c), out.numOfSamples,
@@ -157,6 +159,7 @@ void NumberFormatConversion::convertToSignal32(void** planes, Signal32& out) con
 }
 
 void NumberFormatConversion::convertFromSignal32(const Signal32& in, void* interleaved) const {
+    if (in.numOfSamples < 1) return;
     auto* samples = static_cast<std::byte*>(interleaved);
     for (int c = 0; c < in.numOfChannels; ++c)
         fromFloat(in.getReadChannelPtr(c), samples + std::ptrdiff_t{c} * frameSize, in.numOfSamples,

@@ -245,6 +245,8 @@ void OutputLayer<T>::copyResults(Tensor<T>& joined) const {
         vo::copy(result.getReadPointer(), destination, count);
         destination += count;
     }
+    // Smaller slices than the first leave room, which must not show what the memory held before.
+    vo::setToZero(destination, static_cast<int>(joined.getNumOfElements() - numOfElements));
 }
 
 template <class T>

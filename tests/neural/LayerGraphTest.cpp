@@ -297,8 +297,12 @@ TEST(OutputLayer, resultsThatFitNoCommonShapeAreAnError) {
     EXPECT_THROW(output.getResults(), std::length_error);
     arrive({{}, {}});
     EXPECT_EQ(output.getResults().shape, (Shape{0, 0, 0}));
+    makeTensor({2, 3, 2});           // leaves its memory to the next of its size
     arrive({{1, 3, 2}, {1, 2, 2}});  // shorter ones fit
-    EXPECT_EQ(output.getResults().shape, (Shape{2, 3, 2}));
+    const Tensor<float> joined = output.getResults();
+    EXPECT_EQ(joined.shape, (Shape{2, 3, 2}));
+    EXPECT_EQ(valuesOf(joined).at(10), 0.0f);
+    EXPECT_EQ(valuesOf(joined).at(11), 0.0f);
     Tensor<float> hollow;
     hollow.shape = {1, 2, 2};
     output.push(hollow, nullptr);

@@ -46,13 +46,17 @@ double getPeakMegabytes() {
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
 }
 
+bool hasError(const std::vector<Finding>& findings) {
+    return std::any_of(findings.begin(), findings.end(),
+                       [](const Finding& finding) { return finding.severity == Finding::Error; });
+}
+
 // Load, two frames with a reset in between, delete. Returns whether the model has loaded. A refusal has a
 // reason, and a model that stops at a frame an error among its findings.
-bool runCase(const Bytes& bytes, double& longest) {
+bool runCase(const std::shared_ptr<InputStream>& stream, double& longest, LoadReport& report) {
     const double start = getThreadSeconds();
     NeuralModel<float> model;
-    LoadReport report;
-    const bool isLoaded = tryLoadModel(streamOver(bytes), model, report);
+    const bool isLoaded = tryLoadModel(stream, model, report);
     EXPECT_NE(isLoaded, report.refusal.has_value());
     if (isLoaded) {
         const int numOfBins = model.fftSize > 0 ? model.fftSize / 2 + 1 : 17;
@@ -62,15 +66,16 @@ bool runCase(const Bytes& bytes, double& longest) {
             model.reset();
             model.process(frame);
         } catch (const std::exception& error) {
-            report.findings = checkModel(model);
-            EXPECT_TRUE(
-                std::any_of(report.findings.begin(), report.findings.end(),
-                            [](const Finding& finding) { return finding.severity == Finding::Error; }))
-                << error.what();
+            EXPECT_TRUE(hasError(checkModel(model))) << error.what();
         }
     }
     longest = std::max(longest, getThreadSeconds() - start);
     return isLoaded;
+}
+
+bool runCase(const Bytes& bytes, double& longest) {
+    LoadReport report;
+    return runCase(streamOver(bytes), longest, report);
 }
 
 TEST(ModelSweep, theModelsThemselvesRunAndAResetMakesThemNew) {
@@ -101,6 +106,54 @@ TEST(ModelSweep, aFileCutAtAnyByteNeverLoads) {
                 runCase(Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)), longest))
                 << "cut at " << length;
     EXPECT_LT(longest, 1.0);
+}
+
+// A medium that fails at one read or from there on: with nothing, with an error, or half-way.
+class FailingStream : public MemoryStream {
+  public:
+    enum Way { Nothing, Error, Half };
+
+    FailingStream(const Bytes& content, int numberOfRead, Way failure, bool isForEver)
+        : MemoryStream(content), failingRead(numberOfRead), way(failure), lasts(isForEver) {}
+
+    int read(void* destination, int size) override {
+        if (size < 1) return 0;
+        const bool fails = numOfReads == failingRead || (lasts && numOfReads > failingRead);
+        ++numOfReads;
+        if (fails && way == Error) return -1;
+        return MemoryStream::read(destination, !fails ? size : way == Half ? size / 2 : 0);
+    }
+
+    int numOfReads = 0;
+
+  private:
+    int failingRead;
+    Way way;
+    bool lasts;
+};
+
+TEST(ModelSweep, aReadThatFailsIsTold) {
+    double longest = 0.0;
+    for (const Bytes& bytes : makeModels())
+        for (const auto way : {FailingStream::Nothing, FailingStream::Error, FailingStream::Half})
+            for (const bool lasts : {false, true})
+                for (int read = 0;; ++read) {
+                    LoadReport report;
+                    const auto stream = std::make_shared<FailingStream>(bytes, read, way, lasts);
+                    const bool isLoaded = runCase(stream, longest, report);
+                    if (stream->numOfReads <= read) {
+                        EXPECT_TRUE(isLoaded && read > 100) << "the model takes " << read << " reads";
+                        break;
+                    }
+                    ASSERT_TRUE(report.refusal || hasError(report.findings)) << "read " << read;
+                }
+    EXPECT_LT(longest, 1.0);
+    for (const char* path : {"/proc/self/mem", "/"}) {  // both open, and no byte can be read
+        NeuralModel<float> model;
+        LoadReport report;
+        EXPECT_FALSE(tryLoadModel(File(path), model, report));
+        EXPECT_TRUE(report.refusal);
+    }
 }
 
 // ZEVRANT_SWEEP_CASES sets another number of cases, and ZEVRANT_SWEEP_SEED another seed.

@@ -12,26 +12,16 @@
 #include <thread>
 #include <vector>
 
+#include "RealtimeScope.h"
 #include "TestSignals.h"
 #include "files/TemporaryFolder.h"
 #include "interface/zevrant.h"
 #include "neural/ModelOfAllLayers.h"
 
-extern "C" void __rtsan_realtime_enter();
-extern "C" void __rtsan_realtime_exit();
-
 namespace zevrant {
 namespace {
 
 using namespace modelwriter;
-
-class RealtimeScope {
-  public:
-    RealtimeScope() { __rtsan_realtime_enter(); }
-    ~RealtimeScope() { __rtsan_realtime_exit(); }
-    RealtimeScope(const RealtimeScope&) = delete;
-    RealtimeScope& operator=(const RealtimeScope&) = delete;
-};
 
 void allocateInRealtime() {
     const RealtimeScope scope;
