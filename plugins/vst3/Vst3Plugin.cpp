@@ -118,6 +118,11 @@ class Vst3Plugin final : public IComponent, public IAudioProcessor, public IEdit
           numOfOutputs(1 + static_cast<std::int32_t>(plugin.getBusNames().size())),
           outRows(static_cast<std::size_t>(numOfOutputs * numOfChannels)) {}
 
+    // Behind the functions of the interfaces in its table, where no host looks.
+    virtual ~Vst3Plugin() { setComponentHandler(nullptr); }
+    Vst3Plugin(const Vst3Plugin&) = delete;
+    Vst3Plugin& operator=(const Vst3Plugin&) = delete;
+
     // ---- FUnknown
 
     v3_result queryInterface(const v3_tuid iid, void** object) override {
@@ -352,8 +357,6 @@ class Vst3Plugin final : public IComponent, public IAudioProcessor, public IEdit
     v3_plugin_view** createView(const char*) override { return nullptr; }  // hosts draw their own
 
   private:
-    ~Vst3Plugin() { setComponentHandler(nullptr); }
-
     // No exception goes to the host.
     template <class Action>
     static v3_result guarded(const Action& action) noexcept {
@@ -450,6 +453,8 @@ class Vst3Plugin final : public IComponent, public IAudioProcessor, public IEdit
 
 class Factory final : public IPluginFactory3 {
   public:
+    virtual ~Factory() = default;
+
     v3_result queryInterface(const v3_tuid iid, void** object) override {
         const bool isKnown =
             v3_tuid_match(iid, v3_funknown_iid) || v3_tuid_match(iid, v3_plugin_factory_iid) ||
