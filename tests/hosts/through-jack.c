@@ -20,14 +20,24 @@ static float *played, *recorded;
 static long numOfPlayed, length;
 static jack_client_t *player, *recorder;
 static jack_port_t *outputs[channels], *inputs[channels];
+static bool isLive;
 static atomic_bool isReady;
-static _Atomic unsigned start; /* frame of the server that is sample 0; 0: not yet */
-static atomic_long numOfRecorded;
+static _Atomic unsigned start;           /* frame of the server that is sample 0, live; 0: not yet */
+static atomic_long place, numOfRecorded; /* sample that the period starts with */
 
+/* Live, periods may be missed, and the server's clock tells. Otherwise the recorder, which hangs on the
+ * player, runs behind it in every period. */
 static int play(jack_nframes_t count, void* unused) {
     (void)unused;
-    if (isReady && !start) start = jack_last_frame_time(player) + 8 * count;
-    const long first = start ? (long)(int)(jack_last_frame_time(player) - start) : -(long)count;
+    if (!isReady) {
+        place = -8 * (long)count;
+    } else if (isLive) {
+        if (!start) start = jack_last_frame_time(player) + 8 * count;
+        place = (long)(int)(jack_last_frame_time(player) - start);
+    } else {
+        place += (long)count;
+    }
+    const long first = place;
     for (int c = 0; c < channels; ++c) {
         float* out = jack_port_get_buffer(outputs[c], count);
         for (long i = 0; i < (long)count; ++i) {
@@ -40,8 +50,8 @@ static int play(jack_nframes_t count, void* unused) {
 
 static int record(jack_nframes_t count, void* unused) {
     (void)unused;
-    if (!start) return 0;
-    const long first = (long)(int)(jack_last_frame_time(recorder) - start);
+    if (!isReady || (isLive && !start)) return 0;
+    const long first = isLive ? (long)(int)(jack_last_frame_time(recorder) - start) : place;
     for (int c = 0; c < channels; ++c) {
         const float* in = jack_port_get_buffer(inputs[c], count);
         for (long i = 0; i < (long)count; ++i)
@@ -101,7 +111,7 @@ int main(int argc, char** argv) {
         if (range.max > told) told = range.max;
     }
     printf("%u %u %u\n", jack_get_sample_rate(recorder), jack_get_buffer_size(recorder), told);
-    const bool isLive = argc == 9;
+    isLive = argc == 9;
     if (!isLive) jack_set_freewheel(recorder, 1);
     isReady = true;
     while (numOfRecorded < length) usleep(50000);
