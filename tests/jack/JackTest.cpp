@@ -30,7 +30,7 @@ constexpr int period = 1024;
 constexpr const char* model = MODELS_FOLDER "/harmonic-percussive.zevrant";
 
 bool waitFor(const std::function<bool()>& isTrue) {
-    for (int i = 0; i < 600; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+    for (int i = 0; i < 1200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(50)))
         if (isTrue()) return true;
     return false;
 }
@@ -214,8 +214,8 @@ std::vector<float> separate(const std::vector<float>& signal, int samplesBefore,
 
 TEST_F(JackTest, soundsLikeTheStreamAndFindsItsPlaceAgain) {
     startServer();
-    Process program({ZEVRANT_JACK, "-m", model, "--level", "percussive=-12", "--from", "player", "--to",
-                     "recorder", "-q"});
+    Process program(
+        {ZEVRANT_JACK, "-m", model, "--level", "percussive=-12", "--from", "player", "--to", "recorder"});
     ASSERT_TRUE(waitFor([&] { return clients->isConnected(); }));
 
     // Frames of the model begin where the program has begun, so many whole blocks ago.
