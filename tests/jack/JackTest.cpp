@@ -30,7 +30,7 @@ constexpr int period = 1024;
 constexpr const char* model = MODELS_FOLDER "/harmonic-percussive.zevrant";
 
 bool waitFor(const std::function<bool()>& isTrue) {
-    for (int i = 0; i < 600; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+    for (int i = 0; i < 1200; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(50)))
         if (isTrue()) return true;
     return false;
 }
@@ -118,7 +118,8 @@ class PlayerAndRecorder {
 
   private:
     jack_client_t* open(const char* name, JackProcessCallback callback) {
-        jack_client_t* client = jack_client_open(name, JackNoStartServer, nullptr);
+        const auto options = static_cast<jack_options_t>(JackNoStartServer | JackUseExactName);
+        jack_client_t* client = jack_client_open(name, options, nullptr);
         if (client) jack_set_process_callback(client, callback, this);
         return client;
     }
@@ -169,7 +170,12 @@ class JackTest : public testing::Test {
             "/bin/sh", "-c",
             "exec " JACKD " -n " + name + " -S -t 5000 --no-realtime -d dummy -C 0 -P 0 -r " +
                 std::to_string(sampleRate) + " -p " + std::to_string(period) + " >/dev/null 2>&1"});
+        startClients();
+    }
+    // Under their own names alone, which those before them may hold for a moment yet.
+    void startClients() {
         ASSERT_TRUE(waitFor([&] {
+            clients.reset();
             clients = std::make_unique<PlayerAndRecorder>();
             return clients->isOpen();
         })) << "no server";
@@ -208,8 +214,8 @@ std::vector<float> separate(const std::vector<float>& signal, int samplesBefore,
 
 TEST_F(JackTest, soundsLikeTheStreamAndFindsItsPlaceAgain) {
     startServer();
-    Process program({ZEVRANT_JACK, "-m", model, "--level", "percussive=-12", "--from", "player", "--to",
-                     "recorder", "-q"});
+    Process program(
+        {ZEVRANT_JACK, "-m", model, "--level", "percussive=-12", "--from", "player", "--to", "recorder"});
     ASSERT_TRUE(waitFor([&] { return clients->isConnected(); }));
 
     // Frames of the model begin where the program has begun, so many whole blocks ago.
@@ -228,9 +234,7 @@ TEST_F(JackTest, soundsLikeTheStreamAndFindsItsPlaceAgain) {
     EXPECT_TRUE(waitFor([&] { return static_cast<int>(clients->getLatency()) == latency; }))
         << clients->getLatency() << " instead of " << latency;
 
-    clients.reset();  // the player and the recorder end and start again
-    clients = std::make_unique<PlayerAndRecorder>();
-    ASSERT_TRUE(clients->isOpen());
+    startClients();  // the player and the recorder end and start again
     EXPECT_TRUE(waitFor([&] { return clients->isConnected(); }));
 
     stopServer();
