@@ -102,11 +102,11 @@ struct PluginCore::Source {
     // Of output 0, the main one, or of that of bus output - 1.
     void fillRow(int output, int channel, int numOfSamples, int from, int target) {
         float* row = out[static_cast<std::size_t>(output * numOfChannels + channel)].data();
-        const float* input = late[static_cast<std::size_t>(channel)].data();
+        const float* through = late[static_cast<std::size_t>(channel)].data();
         const bool isMain = output == 0, hasInput = isMain || output == numOfBusses;
         if (from == target && target == 0) {
             if (hasInput)
-                std::copy_n(input, numOfSamples, row);
+                std::copy_n(through, numOfSamples, row);
             else
                 std::fill_n(row, numOfSamples, 0.0f);
             return;
@@ -124,7 +124,7 @@ struct PluginCore::Source {
         for (int i = 0; i < numOfSamples; ++i) {
             const int time = std::clamp(from + step * (i + 1), 0, fadeLength);
             const float factor = static_cast<float>(time) / static_cast<float>(fadeLength);
-            row[i] = factor * row[i] + (hasInput ? (1.0f - factor) * input[i] : 0.0f);
+            row[i] = factor * row[i] + (hasInput ? (1.0f - factor) * through[i] : 0.0f);
         }
     }
 
