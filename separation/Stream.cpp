@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "DspCore/MathEx.h"
+#include "DspCore/Signals.h"
 #include "simd/FloatingPointState.h"
 
 namespace zevrant::separation {
@@ -19,6 +20,8 @@ constexpr double fadeSeconds = 0.02;
 constexpr float silentLevel = -144.0f;  // decibels
 constexpr int longestPart = 1024;       // of a block, in samples, that is processed at once
 constexpr int fewestRunInHops = 16;
+constexpr int numOfSpareFrames = 4;
+constexpr double longestSpare = 65536.0;
 constexpr double mostSamplesPerFrame = 1 << 22;
 constexpr int mostHopsOfLatency = 4096;
 
@@ -131,6 +134,12 @@ void Stream::runIn(const Model& model) {
     for (auto& sensitivity : bent.sensitivities) sensitivity = 10.0f;
     const Controls* followed = std::exchange(controls, &bent);
     reset();
+    // How many frames are in use at once depends on how blocks and hops meet: a few more are there.
+    const double scale = std::max(workingRate / model.network.sampleRate, 1.0);
+    const auto longestFrame = static_cast<int>(
+        std::clamp(std::max(model.network.fftSize, model.network.windowSize) * scale, 0.0, longestSpare));
+    std::vector<Signal32> spare;
+    for (int i = 0; i < numOfSpareFrames; ++i) spare.emplace_back(format.numOfChannels, longestFrame);
     const int hops = fewestRunInHops + 2 * (separator->getLatency() / hopSize + 1);
     const auto numOfSamples = static_cast<std::int64_t>(
         std::ceil(static_cast<double>(hops) * hopSize * format.sampleRate / workingRate));
