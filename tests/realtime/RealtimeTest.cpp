@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "RealtimeScope.h"
@@ -51,28 +49,15 @@ std::vector<int> makeBlockSizes(int size) {
     return sizes;
 }
 
-// Turns every control, in and out of its range, for as long as it lives.
-class ControlThread {
-  public:
-    explicit ControlThread(ProcessorState* handle)
-        : thread([this, handle] {
-              for (int step = 0; !isOver; ++step)
-                  for (int id : {1, 2, 3, 256, 257, 512, 513, 9999}) {
-                      zevrantSetParameterValue(handle, id, static_cast<float>(step % 250 - 125));
-                      zevrantGetParameterValue(handle, id);
-                  }
-          }) {}
-    ~ControlThread() {
-        isOver = true;
-        thread.join();
-    }
-    ControlThread(const ControlThread&) = delete;
-    ControlThread& operator=(const ControlThread&) = delete;
-
-  private:
-    std::atomic<bool> isOver{false};
-    std::thread thread;
-};
+// Turns every control, in and out of its range.
+auto turnControlsOf(ProcessorState* handle) {
+    return [handle](int step) {
+        for (int id : {1, 2, 3, 256, 257, 512, 513, 9999}) {
+            zevrantSetParameterValue(handle, id, static_cast<float>(step % 250 - 125));
+            zevrantGetParameterValue(handle, id);
+        }
+    };
+}
 
 // Adds the blocks one after the other and takes what is ready after each.
 std::int64_t stream(ProcessorState* handle, const std::vector<int>& blockSizes, bool isInterleaved) {
@@ -104,7 +89,7 @@ void expectRealtime(const std::string& path, double sampleRate) {
             const std::vector<int> blockSizes = makeBlockSizes(size);
             stream(handle, {}, isInterleaved);  // makes the buffers of this host
             for (int round = 0; round < 2; ++round) {
-                const ControlThread controls(handle);
+                const ControlThread controls(turnControlsOf(handle));
                 {
                     const RealtimeScope scope;
                     EXPECT_GT(stream(handle, blockSizes, isInterleaved), 0);

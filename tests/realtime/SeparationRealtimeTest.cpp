@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "RealtimeScope.h"
@@ -30,29 +28,16 @@ std::vector<int> makeBlockSizes() {
     return sizes;
 }
 
-// Turns every control, in and out of its range, for as long as it lives.
-class ControlThread {
-  public:
-    explicit ControlThread(ZevrantSeparation* separation)
-        : thread([this, separation] {
-              for (int step = 0; !isOver; ++step)
-                  for (const int bus : {0, 1, 2, 99}) {
-                      zevrantSeparationSetLevel(separation, bus, static_cast<float>(step % 60 - 40));
-                      zevrantSeparationSetSensitivity(separation, bus, static_cast<float>(step % 250 - 125));
-                      zevrantSeparationSetMaskExtrapolation(separation, step % 2 == 0);
-                  }
-          }) {}
-    ~ControlThread() {
-        isOver = true;
-        thread.join();
-    }
-    ControlThread(const ControlThread&) = delete;
-    ControlThread& operator=(const ControlThread&) = delete;
-
-  private:
-    std::atomic<bool> isOver{false};
-    std::thread thread;
-};
+// Turns every control, in and out of its range.
+auto turnControlsOf(ZevrantSeparation* separation) {
+    return [separation](int step) {
+        for (const int bus : {0, 1, 2, 99}) {
+            zevrantSeparationSetLevel(separation, bus, static_cast<float>(step % 60 - 40));
+            zevrantSeparationSetSensitivity(separation, bus, static_cast<float>(step % 250 - 125));
+            zevrantSeparationSetMaskExtrapolation(separation, step % 2 == 0);
+        }
+    };
+}
 
 struct Buffers {
     std::vector<float> in = noise(numOfChannels * longestBlock, 1, 0.25f);
@@ -120,7 +105,7 @@ TEST(Realtime, separationOfEveryShippedModel) {
                 for (const bool isInterleaved : {false, true}) {
                     int numOfFailures = 0;
                     {
-                        const ControlThread controls(separation);
+                        const ControlThread controls(turnControlsOf(separation));
                         const RealtimeScope scope;
                         numOfFailures = stream(separation, sizes, buffers, isInterleaved);
                     }
