@@ -139,6 +139,7 @@ void Stream::runIn(const Model& model) {
     const auto longestFrame = static_cast<int>(
         std::clamp(std::max(model.network.fftSize, model.network.windowSize) * scale, 0.0, longestSpare));
     std::vector<Signal32> spare;
+    spare.reserve(numOfSpareFrames);
     for (int i = 0; i < numOfSpareFrames; ++i) spare.emplace_back(format.numOfChannels, longestFrame);
     const int hops = fewestRunInHops + 2 * (separator->getLatency() / hopSize + 1);
     const auto numOfSamples = static_cast<std::int64_t>(
