@@ -33,8 +33,13 @@ class Source:
         self.samples = int(info.frames * RATE / self.rate)
         self._level: float | None = None
 
-    def read(self, begin: int, length: int) -> Audio:
-        """Silence beyond the end."""
+    def read(self, begin: int, length: int, speed: float = 1.0) -> Audio:
+        """Silence beyond the end. Played so much faster, which raises pitch and formants alike."""
+        if speed == 1.0:
+            return self.original(begin, length)
+        return effects.change_speed(self.original(begin, int(np.ceil(length * speed))), speed)[:length]
+
+    def original(self, begin: int, length: int) -> Audio:
         ratio = self.rate / RATE
         sound, _ = soundfile.read(
             self.path,
@@ -83,6 +88,11 @@ def find_songs(folder: Path, targets: tuple[str, ...]) -> list[Song]:
     return found
 
 
+def random_speed(c: Chance, slowest: int, fastest: int) -> float:
+    """In sixteenths; a ratio that resampling does quickly."""
+    return int(c.integers(slowest, fastest + 1)) / 16
+
+
 class Mixer(ABC):
     """Draws excerpts [stems, samples, channels], the rest last; they add up to the mix."""
 
@@ -116,9 +126,11 @@ class SongMixer(Mixer):
     def begin(self, song: Song, c: Chance) -> int:
         return int(c.integers(max(1, song.samples - self.samples)))
 
-    def part(self, source: Source, begin: int, c: Chance, coherent: bool) -> Audio:
+    def part(self, source: Source, begin: int, c: Chance, coherent: bool, speed: float = 1.0) -> Audio:
         """One file's excerpt with a level, a place and sometimes a width of its own."""
-        sound = source.read(begin, self.samples)
+        if not coherent and c.random() < 0.4:
+            speed = random_speed(c, 12, 18)
+        sound = source.read(begin, self.samples, speed)
         sound = sound * np.float32(0.1 / source.level * 10 ** (c.uniform(-5, 5) / 20))
         if not coherent and c.random() < 0.5:
             sound = sound[:, ::-1]
@@ -127,9 +139,11 @@ class SongMixer(Mixer):
         return sound
 
     def stem(self, name: str, song: Song, begin: int, c: Chance, coherent: bool) -> Audio:
+        """At times drums or strings of another size: one instrument of the samples becomes many."""
         out = np.zeros((self.samples, 2), np.float32)
+        speed = random_speed(c, 12, 18) if coherent and c.random() < 0.3 else 1.0
         for source in song.stems.get(name, []):
-            out += self.part(source, begin, c, coherent)
+            out += self.part(source, begin, c, coherent, speed)
         return out
 
     def draw(self, c: Chance) -> Audio:
@@ -146,8 +160,6 @@ class SongMixer(Mixer):
             if c.random() < 0.5:
                 stems[-1] = self.band(c)
         for number in range(len(stems)):
-            if c.random() < 0.2:
-                stems[number] = effects.change_speed(stems[number], c, self.samples)
             if c.random() < 0.5:
                 stems[number] = -stems[number]
         return self.level(stems, c)
@@ -215,19 +227,20 @@ class SpeechMixer(Mixer):
         shares = np.array([share for _, share in collections])
         self.shares = shares / shares.sum()
 
-    def voice(self, speaker: list[Source], c: Chance) -> Audio:
-        out = np.zeros((self.samples, 2), np.float32)
+    def voice(self, speaker: list[Source], c: Chance, speed: float = 1.0) -> Audio:
+        samples = int(np.ceil(self.samples * speed))
+        out = np.zeros((samples, 2), np.float32)
         begin = -int(c.integers(2 * RATE))
-        while begin < self.samples:
+        while begin < samples:
             source = speaker[c.integers(len(speaker))]
             first = max(0, -begin)
             if first < source.samples:
-                sound = source.read(first, source.samples - first)[: self.samples - max(begin, 0)]
+                sound = source.read(first, source.samples - first)[: samples - max(begin, 0)]
                 out[max(begin, 0) : max(begin, 0) + len(sound)] += (
                     sound / np.float32(source.level) * np.float32(0.1)
                 )
             begin += source.samples + int(c.exponential(0.5) * RATE)
-        return out
+        return out if speed == 1.0 else effects.change_speed(out, speed)[: self.samples]
 
     def noise(self, kinds: list[list[Source]], c: Chance) -> Audio:
         kind = kinds[c.integers(len(kinds))]
@@ -239,9 +252,9 @@ class SpeechMixer(Mixer):
 
     def draw(self, c: Chance) -> Audio:
         voices = self.collections[c.choice(len(self.collections), p=self.shares)][0]
-        speech = self.voice(voices.speakers[c.integers(len(voices.speakers))], c)
-        if c.random() < 0.3:
-            speech = effects.change_speed(speech, c, self.samples)
+        # From a throat a quarter longer to one a quarter shorter: voices are few, and listeners many.
+        speed = random_speed(c, 13, 20) if c.random() < 0.6 else 1.0
+        speech = self.voice(voices.speakers[c.integers(len(voices.speakers))], c, speed)
         noise = self.noise(voices.noises, c)
         if c.random() < 0.4:
             noise = noise + self.noise(voices.noises, c) * np.float32(10 ** (c.uniform(-10, 5) / 20))
@@ -254,7 +267,7 @@ class SpeechMixer(Mixer):
         silent = c.random()
         if silent < 0.04:
             speech = np.zeros_like(speech)
-        elif silent < 0.12:
+        elif silent < 0.16:
             noise = np.zeros_like(noise)
         stems = np.stack([speech, noise])[:, :, :1] * np.float32(1.0 if c.random() < 0.5 else -1.0)
         return stems * np.float32(10 ** (c.uniform(-30, 0) / 20) / (np.abs(stems.sum(axis=0)).max() + 1e-9))

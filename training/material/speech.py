@@ -24,20 +24,28 @@ class Voice:
     english: bool
     split: str
     faster: float = 1.0  # played so much faster, which shortens the throat and raises the voice
+    vocoded: bool = False  # each sentence gets another throat and another pitch
 
 
+PEOPLE = (
+    ("kal", "festival", "kal_diphone"),
+    ("kal", "flite", "kal16"),
+    ("ked", "festival", "ked_diphone"),
+    ("nsh", "festival", "msu_ru_nsh_clunits"),
+)
 VOICES = (
     # kal and slt are the same people in festival and in flite. To train on: recordings on permissive terms,
     # and a synthesizer that computes its voices. Those under the GPL and LGPL judge. No woman is among the
-    # people to train on; shorter throats of the men stand in for them.
+    # people to train on; shorter throats of the men, and what a vocoder makes of them, stand in for women.
     *(
-        Voice(f"{name}{faster * 100:.0f}", program, voice, faster > 1.2, True, "train", faster)
+        Voice(f"{name}{faster * 100:.0f}", program, voice, faster > 1.2, name != "nsh", "train", faster)
         for faster in (1.0, 1.125, 1.25, 1.375)
-        for name, program, voice in (
-            ("kal", "festival", "kal_diphone"),
-            ("kal", "flite", "kal16"),
-            ("ked", "festival", "ked_diphone"),
-        )
+        for name, program, voice in PEOPLE
+    ),
+    *(
+        Voice(f"{name}-{throats}", program, voice, False, name != "nsh", "train", vocoded=True)
+        for throats in ("a", "b", "c", "d")
+        for name, program, voice in PEOPLE
     ),
     Voice("pc", "festival", "pc_diphone", False, False, "test"),
     Voice("dita", "festival", "czech_dita", True, False, "test"),
@@ -128,6 +136,10 @@ ENDINGS = (
 )
 
 
+# What a Russian voice is given to read.
+CYRILLIC = str.maketrans("bdfghklmnprstvzaeiou", "бдфгхклмнпрствзаеиоу")
+
+
 def sentence(chance: random.Random, english: bool) -> str:
     if english:
         return " ".join(
@@ -209,6 +221,34 @@ def speak(voice: Voice, text: str, chance: random.Random) -> tuple[Mono, int]:
     return sound[:, 0], int(rate * voice.faster)
 
 
+def with_another_throat(sound: Mono, rate: int, chance: random.Random) -> Mono:
+    """The same words by somebody else: pitch, liveliness and formants by chance, through the WORLD vocoder.
+
+    At times the envelope keeps a few dozen coefficients only, as in voices that are modelled statistically.
+    """
+    import pyworld
+
+    samples = sound.astype(np.float64)
+    coarse, times = pyworld.dio(samples, rate)
+    pitch = pyworld.stonemask(samples, coarse, times, rate)
+    envelope = pyworld.cheaptrick(samples, pitch, times, rate)
+    noisiness = pyworld.d4c(samples, pitch, times, rate)
+    if chance.random() < 0.4:
+        count = chance.randint(24, 60)
+        coded = pyworld.code_spectral_envelope(envelope, rate, count)
+        envelope = pyworld.decode_spectral_envelope(coded, rate, 2 * (envelope.shape[1] - 1))
+    higher = 2 ** chance.uniform(-0.5, 1.2)
+    shorter = chance.uniform(0.85, 1.0) if higher < 1 else chance.uniform(0.95, 1.3)
+    bins = np.arange(envelope.shape[1])
+    for frames in (envelope, noisiness):
+        frames[:] = [np.interp(bins / shorter, bins, frame) for frame in frames]
+    voiced = pitch > 0
+    if voiced.any():
+        middle = np.exp(np.log(pitch[voiced]).mean())
+        pitch[voiced] = middle * higher * (pitch[voiced] / middle) ** chance.uniform(0.3, 1.8)
+    return np.asarray(pyworld.synthesize(pitch, envelope, noisiness, rate), np.float32)
+
+
 def voices(split: str) -> dict[str, list[Voice]]:
     """By speaker."""
     found: dict[str, list[Voice]] = {}
@@ -230,6 +270,10 @@ def write_speech(folder: Path, split: str, files: int, seed: int) -> None:
             chance = random.Random(f"{seed} {speaker} {number}")
             voice = chance.choice(choices)
             text = " ".join(sentence(chance, voice.english) for _ in range(2))
+            if voice.name == "msu_ru_nsh_clunits":
+                text = text.translate(CYRILLIC)
             sound, rate = speak(voice, text, chance)
+            if voice.vocoded:
+                sound = with_another_throat(sound, rate, chance)
             if len(sound) > rate:
                 soundfile.write(path, sound * (0.9 / (np.abs(sound).max() + 1e-9)), rate, subtype="PCM_16")

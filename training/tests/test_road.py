@@ -102,7 +102,7 @@ class Rendered(mixing.Source):
     def __init__(self, name: str, sound: mixing.Audio) -> None:
         self.path, self.sound, self.samples, self._level = Path(name), sound, len(sound), None
 
-    def read(self, begin: int, length: int) -> mixing.Audio:
+    def original(self, begin: int, length: int) -> mixing.Audio:
         return np.pad(self.sound, ((0, max(0, begin + length - self.samples)), (0, 0)))[
             begin : begin + length
         ]
