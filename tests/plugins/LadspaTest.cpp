@@ -55,8 +55,10 @@ TEST_F(LadspaTest, namesAndNumbersStay) {
                                         "latency"};
     };
     EXPECT_EQ(found["center-sides"], makeNames("12559001", "Center", "Sides"));
+    EXPECT_EQ(found["drums"], makeNames("3548986", "Drums", "Rest"));
     EXPECT_EQ(found["harmonic-percussive"], makeNames("13045232", "Harmonic", "Percussive"));
     EXPECT_EQ(found["hiss-reduction"], makeNames("15983248", "Clean", "Noise"));
+    EXPECT_EQ(found["speech"], makeNames("9220311", "Speech", "Background"));
 }
 
 TEST_F(LadspaTest, playsWhatTheSeparationGives) {

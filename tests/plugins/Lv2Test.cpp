@@ -195,7 +195,8 @@ TEST(Lv2, descriptionsAreCompleteAndSymbolsStay) {
     EXPECT_EQ(lilv_plugins_size(lilv_world_get_all_plugins(host.world)),
               2 * plugins::getShippedModels().size() + 1);
     for (const char* uri : {"urn:zevrant:harmonic-percussive", "urn:zevrant:harmonic-percussive:stems",
-                            "urn:zevrant:center-sides", "urn:zevrant:hiss-reduction", "urn:zevrant:any"}) {
+                            "urn:zevrant:center-sides", "urn:zevrant:hiss-reduction", "urn:zevrant:drums",
+                            "urn:zevrant:speech", "urn:zevrant:any"}) {
         const LilvPlugin* plugin = host.find(uri);
         ASSERT_NE(plugin, nullptr) << uri;
         EXPECT_TRUE(lilv_plugin_verify(plugin));
