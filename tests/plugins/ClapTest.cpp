@@ -267,8 +267,10 @@ float getLargestDifference(const std::vector<float>& a, const std::vector<float>
 TEST(Clap, idsAndNamesStay) {
     const std::map<std::string, std::vector<std::string>> busses = {
         {"zevrant.center-sides", {"Center", "Sides"}},
+        {"zevrant.drums", {"Drums", "Rest"}},
         {"zevrant.harmonic-percussive", {"Harmonic", "Percussive"}},
         {"zevrant.hiss-reduction", {"Clean", "Noise"}},
+        {"zevrant.speech", {"Speech", "Background"}},
         {"zevrant.any-model", {"Bus 1", "Bus 2", "Bus 3", "Bus 4", "Bus 5", "Bus 6", "Bus 7", "Bus 8"}}};
     std::set<std::string> ids;
     for (std::uint32_t i = 0; i < getFactory().get_plugin_count(&getFactory()); ++i)
