@@ -16,9 +16,7 @@ namespace {
 
 constexpr double leastPartOfHostRate = 0.9;    // that the working rate has to reach
 constexpr double negligibleDifference = 1e-4;  // of rates: a sample in two seconds at the most
-constexpr double fadeSeconds = 0.02;
-constexpr float silentLevel = -144.0f;  // decibels
-constexpr int longestPart = 1024;       // of a block, in samples, that is processed at once
+constexpr float silentLevel = -144.0f;         // decibels
 constexpr int fewestRunInHops = 16;
 constexpr int numOfSpareFrames = 4;
 constexpr double longestSpare = 65536.0;

@@ -15,6 +15,9 @@
 
 namespace zevrant::separation {
 
+constexpr int longestPart = 1024;     // of a block, in samples, that is processed at once
+constexpr double fadeSeconds = 0.02;  // from one gain or model to the next
+
 // Where the controls of a stream are to go. Any thread, at any time.
 struct Controls {
     static constexpr std::size_t mostBusses = 16;

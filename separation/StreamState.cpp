@@ -12,10 +12,8 @@ namespace zevrant::separation {
 
 namespace {
 
-constexpr int longestPart = 1024;  // samples
 constexpr int mostWaitingBlocks = 4;
 constexpr std::int64_t mostSamplesInBlock = 1 << 24;  // of all channels that come out
-constexpr double fadeSeconds = 0.02;
 
 std::vector<float*> makeRows(std::vector<std::vector<float>>& channels, int numOfChannels, int length) {
     channels.assign(static_cast<std::size_t>(numOfChannels),

@@ -14,6 +14,7 @@
 #include "DspCore/MathEx.h"
 #include "DspCore/PffftMemory.h"
 #include "DspCore/RecyclingPool.h"
+#include "DspCore/VectorOperations.h"
 #include "pffft.h"
 
 namespace zevrant {
@@ -81,13 +82,6 @@ void transformShort(const ShortBuffer& roots, bool forward, const Complex* in, i
     }
 }
 
-float* asFloats(std::complex<float>* bins) {
-    return reinterpret_cast<float*>(bins);
-}
-const float* asFloats(const std::complex<float>* bins) {
-    return reinterpret_cast<const float*>(bins);
-}
-
 template <class T>
 void checkRoom(const Signal<T>& out, int numOfChannels, int numOfColumns) {
     if (numOfChannels > 0 && (out.numOfChannels < numOfChannels || out.numOfSamples < numOfColumns))
@@ -125,7 +119,7 @@ class FourierTransform::Plan {
             out[half].imag(0.0f);
             return;
         }
-        pffft_transform_ordered(setup.get(), in, asFloats(out), work.get(), PFFFT_FORWARD);
+        pffft_transform_ordered(setup.get(), in, vo::asReals(out), work.get(), PFFFT_FORWARD);
         out[half] = out[0].imag();
         out[0].imag(0.0f);
     }
@@ -147,7 +141,7 @@ class FourierTransform::Plan {
             for (int n = 0; n < length; ++n) out[n] = static_cast<float>(samples[n].real());
             return;
         }
-        pffft_zreorder(setup.get(), asFloats(in), reordered.get(), PFFFT_BACKWARD);
+        pffft_zreorder(setup.get(), vo::asReals(in), reordered.get(), PFFFT_BACKWARD);
         reordered[nyquistSlot] = in[half].real();
         pffft_transform(setup.get(), reordered.get(), out, work.get(), PFFFT_BACKWARD);
     }
@@ -160,7 +154,7 @@ class FourierTransform::Plan {
             for (int n = 0; n < length; ++n) out[n] = std::complex<float>(results[n]);
             return;
         }
-        pffft_transform_ordered(setup.get(), asFloats(in), asFloats(out), work.get(),
+        pffft_transform_ordered(setup.get(), vo::asReals(in), vo::asReals(out), work.get(),
                                 forward ? PFFFT_FORWARD : PFFFT_BACKWARD);
     }
 

@@ -21,6 +21,14 @@
 // Threads   Free of state; any thread at any time.
 namespace zevrant::vo {
 
+// Bins as twice as many real numbers.
+inline float* asReals(std::complex<float>* bins) noexcept {
+    return reinterpret_cast<float*>(bins);
+}
+inline const float* asReals(const std::complex<float>* bins) noexcept {
+    return reinterpret_cast<const float*>(bins);
+}
+
 // out[i] = value
 void setToValue(float value, float* out, int n) noexcept;
 void setToValue(std::complex<float> value, std::complex<float>* out, int n) noexcept;

@@ -16,14 +16,6 @@ namespace {
 constexpr float floorOfMagnitude = 1e-12f;
 constexpr float pi = 3.1415927f;
 
-// Bins as pairs of real numbers.
-float* asReals(std::complex<float>* bins) {
-    return reinterpret_cast<float*>(bins);
-}
-const float* asReals(const std::complex<float>* bins) {
-    return reinterpret_cast<const float*>(bins);
-}
-
 // Whether no value is NaN or of a magnitude above limit. Without their sign bits, floats order like the
 // integers of the same bits, with NaN at the top, and integers compare in vectors on every processor.
 bool areBounded(const float* values, int count, float limit) {
@@ -37,7 +29,8 @@ bool areBounded(const float* values, int count, float limit) {
 // Whether all moduli are sure to be finite: the square of no part overflows.
 bool hasFiniteModuli(const ComplexSignal32& signal) {
     for (int c = 0; c < signal.numOfChannels; ++c)
-        if (!areBounded(asReals(signal.getReadChannelPtr(c)), 2 * signal.numOfSamples, 1e18f)) return false;
+        if (!areBounded(vo::asReals(signal.getReadChannelPtr(c)), 2 * signal.numOfSamples, 1e18f))
+            return false;
     return true;
 }
 
@@ -87,8 +80,8 @@ void MaskShaping::shapeRow(const std::complex<float>* mask, float curve, int num
     vo::pow(factor, curve - 1.0f, factor, numOfBins);
 
     if (areBounded(m, numOfSamples, FLT_MAX)) {
-        const float* in = asReals(mask);
-        float* out = asReals(shaped);
+        const float* in = vo::asReals(mask);
+        float* out = vo::asReals(shaped);
         for (int i = 0; i < numOfBins; ++i) {
             out[2 * i] = in[2 * i] * factor[i];
             out[2 * i + 1] = in[2 * i + 1] * factor[i];

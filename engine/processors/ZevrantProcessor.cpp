@@ -36,19 +36,11 @@ void requireShape(const ComplexSignal32& signal, const ComplexSignal32& shape, c
         throw std::out_of_range(text);
 }
 
-// Bins as pairs of real numbers.
-float* asReals(std::complex<float>* bins) {
-    return reinterpret_cast<float*>(bins);
-}
-const float* asReals(const std::complex<float>* bins) {
-    return reinterpret_cast<const float*>(bins);
-}
-
 ComplexSignal32 scale(const ComplexSignal32& signal, float gain) {
     ComplexSignal32 scaled(signal.numOfChannels, signal.numOfSamples);
     for (int c = 0; c < signal.numOfChannels; ++c)
-        vo::constantMultiply(asReals(signal.getReadChannelPtr(c)), gain,
-                             asReals(scaled.getWriteChannelPtr(c)), 2 * signal.numOfSamples);
+        vo::constantMultiply(vo::asReals(signal.getReadChannelPtr(c)), gain,
+                             vo::asReals(scaled.getWriteChannelPtr(c)), 2 * signal.numOfSamples);
     return scaled;
 }
 
