@@ -32,6 +32,12 @@ Execution::~Execution() {
     require(stopwatch.getSeconds() < getMostSeconds(), "an execution takes no more than a second");
 }
 
+bool Budget::take(double seconds) {
+    if (!(seconds <= secondsLeft)) return false;
+    secondsLeft -= seconds;
+    return true;
+}
+
 void require(bool holds, const char* text) {
     if (holds) return;
     std::fprintf(stderr, "does not hold: %s\n", text);

@@ -26,6 +26,19 @@ class Execution {
     Stopwatch stopwatch;
 };
 
+// What one execution may have a model do, by the prices of its layers, which docs/model-format.md limits. A
+// step may cost a core a second, and under sanitizers everything takes ten to thirty times as long; so what
+// is dearer than the budget is loaded and described and not run, and what takes much more than its price
+// stands out.
+class Budget {
+  public:
+    // False, with nothing taken, where less is left.
+    bool take(double seconds);
+
+  private:
+    double secondsLeft = 0.02;
+};
+
 // Runs a call that may end in a standard exception and in no other. False if it did.
 template <class Call>
 bool attempt(Call call) {

@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "Execution.h"
+#include "interface/ProcessorState.h"
+#include "neural/ModelReport.h"
 
 namespace zevrant::fuzz {
 
@@ -38,6 +40,16 @@ Host::Host(const std::string& modelPath, int numOfModels, int numOfChannels, dou
                      ? zevrantCreateProcessor(paths[0], numOfChannels, sampleRate)
                      : zevrantCreateStemSeparator(numOfModels, const_cast<const char**>(paths.data()),
                                                   numOfChannels, sampleRate));
+    if (!handle) return;
+    ZevrantProcessor& processor = handle->processor;
+    const double rows = static_cast<double>(channels) * (1 + processor.getNumOfOutputBusses(true));
+    for (const NeuralModel<float>& model : processor.getNeuralModels())
+        secondsPerFrame += estimateSeconds(describeModel(model).step, rows * processor.fftSize);
+}
+
+// The price of the frames that so many samples can complete.
+double Host::estimateBlock(int numOfSamples) const {
+    return secondsPerFrame * (1 + numOfSamples / std::max(1, handle->processor.hopSize));
 }
 
 bool Host::act(Choices& choices) {
@@ -65,6 +77,7 @@ bool Host::act(Choices& choices) {
 void Host::add(Choices& choices) {
     const int length = chooseBlock(choices);
     const int seed = choices.takeByte();
+    if (!budget.take(estimateBlock(length))) return;
     std::vector<float> samples = makeValues(static_cast<std::size_t>(channels * length), seed);
     isInputFinite = isInputFinite && areFinite(samples);
     numOfAdded += length;

@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "Choices.h"
+#include "Execution.h"
 #include "interface/zevrant.h"
 
 namespace zevrant::fuzz {
 
 // A host with a processor handle that does one thing after the other, as chosen, and holds the answers
-// against what zevrant.h promises of every model.
+// against what zevrant.h promises of every model. It adds no more audio than an execution's budget is for.
 class Host {
   public:
     Host(const std::string& modelPath, int numOfModels, int numOfChannels, double sampleRate);
@@ -32,12 +33,15 @@ class Host {
     int getLatency() const;
 
   private:
+    double estimateBlock(int numOfSamples) const;
     void add(Choices& choices);
     void take(Choices& choices);
     void setParameter(Choices& choices);
     void inquire(Choices& choices);
 
     std::unique_ptr<ProcessorState, void (*)(ProcessorState*)> handle{nullptr, zevrantDeleteProcessor};
+    Budget budget;
+    double secondsPerFrame = 0.0;
     int channels;
     std::int64_t numOfAdded = 0, numOfTaken = 0;
     bool isInputFinite = true, isOutputFinite = true;

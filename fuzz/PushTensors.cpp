@@ -7,6 +7,7 @@
 #include "Execution.h"
 #include "interface/ModelState.h"
 #include "neural/MemoryStream.h"
+#include "neural/ModelReport.h"
 
 namespace zevrant::fuzz {
 
@@ -26,6 +27,13 @@ std::vector<int> chooseShape(Choices& choices, const ModelState& model) {
     return shape;
 }
 
+// The price of a push.
+double estimatePush(const ModelState& model, const std::vector<int>& shape) {
+    if (shape.size() < 3) return 0.0;
+    const ModelReport report = describeModel(model, {shape[1], shape[2]});
+    return std::max(0, shape[0]) * estimateSeconds(report.step, 0.0);
+}
+
 }  // namespace
 
 bool pushTensors(std::span<const std::uint8_t> choiceBytes, std::span<const std::uint8_t> bytes,
@@ -36,12 +44,13 @@ bool pushTensors(std::span<const std::uint8_t> choiceBytes, std::span<const std:
     attempt([&] { isLoaded = model.loadModel(streamOver({bytes.begin(), bytes.end()})); });
     if (!isLoaded) return false;
 
+    Budget budget;
     for (int left = 6; left > 0; --left) {
         const auto shape = chooseShape(choices, model);
         const std::int64_t count =
             std::accumulate(shape.begin(), shape.end(), std::int64_t{1},
                             [](std::int64_t product, int axis) { return product * axis; });
-        if (std::abs(count) > maxElements) continue;
+        if (std::abs(count) > maxElements || !budget.take(estimatePush(model, shape))) continue;
         const auto values =
             makeValues(static_cast<std::size_t>(std::max<std::int64_t>(count, 0)), choices.takeByte());
         const bool isDone =

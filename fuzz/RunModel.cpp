@@ -22,9 +22,13 @@ bool runModel(std::span<const std::uint8_t> bytes) {
 
     auto findings = checkModel(model);
     findings.insert(findings.end(), report.findings.begin(), report.findings.end());
+    const int numOfBins = model.fftSize > 0 ? model.fftSize / 2 + 1 : 17;
+    const int numOfChannels = std::max(1, model.numOfInputChannels);
+    const StepCost step = describeModel(model).step;
+    if (!Budget().take(2.0 * estimateSeconds(step, static_cast<double>(numOfBins) * numOfChannels)))
+        return true;
     const bool ran = attempt([&] {
-        const int numOfBins = model.fftSize > 0 ? model.fftSize / 2 + 1 : 17;
-        const ComplexSignal32 frame(std::max(1, model.numOfInputChannels), numOfBins, {0.5f, -0.25f});
+        const ComplexSignal32 frame(numOfChannels, numOfBins, {0.5f, -0.25f});
         model.process(frame);
         model.reset();
         model.process(frame);

@@ -136,6 +136,10 @@ void Separator::reset() {
     }
 }
 
+RunInPlan Separator::planRunIn() const {
+    return RunInPlan(engines.front()->processor);
+}
+
 // ---- controls ----------------------------------------------------------------------------------
 
 float Separator::getGain(int bus) const {

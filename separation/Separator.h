@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "processors/RunIn.h"
 #include "separation/Error.h"
 #include "separation/Model.h"
 
@@ -69,6 +70,9 @@ class Separator {
 
     // Samples from one frame to the next: what is added completes a frame wherever it reaches a multiple.
     int getHopSize() const { return hopSize; }
+
+    // How many hops bring all the blocks that audio will take.
+    RunInPlan planRunIn() const;
 
   private:
     struct Engine;

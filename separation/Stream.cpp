@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "DspCore/MathEx.h"
-#include "DspCore/Signals.h"
 #include "simd/FloatingPointState.h"
 
 namespace zevrant::separation {
@@ -18,8 +17,6 @@ constexpr double leastPartOfHostRate = 0.9;    // that the working rate has to r
 constexpr double negligibleDifference = 1e-4;  // of rates: a sample in two seconds at the most
 constexpr float silentLevel = -144.0f;         // decibels
 constexpr int fewestRunInHops = 16;
-constexpr int numOfSpareFrames = 4;
-constexpr double longestSpare = 65536.0;
 constexpr double mostSamplesPerFrame = 1 << 22;
 constexpr int mostHopsOfLatency = 4096;
 
@@ -125,36 +122,30 @@ void Stream::connectConverters() {
     returned.reserve(static_cast<std::size_t>(toHostRate->getMostOutput(longestWork)) * width);
 }
 
-// Runs until all that is made on the way is there: rings, nodes, scratch for bent masks. A model that fails
-// at its first frame, or gives less than it says, is found out here.
+// Runs the model in, so that all that is made on the way is there: rings, nodes, scratch for bent masks. A
+// model that fails at its first frame, or gives less than it says, is found out here.
 void Stream::runIn(const Model& model) {
     Controls bent;
-    for (auto& sensitivity : bent.sensitivities) sensitivity = 10.0f;
     const Controls* followed = std::exchange(controls, &bent);
-    reset();
-    // How many frames are in use at once depends on how blocks and hops meet: a few more are there.
-    const double scale = std::max(workingRate / model.network.sampleRate, 1.0);
-    const auto longestFrame = static_cast<int>(
-        std::clamp(std::max(model.network.fftSize, model.network.windowSize) * scale, 0.0, longestSpare));
-    std::vector<Signal32> spare;
-    spare.reserve(numOfSpareFrames);
-    for (int i = 0; i < numOfSpareFrames; ++i) spare.emplace_back(format.numOfChannels, longestFrame);
-    const int hops = fewestRunInHops + 2 * (separator->getLatency() / hopSize + 1);
-    const auto numOfSamples = static_cast<std::int64_t>(
-        std::ceil(static_cast<double>(hops) * hopSize * format.sampleRate / workingRate));
-    const int partLength = std::min(longestPart, format.longestBlock);
+    const RunInPlan plan = separator->planRunIn();
+    const auto hostHop = static_cast<int>(std::ceil(hopSize * format.sampleRate / workingRate));
+    const int partLength = std::min({longestPart, format.longestBlock, hostHop});
     const std::vector<float> sound(static_cast<std::size_t>(partLength), 1e-3f);
     std::vector<float> heard(static_cast<std::size_t>(partLength));
     const std::vector<const float*> in(static_cast<std::size_t>(format.numOfChannels), sound.data());
     const std::vector<float*> out(static_cast<std::size_t>(numOfOutputs), heard.data());
-    for (std::int64_t done = 0; done < numOfSamples; done += partLength) {
-        if (done > numOfSamples / 2)
-            for (auto& sensitivity : bent.sensitivities) sensitivity = -10.0f;
-        process(in.data(), out.data(), partLength);
-        if (failure) refuse(model);
+    const int fewestHops = fewestRunInHops + 2 * (separator->getLatency() / hopSize + 1);
+    for (int round = 0; round < RunInPlan::numOfRounds; ++round) {
+        for (auto& sensitivity : bent.sensitivities) sensitivity = round == 0 ? 10.0f : -10.0f;
+        reset();
+        plan.run(pool, round == 0 ? fewestHops : 0, [&] {
+            for (int rest = hostHop; rest > 0; rest -= partLength)
+                process(in.data(), out.data(), std::min(rest, partLength));
+            if (failure) refuse(model);
+        });
+        if (hasFallenShort)
+            throw Error(ErrorKind::BadModel, model.name + ": keeps more samples back than its latency says");
     }
-    if (hasFallenShort)
-        throw Error(ErrorKind::BadModel, model.name + ": keeps more samples back than its latency says");
     controls = followed;
 }
 

@@ -10,8 +10,7 @@
 #include "DspCore/MathEx.h"
 #include "DspCore/VectorOperations.h"
 #include "files/File.h"
-#include "neural/ModelLimits.h"
-#include "neural/ModelReport.h"
+#include "processors/RunIn.h"
 #include "simd/FloatingPointState.h"
 
 using namespace zevrant;
@@ -34,36 +33,6 @@ struct ParameterAddress {
 
 constexpr std::int64_t mostSamplesHeld = 1 << 23;
 constexpr float bent = 10.0f;  // a sensitivity that is not neutral takes the most memory
-
-// How long a model is run in. A graph has come to rest when what is delayed has met what is not, and when
-// each layer that slices reach now and then has had some. No frames for a model that one core cannot run in
-// real time, nor for several models.
-struct RunInPlan {
-    explicit RunInPlan(ZevrantProcessor& processor) {
-        if (processor.getNeuralModels().size() != 1 || processor.windowSize < 1 || processor.hopSize < 1)
-            return;
-        const NeuralModel<float>& model = processor.getNeuralModels().front();
-        const ModelReport report = describeModel(model);
-        const double bins = static_cast<double>(processor.fftSize) * processor.inputFormat.getNumOfChannels();
-        const double work = report.step.work + workPerTrigger * report.step.triggers + workPerBin * bins;
-        const double seconds = work / limits::workPerSecond;
-        if (!(seconds <= processor.hopSize / processor.inputFormat.sampleRate)) return;
-
-        double slowest = 1.0;  // slices per frame
-        for (const LayerReport& layer : report.layers)
-            if (layer.slicesPerFrame > 0.0) slowest = std::min(slowest, layer.slicesPerFrame);
-        const double delay = std::max(model.latencyInFrames, 0) + std::max(model.numHistoryFrames, 0);
-        framesOfQuiet = static_cast<int>(std::min(8.0 + delay + 2.0 / slowest, 1e4));
-        mostFrames = static_cast<int>(std::min(3.0 * framesOfQuiet, mostSeconds / seconds));
-        if (!RecyclingPool::keepsBlocks) mostFrames = std::min(mostFrames, 2);
-    }
-
-    static constexpr double mostSeconds = 1.0;  // for each of two rounds
-    static constexpr double workPerTrigger = 32.0, workPerBin = 128.0;
-
-    int framesOfQuiet = 0;
-    int mostFrames = 0;
-};
 
 }  // namespace
 
@@ -105,9 +74,9 @@ bool ProcessorState::load(int count, const char** paths, int numOfChannels, doub
     return true;
 }
 
-// Silence runs through the model until nothing new is asked for, once from the start and once from a reset,
-// and then all is put back as the load has left it, but that the memory stays. What frames take depends on
-// the state of the stream and not on the length of blocks; for that, the samples that wait at most are held.
+// Silence runs through the model, and then all is put back as the load has left it, but that the memory
+// stays. What frames take depends on the state of the stream and not on the length of blocks; for that, the
+// samples that wait at most are held.
 void ProcessorState::runIn() {
     const RunInPlan plan(processor);
     const std::int64_t mostQueued =
@@ -121,13 +90,8 @@ void ProcessorState::runIn() {
         processor.inputQueue.reserveNodes(mostQueued);
         outputQueue.reserveNodes(mostQueued);
         for (int bus = 0; bus < ZevrantProcessor::numOfControls; ++bus) processor.setSensitivity(bus, bent);
-        for (int round = 0; round < 2; ++round) {
-            int numOfQuiet = 0;
-            for (int frame = 0; frame < plan.mostFrames && numOfQuiet < plan.framesOfQuiet; ++frame) {
-                const std::int64_t before = pool.getNumOfRequests();
-                processSilence();
-                numOfQuiet = pool.getNumOfRequests() == before ? numOfQuiet + 1 : 0;
-            }
+        for (int round = 0; round < RunInPlan::numOfRounds; ++round) {
+            plan.run(pool, 0, [this] { processSilence(); });
             reset();
         }
     } catch (const std::bad_alloc&) {

@@ -395,6 +395,11 @@ ModelReport describeModel(const NeuralModel<float>& model, const SliceShape& inp
     return Walk(model, input).run();
 }
 
+double estimateSeconds(const StepCost& step, double numOfBins) {
+    constexpr double workPerTrigger = 32.0, workPerBin = 128.0;
+    return (step.work + workPerTrigger * step.triggers + workPerBin * numOfBins) / limits::workPerSecond;
+}
+
 void requireModestGraph(const ModelReport& report) {
     requireAtMost(report.step.slices, limits::slicesPerStep, "slices");
     requireAtMost(report.step.triggers, limits::triggersPerStep, "triggers");

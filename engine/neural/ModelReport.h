@@ -18,6 +18,9 @@ struct StepCost {
     std::string dearest;    // the layer with most of the work
 };
 
+// The time in seconds that such a step takes one core at most, with the transforms of so many bins around it.
+double estimateSeconds(const StepCost& step, double numOfBins);
+
 // What a loaded model is, does and costs, worked out from its file alone: no frame is run and no memory taken
 // for one. Shapes and rates follow from the input, layer by layer.
 struct ModelReport {
