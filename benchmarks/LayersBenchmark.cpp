@@ -1,11 +1,17 @@
-// The layers, one new slice in, and what comes of it: each beside its plain loop, beside oneDNN where that is
-// found, and beside what this core can do, all in turns within one run.
+// The layers, one new slice in, and what comes of it: each beside its plain loop, beside the libraries that
+// are found, and beside what this core can do, all in turns within one run, in time that this thread has a
+// core for.
 //
-//   us         one push of the whole layer, its copies into and out of the rings included
+//   us         one push of the whole layer, its copies into and out of the rings included: the median
 //   GFLOPs     two operations for each product that the definition has inside the band
 //   peak       fraction of the multiply-adds that this core does on registers alone: each turn beside the
 //              peak of that turn, as the clock changes; of ten turns the second best counts
-//   vs_loop    the plain loop's time over ours      vs_onednn   our time over oneDNN's
+//   vs_loop    the plain loop's time over ours
+//   vs_onednn, vs_xnnpack   our time over that of the library in the form in which it is fastest, which the
+//              label names: the median over the turns
+//   other_prefetch   the time with weights asked for ahead where this processor's kernels do not, or not
+//   asked
+//              for where they do, over ours
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -20,11 +26,13 @@
 #include "DspCore/VectorOperations.h"
 #include "Interleaved.h"
 #include "LayerLoops.h"
-#include "OneDnnLayers.h"
+#include "PeerLayers.h"
 #include "kernels/PackedWeights.h"
 #include "modelwriter/ModelWriter.h"
 #include "neural/LayerTable.h"
 #include "neural/MemoryStream.h"
+#include "simd/Dispatch.h"
+#include "simd/TargetOverride.h"
 
 namespace kernels = zevrant::kernels;
 namespace writer = zevrant::modelwriter;
@@ -71,10 +79,44 @@ struct LayerAlone {
     std::shared_ptr<BaseLayer<float>> layer;
 };
 
-// Runs all in turns; loop and peer may be empty.
+// A library in its fastest form.
+class Peer {
+  public:
+    Peer(std::string nameOfLibrary, const PeerForms& forms) : name(std::move(nameOfLibrary)) {
+        std::vector<ShortestTime> times(forms.size());
+        for (int turn = 0; turn < 30; ++turn)
+            for (std::size_t i = 0; i < forms.size(); ++i) times[i].add(10, forms[i].run);
+        double best = 1e9;
+        for (std::size_t i = 0; i < forms.size(); ++i)
+            if (times[i].microseconds() < best) best = times[i].microseconds(), form = forms[i];
+    }
+    void add(int numOfCalls, double ours) {
+        if (!form.run) return;
+        form.run();
+        ratios.push_back(ours / timeBatch(numOfCalls, form.run));
+    }
+    void report(benchmark::State& state, std::string& label) const {
+        if (!form.run) return;
+        state.counters["vs_" + name] = findMedian(ratios);
+        label += (label.empty() ? "" : "; ") + name + ": " + form.name;
+    }
+
+  private:
+    std::string name;
+    PeerForm form;
+    std::vector<double> ratios;
+};
+
+struct Peers {
+    PeerForms onednn, xnnpack;
+};
+
+// Runs all in turns; loop may be empty.
 void compare(benchmark::State& state, double numOfProducts, const Work& ours, const Work& loop,
-             const Work& peer) {
-    ShortestTime ourTime, loopTime, peerTime, peakTime;
+             const Peers& forms) {
+    ShortestTime loopTime, peakTime;
+    Peer peers[] = {{"onednn", forms.onednn}, {"xnnpack", forms.xnnpack}};
+    std::vector<double> ourTimes, otherPrefetch;
     const int numOfCalls = std::max(1, static_cast<int>(2e-4 / std::max(1e-7, timeBatch(3, ours))));
     const int numOfLoops = std::max(1, numOfCalls / 8);
     std::vector<double> fractions;
@@ -82,12 +124,17 @@ void compare(benchmark::State& state, double numOfProducts, const Work& ours, co
     for (auto _ : state) {
         plain::multiplyAndAddAtPeak();  // until the clock has settled
         const double peakOfTurn = peakTime.add(1, [&] { peakProducts = plain::multiplyAndAddAtPeak(); });
-        const double timeOfTurn = ourTime.add(numOfCalls, ours);
+        ours();  // brings its weights into the caches, as each of the others does before it counts
+        const double timeOfTurn = timeBatch(numOfCalls, ours);
+        ourTimes.push_back(1e6 * timeOfTurn);
         fractions.push_back(numOfProducts / timeOfTurn * peakOfTurn / static_cast<double>(peakProducts));
         if (loop) loopTime.add(numOfLoops, loop);
-        if (peer) peerTime.add(numOfCalls, peer);
+        for (Peer& peer : peers) peer.add(numOfCalls, timeOfTurn);
+        const zevrant::simd::ScopedPrefetch other(!zevrant::simd::asksAhead());
+        ours();
+        otherPrefetch.push_back(timeBatch(numOfCalls, ours) / timeOfTurn);
     }
-    const double us = ourTime.microseconds();
+    const double us = findMedian(ourTimes);
     const double peak = static_cast<double>(peakProducts) / peakTime.microseconds();
     state.counters["us"] = us;
     if (numOfProducts > 0) {
@@ -96,8 +143,11 @@ void compare(benchmark::State& state, double numOfProducts, const Work& ours, co
         state.counters["peak"] = fractions[fractions.size() * 9 / 10];
         state.counters["peakGFLOPs"] = 2e-3 * peak;
     }
+    state.counters["other_prefetch"] = findMedian(otherPrefetch);
     if (loop) state.counters["vs_loop"] = loopTime.microseconds() / us;
-    if (peer) state.counters["vs_onednn"] = us / peerTime.microseconds();
+    std::string label;
+    for (const Peer& peer : peers) peer.report(state, label);
+    state.SetLabel(label);
 }
 
 struct ConvCase {
@@ -141,7 +191,7 @@ void convolution(benchmark::State& state, const ConvCase& c) {
     compare(
         state, countTaps(shape) * c.inputs * c.outputs, [&] { conv.layer->push(slice, nullptr); },
         [&] { plain::convolve(shape, slices.data(), weights.data(), out.data()); },
-        onednn::makeConvolution(shape, 1));
+        {onednn::makeConvolution(shape, 1), xnnpack::makeConvolution(shape, 1)});
 }
 
 void channelWise(benchmark::State& state, const ConvCase& c) {
@@ -159,7 +209,7 @@ void channelWise(benchmark::State& state, const ConvCase& c) {
     compare(
         state, countTaps(shape) * c.outputs, [&] { conv.layer->push(slice, nullptr); },
         [&] { plain::convolveChannels(shape, slices.data(), weights.data(), out.data()); },
-        onednn::makeConvolution(shape, c.outputs));
+        {onednn::makeConvolution(shape, c.outputs), xnnpack::makeConvolution(shape, c.outputs)});
 }
 
 void transposed(benchmark::State& state, const ConvCase& c) {
@@ -192,7 +242,7 @@ void transposed(benchmark::State& state, const ConvCase& c) {
     compare(
         state, taps * c.kernelTime * c.inputs * c.outputs, [&] { conv.layer->push(slice, nullptr); },
         [&] { plain::convolveTransposed(shape, in.data(), weights.data(), rows.data()); },
-        onednn::makeTransposed(shape));
+        {onednn::makeTransposed(shape), xnnpack::makeTransposed(shape)});
 }
 
 // With weights of half precision where these are multiples of 1 / 1024.
@@ -207,7 +257,7 @@ void dense(benchmark::State& state, int F, int channels, bool hasHalves) {
     compare(
         state, double(F) * F * channels, [&] { layer.layer->push(slice, nullptr); },
         [&] { plain::multiplyDense(in.data(), F, channels, weights.data(), out.data()); },
-        onednn::makeDense(F, channels));
+        {onednn::makeDense(F, channels), xnnpack::makeDense(F, channels)});
     // Reading as many values from the same level of cache, in the same run.
     ShortestTime reading, ours;
     for (int i = 0; i < 300; ++i) {
@@ -222,14 +272,17 @@ void dense(benchmark::State& state, int F, int channels, bool hasHalves) {
     state.counters["of_read"] = reading.microseconds() / ours.microseconds();
 }
 
-void activation(benchmark::State& state, int typeCode, const writer::SingleSourceLayer& record) {
+void activation(benchmark::State& state, int typeCode, const writer::SingleSourceLayer& record,
+                const Peers& forms) {
     const LayerAlone layer(typeCode, record);
     const Tensor<float> slice = sliceOf(256, 64);
     const Values in = noise(16384);
     Values out(in.size());
     ShortestTime ours, copying;
+    Peer peers[] = {{"onednn", forms.onednn}, {"xnnpack", forms.xnnpack}};
     for (auto _ : state) {
-        ours.add(30, [&] { layer.layer->push(slice, nullptr); });
+        const double timeOfTurn = ours.add(30, [&] { layer.layer->push(slice, nullptr); });
+        for (Peer& peer : peers) peer.add(30, timeOfTurn);
         copying.add(30, [&] {
             zevrant::vo::copy(in.data(), out.data(), 16384);
             benchmark::ClobberMemory();
@@ -237,6 +290,9 @@ void activation(benchmark::State& state, int typeCode, const writer::SingleSourc
     }
     state.counters["us"] = ours.microseconds();
     state.counters["vs_copy"] = ours.microseconds() / copying.microseconds();
+    std::string label;
+    for (const Peer& peer : peers) peer.report(state, label);
+    state.SetLabel(label);
 }
 
 void rescale(benchmark::State& state) {
@@ -275,15 +331,21 @@ const int registered = [] {
     add("C_conv_1x1_64to64_F128", convolution, ConvCase{1, 1, 64, 64, 128, 1});
     add("D_channelwise_3x3_64_F128", channelWise, ConvCase{3, 3, 1, 64, 128, 1});
     add("E_conv_5x5_2to16_F513", convolution, ConvCase{5, 5, 2, 16, 513, 1});
+    add("E_conv_9x1_1to1_F2049", convolution, ConvCase{9, 1, 1, 1, 2049, 1});
+    add("E_conv_1x7_1to1_F2049", convolution, ConvCase{1, 7, 1, 1, 2049, 1});
+    add("E_conv_1x1_2to1_F2049", convolution, ConvCase{1, 1, 2, 1, 2049, 1});
+    add("E_conv_3x3_4to4_F513", convolution, ConvCase{3, 3, 4, 4, 513, 1});
     add("F_transposed_2x4_64to32_F64to128", transposed, ConvCase{2, 4, 64, 32, 64, 2});
     add("G_dense_F128_16", dense, 128, 16, false);
     add("G_dense_F128_16_halves", dense, 128, 16, true);
     add("G_dense_F256_16", dense, 256, 16, false);
     add("G_dense_F256_16_halves", dense, 256, 16, true);
-    add("H_elu_16384", activation, 5, writer::SingleSourceLayer(writer::ELU{}));
-    add("H_sigmoid_16384", activation, 6, writer::SingleSourceLayer(writer::Sigmoid{}));
-    add("H_hardsigmoid_16384", activation, 20, writer::SingleSourceLayer(writer::HardSigmoid{}));
-    add("H_leakyrelu_16384", activation, 12, writer::SingleSourceLayer(writer::LeakyReLU{0.1f}));
+    add("H_elu_16384", activation, 5, writer::SingleSourceLayer(writer::ELU{}),
+        Peers{onednn::makeElu(16384), xnnpack::makeElu(16384)});
+    add("H_sigmoid_16384", activation, 6, writer::SingleSourceLayer(writer::Sigmoid{}),
+        Peers{onednn::makeSigmoid(16384), xnnpack::makeSigmoid(16384)});
+    add("H_hardsigmoid_16384", activation, 20, writer::SingleSourceLayer(writer::HardSigmoid{}), Peers{});
+    add("H_leakyrelu_16384", activation, 12, writer::SingleSourceLayer(writer::LeakyReLU{0.1f}), Peers{});
     add("I_rescale_513to64_16taps_16", rescale);
     add("J_transposed_2x4_32to2_F128to256", transposed, ConvCase{2, 4, 32, 2, 128, 2});
     add("K_attention_64_F64_history8", alone, 19,

@@ -133,7 +133,8 @@ struct SlidingChannels {
     const float* first;
     std::ptrdiff_t firstStep;
     float* out;
-    float* to;  // where the last slice is stored on its way; may be null
+    float* to;     // where the last slice is stored on its way; may be null
+    bool isAhead;  // whether places are asked for ahead of their stores
 };
 
 // Tiles of Rows output frequencies from f on, each with all channels before the next, as they lie in memory.
@@ -141,14 +142,15 @@ template <int Rows, int Taps>
 void slideOverChannels(const SlidingChannels& shared, std::ptrdiff_t f, std::ptrdiff_t numOfTiles) {
     constexpr std::size_t lanes = kNumOfLanes;
     constexpr auto step = static_cast<std::ptrdiff_t>(kSlidingVectors * lanes);
-    const auto [slices, numOfSlices, numOfChannels, start, weights, first, firstStep, out, to] = shared;
+    const auto [slices, numOfSlices, numOfChannels, start, weights, first, firstStep, out, to, isAhead] =
+        shared;
     for (; numOfTiles > 0; --numOfTiles, f += Rows)
         for (std::ptrdiff_t c = 0; c < numOfChannels; c += step) {
             const std::ptrdiff_t in = (start + f) * numOfChannels + c;
             Tile<Rows, kSlidingVectors> sums;
             startTile<Rows, kSlidingVectors>(first ? first + f * firstStep + c : nullptr, firstStep, lanes,
                                              sums);
-            prefetchTile<Rows, kSlidingVectors>(out + f * numOfChannels + c, numOfChannels);
+            if (isAhead) prefetchTile<Rows, kSlidingVectors>(out + f * numOfChannels + c, numOfChannels);
             const float* w = weights + c;
             for (std::ptrdiff_t r = 0; r < numOfSlices - 1; ++r, w += Taps * numOfChannels)
                 slideOverSlice<Rows, Taps, false>(slices[r] + in, w, numOfChannels, nullptr, sums);
@@ -238,7 +240,8 @@ void convolveChannelSlices(const Convolution& whole, const float* const* slices,
                                             first,
                                             firstStep,
                                             out,
-                                            endsWithNewSlice ? store.to : nullptr};
+                                            endsWithNewSlice ? store.to : nullptr,
+                                            simd::asksAhead()};
             (*slidingTiles)[larger](shared, begin,
                                     tiles.numOfLarger > 0 ? tiles.numOfLarger : tiles.numOfParts);
             if (tiles.numOfLarger > 0 && tiles.numOfLarger < tiles.numOfParts)

@@ -10,6 +10,7 @@
 #define HWY_TARGET_INCLUDE "kernels/ConvolutionKernels.cpp"
 #include "hwy/foreach_target.h"  // from here on once per instruction set
 
+#include "kernels/NarrowTiles-inl.h"
 #include "kernels/ProductTiles-inl.h"
 #include "kernels/SliceStoring-inl.h"
 #include "simd/Dispatch.h"
@@ -161,7 +162,11 @@ void sumColumns(const Convolution& shape, const float* const* slices, const Pack
                                           out + block.firstOutput,
                                           block.lanesOfLastVector};
         sumRows<TileAtEdge>(column, block.width, 0, inside.begin, storeUpTo);
-        if (block.isAhead)
+        if (isNarrow(shape, first, firstStep) &&
+            inside.end - inside.begin >= static_cast<std::ptrdiff_t>(kNumOfLanes))
+            findNarrowRows<decltype(storeUpTo)>(shape)({shape, slices, block.weights, first, firstStep, out},
+                                                       inside.begin, inside.end, storeUpTo);
+        else if (block.isAhead)
             sumRows<TileInside<true>>(column, block.width, inside.begin, inside.end, storeUpTo);
         else
             sumRows<TileInside<false>>(column, block.width, inside.begin, inside.end, storeUpTo);

@@ -65,7 +65,7 @@ bool packAsHalves(const float* values, std::size_t count, std::uint16_t* halves)
 // Vectors sums over all input frequencies, their weights being one stream that is read once. With
 // isAlongChannels a vector holds channels of one output frequency, and they share the input vector;
 // otherwise it holds output frequencies of one channel, and they share the input value.
-template <int Vectors, class Weight>
+template <int Vectors, bool isAhead, class Weight>
 void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std::ptrdiff_t numOfChannels,
               const Weight* HWY_RESTRICT weights, bool isAlongChannels, float* HWY_RESTRICT sums) {
     const Floats d;
@@ -77,7 +77,7 @@ void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std
         const Vector x = isAlongChannels ? hn::LoadU(d, in) : hn::Set(d, *in);
         ZEVRANT_UNROLL
         for (int v = 0; v < Vectors; ++v) {
-            hwy::Prefetch(weights + 2048 / sizeof(Weight));
+            if constexpr (isAhead) hwy::Prefetch(weights + 2048 / sizeof(Weight));
             sum[v] = hn::MulAdd(x, loadWeights(weights), sum[v]);
             weights += numOfLanes;
         }
@@ -88,10 +88,11 @@ void sumDense(const float* HWY_RESTRICT in, std::ptrdiff_t numOfFrequencies, std
 
 template <class Weight>
 using SumDense = void (*)(const float*, std::ptrdiff_t, std::ptrdiff_t, const Weight*, bool, float*);
-template <class Weight>
+template <class Weight, bool isAhead>
 constexpr std::array<SumDense<Weight>, kVectorsPerDenseBlock> kDenseBlocks = {
-    sumDense<1, Weight>, sumDense<2, Weight>, sumDense<3, Weight>, sumDense<4, Weight>,
-    sumDense<5, Weight>, sumDense<6, Weight>, sumDense<7, Weight>, sumDense<8, Weight>};
+    sumDense<1, isAhead, Weight>, sumDense<2, isAhead, Weight>, sumDense<3, isAhead, Weight>,
+    sumDense<4, isAhead, Weight>, sumDense<5, isAhead, Weight>, sumDense<6, isAhead, Weight>,
+    sumDense<7, isAhead, Weight>, sumDense<8, isAhead, Weight>};
 
 template <class Weight>
 void multiplyDenseBy(const Weight* weights, const float* in, std::ptrdiff_t numOfFrequencies,
@@ -101,11 +102,12 @@ void multiplyDenseBy(const Weight* weights, const float* in, std::ptrdiff_t numO
     const bool isAlongChannels = packed.numOfMatrices != numOfChannels;
     const std::ptrdiff_t channelStep = isAlongChannels ? numOfLanes : 1;
     const EvenSplit blocks(numOfVectors, packed.vectorsPerBlock);
+    const auto& sumBlock = simd::asksAhead() ? kDenseBlocks<Weight, true> : kDenseBlocks<Weight, false>;
     for (std::ptrdiff_t c = 0; c < numOfChannels; c += channelStep)
         for (std::ptrdiff_t b = 0, o = 0; b < blocks.numOfParts; ++b) {
             const std::ptrdiff_t vectors = blocks.sizeOf(b);
-            kDenseBlocks<Weight>[static_cast<std::size_t>(vectors - 1)](
-                in + c, numOfFrequencies, numOfChannels, weights, isAlongChannels, sums);
+            sumBlock[static_cast<std::size_t>(vectors - 1)](in + c, numOfFrequencies, numOfChannels, weights,
+                                                            isAlongChannels, sums);
             weights += vectors * numOfLanes * packed.numOfTerms;
             if (isAlongChannels) {
                 for (std::ptrdiff_t v = 0; v < vectors; ++v, ++o)

@@ -66,17 +66,24 @@ PackedWeights packBlocks(const float* weights, std::ptrdiff_t numOfMatrices, std
     const std::ptrdiff_t numOfLanes = packed.numOfLanes, numOfVectors = getNumOfVectors(packed);
     const std::ptrdiff_t numOfValues = packed.numOfMatrices * packed.numOfTerms * numOfVectors * numOfLanes;
     packed.share = MemoryBudget::Share(numOfValues * std::ptrdiff_t{sizeof(float)});
-    packed.values.resize(static_cast<std::size_t>(numOfValues));
-    float* out = packed.values.data();
+    AlignedValues& values = packed.values;
+    values.reserve(static_cast<std::size_t>(numOfValues));  // and each value is written once
+    std::vector<float> row(static_cast<std::size_t>(vectorsPerBlock * numOfLanes));
     const EvenSplit blocks(numOfVectors, vectorsPerBlock);
     for (std::ptrdiff_t matrix = 0; matrix < packed.numOfMatrices; ++matrix)
         for (std::ptrdiff_t b = 0, begin = 0; b < blocks.numOfParts; ++b) {
             const std::ptrdiff_t end = begin + blocks.sizeOf(b) * numOfLanes;
-            for (std::ptrdiff_t term = 0; term < packed.numOfTerms; ++term)
-                for (std::ptrdiff_t output = begin; output < end; ++output)
-                    *out++ = output < packed.numOfOutputs
-                                 ? weights[matrix * steps.matrix + term * steps.term + output * steps.output]
-                                 : 0.0f;
+            const std::ptrdiff_t count = std::min(end, packed.numOfOutputs) - begin;
+            for (std::ptrdiff_t term = 0; term < packed.numOfTerms; ++term) {
+                const float* in = weights + matrix * steps.matrix + term * steps.term + begin * steps.output;
+                if (steps.output != 1) {
+                    for (std::ptrdiff_t i = 0; i < count; ++i)
+                        row[static_cast<std::size_t>(i)] = in[i * steps.output];
+                    in = row.data();
+                }
+                values.insert(values.end(), in, in + count);
+                values.insert(values.end(), static_cast<std::size_t>(end - begin - count), 0.0f);
+            }
             begin = end;
         }
     return packed;

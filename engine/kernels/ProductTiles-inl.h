@@ -17,6 +17,7 @@
 
 #include "kernels/EvenSplit.h"
 #include "kernels/PackedWeights.h"
+#include "simd/Dispatch.h"
 #include "simd/Tiles-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -25,7 +26,7 @@ namespace zevrant::kernels::HWY_NAMESPACE {
 using namespace zevrant::simd::HWY_NAMESPACE;
 
 // Weights that every tile reads anew stay in the first level of cache up to this number; more are asked
-// for some terms ahead.
+// for some terms ahead, where the processor gains from that.
 inline constexpr std::ptrdiff_t kMaxWeightsAtHand = 6144;
 inline constexpr std::ptrdiff_t kTermsAhead = 8;
 
@@ -110,7 +111,7 @@ void forEachBlock(const PackedWeights& packed, std::ptrdiff_t matrix, Use use) {
         const std::ptrdiff_t numOfOutputs = std::min(lanes, packed.numOfOutputs - output);
         use(OutputBlock{weights, output, static_cast<std::size_t>(vectors - 1),
                         static_cast<std::size_t>(numOfOutputs - (vectors - 1) * numOfLanes),
-                        packed.numOfTerms * lanes > kMaxWeightsAtHand});
+                        packed.numOfTerms * lanes > kMaxWeightsAtHand && simd::asksAhead()});
         output += numOfOutputs;
         weights += packed.numOfTerms * lanes;
     }

@@ -46,8 +46,9 @@ void widenHalves(const std::uint16_t* halves, float* out, int count) {
 
 // Whatever the stream does not hold any more stays zero, and loading goes on.
 void readOrClear(InputStream& stream, void* destination, int numOfBytes) {
-    std::memset(destination, 0, static_cast<std::size_t>(numOfBytes));
-    stream.read(destination, numOfBytes);
+    const int count = std::clamp(stream.read(destination, numOfBytes), 0, numOfBytes);
+    std::memset(static_cast<unsigned char*>(destination) + count, 0,
+                static_cast<std::size_t>(numOfBytes - count));
 }
 
 // Halves are read in one piece to where the second half of the floats will stand, and widened from there

@@ -65,6 +65,16 @@ std::size_t chooseTarget() noexcept;
 // Whether this processor runs the functions at that place of a table.
 bool isUsable(std::size_t index) noexcept;
 
+// Whether this processor runs faster when weights that stream past are asked for ahead; 0, 1, or -1 until
+// that has been found out. Results do not depend on it.
+inline constinit std::atomic<int> isPrefetchUseful{-1};
+int choosePrefetch() noexcept;
+
+inline bool asksAhead() noexcept {
+    const int choice = isPrefetchUseful.load(std::memory_order_relaxed);
+    return (HWY_LIKELY(choice >= 0) ? choice : choosePrefetch()) != 0;
+}
+
 inline std::size_t getTargetIndex() noexcept {
     if constexpr (kNumOfTargets == 1) return 0;
     const std::size_t index = targetIndex.load(std::memory_order_relaxed);

@@ -19,4 +19,12 @@ ScopedTarget::~ScopedTarget() {
     chooseTarget();
 }
 
+ScopedPrefetch::ScopedPrefetch(bool isUseful) {
+    isPrefetchUseful.store(isUseful ? 1 : 0, std::memory_order_relaxed);
+}
+
+ScopedPrefetch::~ScopedPrefetch() {
+    choosePrefetch();
+}
+
 }  // namespace zevrant::simd

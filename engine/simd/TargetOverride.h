@@ -26,4 +26,14 @@ class ScopedTarget {
     ScopedTarget& operator=(const ScopedTarget&) = delete;
 };
 
+// For its life the kernels ask for weights ahead, or not, whatever suits the processor. As above.
+class ScopedPrefetch {
+  public:
+    explicit ScopedPrefetch(bool isUseful);
+    ~ScopedPrefetch();
+
+    ScopedPrefetch(const ScopedPrefetch&) = delete;
+    ScopedPrefetch& operator=(const ScopedPrefetch&) = delete;
+};
+
 }  // namespace zevrant::simd

@@ -142,6 +142,13 @@ TEST_F(ReportsTest, benchTimesEveryRateAndBlockSize) {
         EXPECT_LE(timing["medianMilliseconds"], timing["percentile99Milliseconds"]);
         EXPECT_LE(timing["percentile99Milliseconds"], timing["percentile999Milliseconds"]);
         EXPECT_LE(timing["percentile999Milliseconds"], timing["worstMilliseconds"]);
+        // A thread has a core for no longer than the clock runs, give or take the reading of two clocks.
+        const Json& processor = timing["processorMilliseconds"];
+        for (const char* part : {"median", "percentile99", "percentile999", "worst"}) {
+            EXPECT_GE(processor[part], 0.0);
+            EXPECT_LE(processor[part], timing[std::string(part) + "Milliseconds"].get<double>() + 0.05);
+        }
+        EXPECT_GT(timing["processorShare"], 0.0);
     }
     EXPECT_THAT(run({"bench", folder.getPath("small.zevrant"), "--block", "64", "--seconds", "0"}).out,
                 HasSubstr("96000     64"));

@@ -110,6 +110,7 @@ TEST_P(Kernels, convolveIsThePlainLoop) {
             shape.numOfInputs = kWidths[turn % 11];
             shape.numOfOutputs = kWidths[turn / 3 % std::size(kWidths)];
             SCOPED_TRACE(describe(shape));
+            const simd::ScopedPrefetch prefetch(turn % 2 == 0);
             const std::ptrdiff_t numOfTerms = shape.numOfSlices * shape.numOfTaps * shape.numOfInputs;
             const SlicesOfAStream slices(shape, shape.numOfInputs, turn);
             const Values weights = noise(numOfTerms * shape.numOfOutputs, 2);
@@ -126,6 +127,34 @@ TEST_P(Kernels, convolveIsThePlainLoop) {
             ASSERT_EQ(slices.rows.back(), slices.newest);
         }
     });
+}
+
+// Few channels in and out over bands that are long enough for tiles of frequencies, and for a rest of any
+// size.
+TEST_P(Kernels, narrowConvolutionIsThePlainLoop) {
+    std::size_t turn = 0;
+    for (std::ptrdiff_t numOfInputs : {1, 2, 3, 4, 5})
+        for (std::ptrdiff_t numOfOutputs : {1, 2, 3, 4, 5})
+            for (std::ptrdiff_t frequencies : {27, 29, 37, 64, 151, 303}) {
+                const std::ptrdiff_t numOfTaps = 1 + std::ptrdiff_t(turn % 7), numOfSlices = 1 + turn % 2;
+                const Convolution shape = {numOfSlices, numOfTaps,   numOfInputs, numOfOutputs,
+                                           frequencies, frequencies, 1,           -((numOfTaps - 1) / 2)};
+                SCOPED_TRACE(describe(shape));
+                const SlicesOfAStream slices(shape, numOfInputs, turn);
+                const std::ptrdiff_t numOfTerms = numOfSlices * numOfTaps * numOfInputs;
+                const Values weights = noise(numOfTerms * numOfOutputs, 2);
+                const Values first = noise(frequencies * numOfOutputs, 3);
+                Values out(first.size(), -1.0f), expected = out;
+                const float* from = turn % 3 == 2 ? nullptr : first.data();
+                const std::ptrdiff_t step = turn % 3 == 0 ? 0 : numOfOutputs;
+                convolve(shape, slices.pointers.data(), packConvolution(weights.data(), shape), from, step,
+                         out.data(), slices.store);
+                plain::convolve(shape, slices.sources.data(), numOfInputs, weights.data(), from, step,
+                                expected.data());
+                ASSERT_NO_FATAL_FAILURE(expectSame(out, expected, numOfTerms));
+                ASSERT_EQ(slices.rows.back(), slices.newest);
+                ++turn;
+            }
 }
 
 // Rows times vectors of every tile, and the even splits into them.
@@ -229,6 +258,7 @@ TEST_P(Kernels, multiplyDenseIsThePlainLoop) {
     for (std::ptrdiff_t frequencies : {1, 2, 7, 8, 9, 17, 33, 130})
         for (std::ptrdiff_t channels : kWidths) {
             SCOPED_TRACE(testing::Message() << frequencies << " frequencies, " << channels << " channels");
+            const simd::ScopedPrefetch prefetch(channels % 2 == 0);
             const Values in = noise(frequencies * channels, 1);
             const Values weights = noise(frequencies * frequencies * channels, 2);
             Values out(in.size()), expected(in.size());

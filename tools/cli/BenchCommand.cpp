@@ -3,7 +3,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <memory>
+#include <numeric>
+#include <utility>
+#include <vector>
 
 #include "cli/Commands.h"
 #include "cli/Interruption.h"
@@ -19,13 +23,36 @@ namespace {
 constexpr int fewestBlocks = 1000;     // for a 99.9th percentile
 constexpr double warmUpSeconds = 0.5;  // of audio, beyond the latency
 
+// Milliseconds per block.
+struct Percentiles {
+    explicit Percentiles(std::vector<double> times) {
+        std::sort(times.begin(), times.end());
+        const auto percentile = [&](double part) {
+            const double place = std::ceil(part * static_cast<double>(times.size()));
+            return times[std::min(times.size() - 1, static_cast<std::size_t>(place) - 1)];
+        };
+        median = percentile(0.5), percentile99 = percentile(0.99), percentile999 = percentile(0.999);
+        worst = times.back();
+    }
+    double median, percentile99, percentile999, worst;
+};
+
 struct Timing {
     double sampleRate;
     int blockSize;
     int numOfBlocks;
-    double speed;                                       // times real time
-    double median, percentile99, percentile999, worst;  // milliseconds per block
+    double speed;           // times real time
+    double processorShare;  // of a core, while the block lasts
+    Percentiles clock;      // by the clock on the wall
+    Percentiles processor;  // while this thread had a core
 };
+
+// Seconds that this thread has had a core for.
+double readThreadClock() {
+    std::timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
 
 // White noise at -20 dB that is the same in every run.
 std::vector<float> makeNoise(std::size_t numOfValues) {
@@ -49,29 +76,33 @@ Timing measure(const Model& model, int channels, double sampleRate, int blockSiz
     const std::size_t cycle = std::max<std::size_t>(static_cast<std::size_t>(sampleRate), 1);
     const std::vector<float> noise = makeNoise((cycle + static_cast<std::size_t>(blockSize)) * width);
     std::vector<float> output(static_cast<std::size_t>(blockSize) * width);
-    std::vector<double> times;
+    std::vector<double> times, processorTimes;
     times.reserve(static_cast<std::size_t>(numOfBlocks));
+    processorTimes.reserve(static_cast<std::size_t>(numOfBlocks));
 
     std::size_t position = 0;
     for (int i = -numOfWarmUps; i < numOfBlocks; ++i) {
         stopIfInterrupted();
         const Clock::time_point start = Clock::now();
+        const double processorStart = readThreadClock();
         mixer.addInterleaved(noise.data() + position * width, blockSize);
         while (mixer.getNumOfPendingSamples() >= blockSize) mixer.takeInterleaved(output.data(), blockSize);
-        if (i >= 0) times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        if (i >= 0) {
+            processorTimes.push_back(1000.0 * (readThreadClock() - processorStart));
+            times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        }
         position = (position + static_cast<std::size_t>(blockSize)) % cycle;
     }
-    double sum = 0.0;
-    for (const double time : times) sum += time;
-    std::sort(times.begin(), times.end());
-    const auto percentile = [&](double part) {
-        return times[std::min(
-            times.size() - 1,
-            static_cast<std::size_t>(std::ceil(part * static_cast<double>(times.size()))) - 1)];
-    };
-    const double blockMilliseconds = 1000.0 * blockSize / sampleRate;
-    return {sampleRate,      blockSize,        numOfBlocks,       blockMilliseconds * numOfBlocks / sum,
-            percentile(0.5), percentile(0.99), percentile(0.999), times.back()};
+    const double audio = 1000.0 * blockSize / sampleRate * numOfBlocks;
+    const double sum = std::accumulate(times.begin(), times.end(), 0.0);
+    const double processorSum = std::accumulate(processorTimes.begin(), processorTimes.end(), 0.0);
+    return {sampleRate,
+            blockSize,
+            numOfBlocks,
+            audio / sum,
+            processorSum / audio,
+            Percentiles(std::move(times)),
+            Percentiles(std::move(processorTimes))};
 }
 
 struct BenchCommand {
@@ -90,7 +121,9 @@ struct BenchCommand {
         if (!asJson) {
             std::printf("%s, %d channels, one thread; milliseconds per block\n\n",
                         makeHarmless(opened.network.modelName).c_str(), numOfChannels);
-            std::printf("    rate  block  lasts    median  99 %%      99.9 %%    worst     speed\n");
+            std::printf(
+                "    rate  block  lasts    median  99 %%      99.9 %%    worst     speed\n"
+                "        of them on a core:                                         load\n");
         }
         for (const double sampleRate : sampleRates)
             for (const int blockSize : blockSizes) {
@@ -106,21 +139,36 @@ struct BenchCommand {
     }
 
     static void print(const Timing& timing) {
-        std::printf("%8g %6d %6.2f  %8.4f  %8.4f  %8.4f  %8.4f  %6.1f x\n", timing.sampleRate,
-                    timing.blockSize, 1000.0 * timing.blockSize / timing.sampleRate, timing.median,
-                    timing.percentile99, timing.percentile999, timing.worst, timing.speed);
+        const auto printPercentiles = [](const Percentiles& times) {
+            std::printf("  %8.4f  %8.4f  %8.4f  %8.4f", times.median, times.percentile99, times.percentile999,
+                        times.worst);
+        };
+        std::printf("%8g %6d %6.2f", timing.sampleRate, timing.blockSize,
+                    1000.0 * timing.blockSize / timing.sampleRate);
+        printPercentiles(timing.clock);
+        std::printf("  %6.1f x\n%22s", timing.speed, "");
+        printPercentiles(timing.processor);
+        std::printf("  %6.1f %%\n", 100.0 * timing.processorShare);
         std::fflush(stdout);
     }
 
     static Json toJson(const Timing& timing) {
+        const auto percentiles = [](const Percentiles& times) {
+            return Json({{"median", times.median},
+                         {"percentile99", times.percentile99},
+                         {"percentile999", times.percentile999},
+                         {"worst", times.worst}});
+        };
         return {{"sampleRate", timing.sampleRate},
                 {"blockSize", timing.blockSize},
                 {"numOfBlocks", timing.numOfBlocks},
                 {"timesRealTime", timing.speed},
-                {"medianMilliseconds", timing.median},
-                {"percentile99Milliseconds", timing.percentile99},
-                {"percentile999Milliseconds", timing.percentile999},
-                {"worstMilliseconds", timing.worst}};
+                {"medianMilliseconds", timing.clock.median},
+                {"percentile99Milliseconds", timing.clock.percentile99},
+                {"percentile999Milliseconds", timing.clock.percentile999},
+                {"worstMilliseconds", timing.clock.worst},
+                {"processorShare", timing.processorShare},
+                {"processorMilliseconds", percentiles(timing.processor)}};
     }
 };
 
