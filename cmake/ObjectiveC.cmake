@@ -1,5 +1,5 @@
 # The Objective-C adapter: on Apple hosts against Foundation, elsewhere against GNUstep with g++ (Debian
-# gobjc++ and libgnustep-base-dev).
+# gobjc++ and libgnustep-base-dev, which needs make).
 if(NOT APPLE AND NOT CMAKE_OBJCXX_COMPILER)
   set(CMAKE_OBJCXX_COMPILER "${CMAKE_CXX_COMPILER}")
 endif()
@@ -12,6 +12,9 @@ if(APPLE)
 else()
   find_program(ZEVRANT_GNUSTEP_CONFIG gnustep-config REQUIRED)
   execute_process(COMMAND ${ZEVRANT_GNUSTEP_CONFIG} --objc-flags OUTPUT_VARIABLE flags COMMAND_ERROR_IS_FATAL ANY)
+  if(NOT flags MATCHES "GNUSTEP")
+    message(FATAL_ERROR "${ZEVRANT_GNUSTEP_CONFIG} tells no flags: it asks make for them, which may be missing")
+  endif()
   separate_arguments(flags UNIX_COMMAND "${flags}")
   foreach(flag IN LISTS flags)
     if(flag MATCHES "^-I(/.*)")
