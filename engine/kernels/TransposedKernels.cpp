@@ -114,6 +114,7 @@ void addProducts(const float* in, std::ptrdiff_t numOfRows, const PackedWeights&
 // A slot that is whole goes on: out = slot + bias, and the slot is cleared. Rows shorter than a vector run
 // together: their biases repeat every length vectors.
 void finishRows(float* slot, const float* bias, std::ptrdiff_t numOfRows, std::ptrdiff_t length, float* out) {
+    if (numOfRows <= 0) return;  // and then a bias may be shorter than the channels that are not there
     const Floats d;
     constexpr auto numOfLanes = static_cast<std::ptrdiff_t>(kNumOfLanes);
     HWY_ALIGN float pattern[kNumOfLanes * kNumOfLanes];
