@@ -113,6 +113,14 @@ TEST(TransposedConvLayer, aWriteBehindTheRingIsRefused) {
     EXPECT_EQ(test.layer->timeIndex, 0);
 }
 
+// Sanitizers see whether it is.
+TEST(TransposedConvLayer, withoutFrequenciesAShortBiasIsNotRead) {
+    Transposed test({noiseWeights({1, 1, 3, 2}, 1), {{1}, {100}}, 1, 1});
+    test.push(tensorOf({1, 0, 2}, {}));
+    EXPECT_TRUE(test.sink.values.empty());
+    EXPECT_THROW(test.push(tensorOf({1, 2, 2}, noise(4, 2))), std::invalid_argument);
+}
+
 TEST(TransposedConvLayer, aSliceThatArrivesLeavesTheOthersWaiting) {
     Transposed test({{{2, 1, 1, 1}, {1, 10}}, {{1}, {100}}, 1, 2});
     EXPECT_TRUE(test.push(tensorOf({1, 1, 1}, {1})));
