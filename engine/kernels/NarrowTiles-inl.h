@@ -117,7 +117,8 @@ void sumNarrowRows(const NarrowColumn& column, std::ptrdiff_t begin, std::ptrdif
 
 // Whether lanes are better filled with frequencies than with outputs.
 inline bool isNarrow(const Convolution& shape, const float* first, std::ptrdiff_t firstStep) {
-    return kNumOfLanes >= 4 && shape.frequencyStride == 1 && shape.numOfInputs <= kMaxNarrowChannels &&
+    return kNumOfLanes >= 4 && shape.frequencyStride == 1 && shape.numOfInputs >= 1 &&
+           shape.numOfInputs <= kMaxNarrowChannels && shape.numOfOutputs >= 1 &&
            shape.numOfOutputs <= kMaxNarrowChannels &&
            2 * shape.numOfOutputs <= static_cast<std::ptrdiff_t>(kNumOfLanes) &&
            (!first || firstStep == 0 || firstStep == shape.numOfOutputs);
